@@ -1,0 +1,112 @@
+// The engine's message loop: posted work and timers, on one thread.
+//
+// A program calls run() and every callback then happens on its thread. Other
+// threads hand work to it with post(). Tests drive the same loop by hand:
+// runUntilIdle() runs whatever is ready, and a dispatcher made with a manual
+// clock lets advance() move time, firing every timer that falls due on the
+// way, in order, without any real waiting.
+//
+// An exception that a callback lets out is caught here, logged as an error
+// with its text, and the loop goes on.
+#ifndef ZARVO_MESSAGE_DISPATCHER_H
+#define ZARVO_MESSAGE_DISPATCHER_H
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+
+namespace zarvo {
+
+/// How a timer repeats. The numbers are part of the interface.
+enum ZvuTimerMessageMode : int {
+    ZvuTimerMessageModeSingleShot = 1,  ///< fires once, then removes itself
+    ZvuTimerMessageModeRepeat = 2,      ///< fires every interval until removed
+};
+
+/// What a timer handler is told.
+struct TimerMessageArguments {
+    std::chrono::milliseconds interval;   ///< the timer's period
+    std::chrono::milliseconds timestamp;  ///< the dispatcher's clock at firing
+};
+
+class ZvuMessageDispatcher {
+public:
+    enum class Clock { Steady, Manual };
+
+    explicit ZvuMessageDispatcher(Clock clock = Clock::Steady);
+    ~ZvuMessageDispatcher();
+    ZvuMessageDispatcher(const ZvuMessageDispatcher&) = delete;
+    ZvuMessageDispatcher& operator=(const ZvuMessageDispatcher&) = delete;
+
+    /// Queues `task` to run on the loop's thread. Callable from any thread.
+    void post(std::function<void()> task);
+
+    /// Registers a timer; see addTimerHandler().
+    std::shared_ptr<void> addTimer(std::chrono::milliseconds interval, ZvuTimerMessageMode mode,
+                                   std::function<void(const TimerMessageArguments&)> handler);
+    /// Ends a timer. Safe from inside its own handler, and for a null or
+    /// already removed token.
+    void removeTimer(const std::shared_ptr<void>& token);
+
+    /// Runs posted work and due timers until nothing is ready. Gives the
+    /// number of callbacks run.
+    std::size_t runUntilIdle();
+
+    /// Manual clock only: moves the clock forward by `by`, stopping at each
+    /// timer's due time to fire it and run what became ready.
+    void advance(std::chrono::milliseconds by);
+
+    /// Runs the loop on the calling thread until quit(). With the manual
+    /// clock it returns once idle, as it cannot wait for time to pass.
+    void run();
+    /// Runs until `done` is true, quit() is called or `timeout` passes.
+    /// Gives the value of `done` at the end.
+    bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
+    /// Makes run() return. Callable from any thread.
+    void quit();
+
+    /// The dispatcher's clock, from an arbitrary start.
+    std::chrono::milliseconds now() const;
+
+    /// Number of timers registered.
+    std::size_t timerCount() const;
+
+private:
+    struct Timer;
+    bool runOneReady();
+    std::shared_ptr<Timer> nextDueTimer(std::chrono::milliseconds at);
+    void fire(const std::shared_ptr<Timer>& timer);
+    void invoke(const std::function<void()>& task);
+
+    const Clock clock;
+    const std::chrono::steady_clock::time_point start;
+    std::chrono::milliseconds manualNow{0};
+
+    mutable std::mutex mutex;
+    std::condition_variable wake;
+    std::deque<std::function<void()>> posted;
+    bool quitRequested = false;
+
+    // Timers belong to the loop's thread; only posted work crosses threads.
+    std::multimap<std::chrono::milliseconds, std::shared_ptr<Timer>> timers;
+    std::uint64_t nextTimerSequence = 0;
+};
+
+/// Registers `handler` to be called every `interval` (mode 2) or once
+/// (mode 1). Gives the registration's token.
+std::shared_ptr<void> addTimerHandler(ZvuMessageDispatcher* dispatcher, std::chrono::milliseconds interval,
+                                      ZvuTimerMessageMode mode,
+                                      std::function<void(const TimerMessageArguments&)> handler);
+
+/// Ends the registration of `token`. May be called from within the handler.
+void removeTimerHandler(ZvuMessageDispatcher* dispatcher, std::shared_ptr<void> token);
+
+}  // namespace zarvo
+
+#endif

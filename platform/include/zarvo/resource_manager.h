@@ -1,0 +1,92 @@
+// The resource manager: resources by name, loading in the background, and
+// handlers for URL schemes.
+//
+// Threads: every operation is called on the loop's thread. A load task's
+// loadFunction and finishFunction run on a resource loader thread; its
+// getResult and every completion callback run on the loop's thread.
+#ifndef ZARVO_RESOURCE_MANAGER_H
+#define ZARVO_RESOURCE_MANAGER_H
+
+#include <zarvo/string_view.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_set>
+
+namespace zarvo {
+
+class Domain;
+class Resource;
+class ResourceLoaderThreadContext;
+class ZvcMemoryManager;
+
+class ResourceManager {
+public:
+    /// One background load: loadFunction and finishFunction on a loader
+    /// thread, one after the other; getResult last, on the loop's thread.
+    class LoadTask {
+    public:
+        virtual ~LoadTask();
+        virtual void loadFunction(const ResourceLoaderThreadContext* context) = 0;
+        virtual void finishFunction(const ResourceLoaderThreadContext* context) = 0;
+        /// The resource made, or null if the load failed.
+        virtual std::shared_ptr<Resource> getResult() = 0;
+    };
+
+    /// Answers a request for a URL of its scheme: either a resource at once
+    /// (`resource`) or a task that makes it (`task`). Arguments: manager, URL,
+    /// base path, resource type, flags, locale, user data, and the two outs.
+    using ProtocolHandler = std::int32_t (*)(ResourceManager* manager, string_view url, string_view basePath,
+                                             string_view resourceType, std::uint32_t flags, string_view locale,
+                                             void* userData, std::shared_ptr<Resource>& resource,
+                                             std::shared_ptr<LoadTask>& task);
+    /// Optional follow-up of a handler, given the task it made.
+    using ProtocolHandlerFunction =
+        std::function<std::int32_t(ResourceManager*, string_view, string_view, string_view, std::uint32_t,
+                                   string_view, void*, LoadTask*)>;
+
+    explicit ResourceManager(Domain* domain);
+    ~ResourceManager();
+    ResourceManager(const ResourceManager&) = delete;
+    ResourceManager& operator=(const ResourceManager&) = delete;
+
+    /// The resource registered or loaded under `url`; null if there is none.
+    std::shared_ptr<Resource> tryAcquireResource(string_view url);
+    /// The resource if it is loaded already; null otherwise. Starts nothing.
+    std::shared_ptr<Resource> acquireLoadedResource(string_view url) const;
+    /// Starts loading every URL not loaded yet and calls `finished` on the
+    /// loop's thread once all are in, failed ones included. Gives a handle
+    /// that may be dropped at once; the load goes on.
+    std::shared_ptr<void> acquireResourcesAsync(const std::unordered_set<std::string>& urls,
+                                                std::function<void()> finished);
+
+    void registerProtocolHandler(const char* protocol, ProtocolHandler handler, ProtocolHandlerFunction function,
+                                 void* userData);
+    bool supportsProtocolHandler(const char* protocol) const;
+
+    Domain* getDomain() const { return domain; }
+    ZvcMemoryManager* getMemoryManager() const;
+
+    /// Host side: makes `resource` known under `name`, replacing any other.
+    void registerResource(const std::string& name, std::shared_ptr<Resource> resource);
+    /// Host side: forgets the resource under `name`.
+    void unregisterResource(const std::string& name);
+
+private:
+    struct ProtocolEntry {
+        ProtocolHandler handler;
+        ProtocolHandlerFunction function;
+        void* userData;
+    };
+
+    Domain* domain;
+    std::map<std::string, std::shared_ptr<Resource>, std::less<>> resources;
+    std::map<std::string, ProtocolEntry, std::less<>> protocols;
+};
+
+}  // namespace zarvo
+
+#endif
