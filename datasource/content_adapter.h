@@ -19,6 +19,8 @@
 
 namespace zarvo {
 
+class TethrixDataObjectList;
+
 class ContentAdapter : public ContentAdapterManager,
                        public std::enable_shared_from_this<ContentAdapter>,
                        private ContentLoader::Observer {
@@ -51,16 +53,37 @@ public:
     void onContentLoadedList(ContentResult* result, bool valid);
     void onContentLoadedSingle(std::shared_ptr<DataObject> dataObject, ContentResult* result);
 
-    /// Mirrors `runtimeObject` (and what lies below it) as a data object,
-    /// added to `parent` unless that is null.
+    /// Adds a handler to every leaf below `runtimeObject` that carries its
+    /// changes over to the bound data object.
+    void attachModificationHandlers(std::shared_ptr<RuntimeDataObject> runtimeObject);
+
+    /// The data object that mirrors one runtime object; null for a type
+    /// without one.
     static std::shared_ptr<DataObject> createDataObject(std::shared_ptr<RuntimeDataObject> runtimeObject,
-                                                        std::shared_ptr<DataObject> parent, Domain* domain,
-                                                        std::shared_ptr<ContentAdapter> adapter);
+                                                        Domain* domain, std::shared_ptr<ContentAdapter> adapter);
+    /// Mirrors `runtimeObject` and, for a plain object, everything below it;
+    /// adds the mirror to `parent` unless that is null and binds the two.
     static std::shared_ptr<DataObject> createDataObjectRecursively(
         std::shared_ptr<RuntimeDataObject> runtimeObject, std::shared_ptr<DataObject> parent, Domain* domain,
         std::shared_ptr<ContentAdapter> adapter);
 
 private:
+    /// What a string column stores: the text, or a preload placeholder while
+    /// the resource the text names is loading.
+    std::string stringValueToStore(const std::shared_ptr<DataObject>& target, std::size_t column,
+                                   const ContentAdapterConfiguration::Field& field, std::string text);
+    /// Fills a list field from a ";"-separated list of keys, one child
+    /// adapter on the dynamic source per key.
+    void expandDynamicSource(const std::shared_ptr<DataObject>& target, std::size_t column,
+                             const ContentAdapterConfiguration::Field& field, const std::string& text);
+    /// Carries a runtime object's new value over to its bound data object.
+    void onRuntimeObjectModified(RuntimeDataObject* runtimeObject);
+    void expandRuntimeDynamicSource(RuntimeDataObject* runtimeObject);
+    /// Rewrites the shared configuration of a dynamic source for one key and
+    /// starts a child adapter on row `index` of `list`.
+    void startDynamicRow(TethrixDataObjectList& list, std::size_t index, ContentAdapter& source,
+                         const std::string& lookupColumn, const std::string& key);
+
     std::shared_ptr<ContentAdapterConfiguration> config;
     std::shared_ptr<ContentLoader> loader;
     std::vector<std::string> columns;

@@ -1,0 +1,65 @@
+#include "datasource/tethrix_runtime_data_object_list.h"
+
+#include "datasource/content_adapter.h"
+
+#include <zarvo/log.h>
+
+namespace zarvo {
+
+TethrixRuntimeDataObjectList::TethrixRuntimeDataObjectList(Domain* domain, string_view name,
+                                                           std::shared_ptr<ContentAdapter> adapter,
+                                                           std::shared_ptr<RuntimeDataObjectList> runtimeList)
+    : DataObjectList(domain, name),
+      emptyItem(std::make_shared<DataObject>(domain, "empty")),
+      runtimeList(std::move(runtimeList)),
+      contentAdapter(std::move(adapter)) {}
+
+std::size_t TethrixRuntimeDataObjectList::itemCount() {
+    return runtimeList ? runtimeList->itemCount() : 0;
+}
+
+std::shared_ptr<DataObject> TethrixRuntimeDataObjectList::acquireItem(std::size_t index) {
+    const std::size_t amount = itemCount();
+    if (index >= amount) {
+        // A UI may still hold an index after the runtime list shrank.
+        ZARVO_LOG_ERROR("tethrix", "Invalid index in acquireItem. index={} amount={}", index, amount);
+        return emptyItem;
+    }
+    std::shared_ptr<RuntimeDataObject> item = runtimeList->getItem(index);
+    if (!item) {
+        ZARVO_LOG_ERROR("tethrix", "Logical error at index {}", index);
+        return emptyItem;
+    }
+    if (item->boundDataObject) {
+        return item->boundDataObject;
+    }
+    // The runtime list's binding is this list itself, the rows' parent.
+    item->boundDataObject = ContentAdapter::createDataObjectRecursively(item, runtimeList->boundDataObject,
+                                                                        getDomain(), contentAdapter);
+    return item->boundDataObject;
+}
+
+void TethrixRuntimeDataObjectList::releaseItem(std::size_t index) {
+    if (!runtimeList || index >= runtimeList->itemCount()) {
+        return;
+    }
+    std::shared_ptr<RuntimeDataObject> item = runtimeList->getItem(index);
+    if (item) {
+        item->boundDataObject.reset();
+    }
+}
+
+std::shared_ptr<DataObject> TethrixRuntimeDataObjectList::getItemTemplate() {
+    std::shared_ptr<RuntimeDataObject> rowTemplate = runtimeList->runtimeItemTemplate;
+    if (!rowTemplate) {
+        return emptyItem;
+    }
+    if (!runtimeList->itemTemplateDataObject) {
+        // No parent: the template must not turn up among the rows.
+        runtimeList->itemTemplateDataObject =
+            ContentAdapter::createDataObjectRecursively(rowTemplate, nullptr, getDomain(), contentAdapter);
+    }
+    return runtimeList->itemTemplateDataObject;
+}
+
+}  // namespace zarvo

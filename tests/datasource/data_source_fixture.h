@@ -1,0 +1,47 @@
+// A data source on a hand-driven loop, with a scripted service and the log
+// captured: what every data source test starts from.
+#ifndef ZARVO_TESTS_DATASOURCE_DATA_SOURCE_FIXTURE_H
+#define ZARVO_TESTS_DATASOURCE_DATA_SOURCE_FIXTURE_H
+
+#include "datasource/zarvo_tethrix_datasource.h"
+
+#include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/notification_recorder.h>
+#include <zarvo/testkit/scripted_service.h>
+#include <zarvo/testkit/test_host.h>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+
+namespace zarvo {
+namespace test {
+
+class DataSourceFixture : public ::testing::Test {
+protected:
+    std::shared_ptr<ZarvoTethrixDataSource> makeSource(const std::string& declaration,
+                                                       const std::string& fileName = std::string()) {
+        auto source = ZarvoTethrixDataSource::create(&host.domain(), "DataSource");
+        source->setValue(ZarvoTethrixDataSource::XmlDeclarationProperty, declaration);
+        source->setValue(ZarvoTethrixDataSource::XmlFilenameProperty, fileName);
+        return source;
+    }
+
+    /// Loads the source as the engine does once its resource file is read.
+    static void load(ZarvoTethrixDataSource& source) { source.loadFromZVB(nullptr, nullptr, nullptr); }
+
+    void setState(Connection::State state) {
+        service.setState(state);
+        host.runUntilIdle();
+    }
+
+    testkit::TestHost host;
+    testkit::ScriptedService service{host.domain()};
+    testkit::LogCapture log;
+};
+
+}  // namespace test
+}  // namespace zarvo
+
+#endif
