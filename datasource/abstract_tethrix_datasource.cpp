@@ -93,7 +93,9 @@ void AbstractTethrixDataSource::onConnectionStateChanged(Connection::State state
 }
 
 void AbstractTethrixDataSource::setConnected(bool value) {
-    if (connected->getValue() == value) {
+    // A state delivered before the first start, or after a stop, finds no
+    // tree: there is no flag to set then.
+    if (!connected || connected->getValue() == value) {
         return;
     }
     connected->setValue(value);
@@ -101,7 +103,7 @@ void AbstractTethrixDataSource::setConnected(bool value) {
 }
 
 bool AbstractTethrixDataSource::isConnected() const {
-    return connected->getValue();
+    return connected && connected->getValue();
 }
 
 }  // namespace zarvo

@@ -102,11 +102,12 @@ TEST_F(ConnectedFlag, OtherStatesAreLoggedAndChangeNothing) {
 
 TEST_F(ConnectedFlag, SourceLoadedWhileUpStartsLiveAndTellsBindingsLast) {
     setState(Connection::StateConnected);
-    recorder.clear();
+    source = makeSource(std::string());  // made after the connection came up
     log.clear();
+    const std::size_t acquiresBefore = service.contentStatistics().acquires;
 
-    // The tree does not exist before loading, so watch the flag as it is
-    // made: the source's own notification must come after the flag's.
+    // The tree does not exist before loading, so the source's own
+    // notification is checked to come after the flag is already set.
     std::vector<std::string> order;
     auto token = source->addModifiedSubscription([&](DataContext&) {
         order.push_back("DataSource");
@@ -118,7 +119,16 @@ TEST_F(ConnectedFlag, SourceLoadedWhileUpStartsLiveAndTellsBindingsLast) {
     EXPECT_TRUE(flag());
     EXPECT_EQ(order, std::vector<std::string>{"DataSource"});
     EXPECT_THAT(log.lines(), ElementsAre(std::string("info tethrix: ") + STATE_LINE + "1"));
-    EXPECT_EQ(service.contentStatistics().acquires, 1u);
+    EXPECT_EQ(service.contentStatistics().acquires, acquiresBefore + 1);
+}
+
+TEST_F(ConnectedFlag, StateDeliveredBeforeTheFirstStartFindsNoFlagAndDoesNoHarm) {
+    setState(Connection::StateConnected);
+    setState(Connection::StateLost);
+    EXPECT_EQ(source->getData(), nullptr);
+    EXPECT_FALSE(source->isConnected());
+    load(*source);
+    EXPECT_FALSE(flag());
 }
 
 TEST_F(ConnectedFlag, StopWhileUpLetsTheFlagFallAndReleasesTheServiceTwice) {
@@ -154,6 +164,7 @@ TEST_F(ConnectedFlag, AfterStopAndStartTheSourceNoLongerFollowsTheConnection) {
     source->unloadOverride();
     load(*source);
     recorder.watchTree(source->getData());
+    recorder.clear();
     log.clear();
 
     setState(Connection::StateConnected);

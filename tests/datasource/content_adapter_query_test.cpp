@@ -91,9 +91,9 @@ TEST_F(SourceQueries, TreeHoldsDynamicSourcesAheadOfOrdinaryOnes) {
     for (std::size_t i = 0; i < source->getData()->getChildCount(); ++i) {
         names.push_back(source->getData()->getChild(i)->getName());
     }
-    EXPECT_THAT(names, ElementsAre("connected", "albums", "tracks", "now", "charts", "wide"));
+    EXPECT_THAT(names, ElementsAre("connected", "albums", "tracks", "now_playing", "charts", "wide"));
     EXPECT_EQ(source->getData()->findChild("tracks")->getType(), DataObject::TypeList);
-    EXPECT_EQ(source->getData()->findChild("now")->getChildCount(), 2u);
+    EXPECT_EQ(source->getData()->findChild("now_playing")->getChildCount(), 2u);
 }
 
 TEST_F(SourceQueries, DynamicSourcesStandByWithoutLoaderOrQuery) {

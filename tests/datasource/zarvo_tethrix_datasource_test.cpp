@@ -3,6 +3,8 @@
 
 #include "data_source_fixture.h"
 
+#include "datasource/content_adapter.h"
+
 #include <gmock/gmock.h>
 
 #include <sys/stat.h>
@@ -22,11 +24,11 @@ using ::testing::IsEmpty;
 using std::chrono::milliseconds;
 
 const char* const ONE_SOURCE = R"(<sources>
-  <tracks uri="com.tavelorix.content/tracks" type="list"><field name="title" type="string"/></tracks>
+  <tracks uri="com.tavelorix.content/tracks"><field name="title" type="string"/></tracks>
 </sources>)";
 
 const char* const TWO_SOURCES = R"(<sources>
-  <tracks uri="com.tavelorix.content/tracks" type="list"><field name="title" type="string"/></tracks>
+  <tracks uri="com.tavelorix.content/tracks"><field name="title" type="string"/></tracks>
   <artists uri="com.tavelorix.content/artists"><field name="name" type="string"/></artists>
 </sources>)";
 
@@ -42,6 +44,7 @@ protected:
     }
 
     void TearDown() override {
+        DataSourceFixture::TearDown();
         std::remove(path.c_str());
         rmdir(directory.c_str());
     }

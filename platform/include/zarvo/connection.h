@@ -38,7 +38,9 @@ public:
     Connection& operator=(const Connection&) = delete;
 
     State getState() const { return state; }
-    /// Calls `callback` at every later change of state, on the loop.
+    /// Calls `callback` at every later change of state, on the loop. The
+    /// subscription lasts while the token is held: a subscriber that is
+    /// destroyed without removing it is not called any more.
     std::shared_ptr<void> addStateSubscription(std::function<void(State)> callback);
     /// Ends a subscription; no further call of its callback follows, even
     /// within the delivery under way. A null token does nothing.
@@ -49,7 +51,8 @@ public:
     /// subscriber, in order of subscribing. Every call is delivered, also a
     /// repeat of the current state.
     void setState(State newState);
-    std::size_t getSubscriptionCount() const { return subscriptions.size(); }
+    /// Subscriptions whose token is still held.
+    std::size_t getSubscriptionCount() const;
 
 private:
     struct Subscription {
@@ -57,7 +60,7 @@ private:
     };
     MessageDispatcher* dispatcher;
     State state = StateNotConnected;
-    std::map<std::uint64_t, std::shared_ptr<Subscription>> subscriptions;
+    std::map<std::uint64_t, std::weak_ptr<Subscription>> subscriptions;
     std::uint64_t nextSubscription = 0;
 };
 

@@ -52,7 +52,8 @@ public:
     };
 
     /// `cells` holds the rows one after another, each with one value per
-    /// column, of the type that the column's type names.
+    /// column, of the type that the column's type names. Cells that do not
+    /// make whole rows throw std::invalid_argument.
     ContentResult(std::size_t startIndex, std::vector<Column> columns, std::vector<boost::any> cells);
 
     std::size_t getRowCount() const { return rowCount; }
@@ -62,9 +63,11 @@ public:
     void setRowIndex(std::size_t row) { currentRow = row; }
     std::size_t getRowIndex() const { return currentRow; }
     std::size_t getColumnCount() const { return columns.size(); }
+    /// Out of range: an empty name and type 0, which matches no column.
     std::string getColumnName(std::size_t column) const;
     ContentDataType getColumnType(std::size_t column) const;
-    /// The current row's value in `column`; empty out of range.
+    /// The current row's value in `column`; empty if the column or the
+    /// current row is out of range.
     boost::any getValueAny(std::size_t column) const;
     /// The same value as text: integers in decimal, reals as the shortest
     /// text that reads back the same, booleans as 1 or 0.

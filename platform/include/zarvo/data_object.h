@@ -30,9 +30,14 @@ public:
     DataObject(Domain* domain, string_view name);
     ~DataObject() override;
 
+    /// "Zarvo.DataObject": known to the engine, but made by code, never by name.
+    static const Metaclass* getStaticMetaclass();
     const Metaclass* getDynamicMetaclass() const override;
     /// The object itself.
     std::shared_ptr<DataObject> getData() override;
+    /// The object at `path`, a "."-separated chain of child names below this
+    /// one (each step takes the first child of that name); an empty path
+    /// gives the object itself, a missing step null.
     std::shared_ptr<DataObject> lookupDataContext(string_view path) override;
     virtual Type getType() const;
 

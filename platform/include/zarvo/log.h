@@ -52,7 +52,10 @@ public:
 namespace detail {
 
 /// One argument of a log call, with the way to render it as text.
-/// Strings appear as they are, integers and enumerations in decimal.
+/// Strings appear as they are, integers and enumerations in decimal, bools as
+/// "true"/"false", doubles in the shortest "%g" text that reads back as the
+/// same number (whole numbers of up to 17 digits without exponent: "100",
+/// "0.1", "1e+21").
 class LogArgumentTypeEraser {
 public:
     template <typename T>

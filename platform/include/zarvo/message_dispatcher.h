@@ -59,14 +59,17 @@ public:
     std::size_t runUntilIdle();
 
     /// Manual clock only: moves the clock forward by `by`, stopping at each
-    /// timer's due time to fire it and run what became ready.
+    /// timer's due time to fire it and run what became ready. Timers due at
+    /// the same time fire in the order they were scheduled.
     void advance(std::chrono::milliseconds by);
 
     /// Runs the loop on the calling thread until quit(). With the manual
     /// clock it returns once idle, as it cannot wait for time to pass.
     void run();
     /// Runs until `done` is true, quit() is called or `timeout` passes.
-    /// Gives the value of `done` at the end.
+    /// Gives the value of `done` at the end. `timeout` is real time on either
+    /// clock: with the manual clock no timer falls due while it waits, but
+    /// work posted from other threads (resource loads) runs as it comes.
     bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds timeout);
     /// Makes run() return. Callable from any thread.
     void quit();

@@ -58,6 +58,9 @@ private:
     std::map<const AbstractPropertyTypeDescriptor*,
              boost::intrusive_ptr<AbstractPropertyTypeDescriptor::PropertyStorage>>
         values;
+    // The type whose change notifyPropertyHandlers() is telling, so that it
+    // can pass it on to onPropertyChanged().
+    const AbstractPropertyType* notifiedType = nullptr;
 };
 
 class Object : public MetaObject, public PropertyObject {

@@ -4,6 +4,11 @@
 // Threads: every operation is called on the loop's thread. A load task's
 // loadFunction and finishFunction run on a resource loader thread; its
 // getResult and every completion callback run on the loop's thread.
+//
+// URLs: the text before "://" is the scheme (compared without regard to
+// case), which picks the protocol handler. A URL without a scheme, or with
+// "file://", is a path of a local PNG or JPEG file, recognised by content and
+// loaded as a Texture. A loaded resource is kept under its URL.
 #ifndef ZARVO_RESOURCE_MANAGER_H
 #define ZARVO_RESOURCE_MANAGER_H
 
@@ -82,9 +87,25 @@ private:
         void* userData;
     };
 
+    struct Request;
+    struct PendingLoad;
+    struct LoaderPool;
+
+    void startLoad(const std::string& url, const std::shared_ptr<Request>& request);
+    bool resolveUrl(const std::string& url, std::shared_ptr<Resource>& resource, std::shared_ptr<LoadTask>& task);
+    void enqueue(const std::shared_ptr<PendingLoad>& load);
+    void completeLoad(const std::shared_ptr<PendingLoad>& load);
+    void finishRequest(const std::shared_ptr<Request>& request);
+
     Domain* domain;
     std::map<std::string, std::shared_ptr<Resource>, std::less<>> resources;
     std::map<std::string, ProtocolEntry, std::less<>> protocols;
+    // Loads under way by URL, so that requests for one URL share one load.
+    std::map<std::string, std::shared_ptr<PendingLoad>, std::less<>> pending;
+    // The loader threads and their queue. Work posted to the loop holds it
+    // weakly, so that a completion arriving after the manager is gone is
+    // dropped.
+    std::shared_ptr<LoaderPool> pool;
 };
 
 }  // namespace zarvo

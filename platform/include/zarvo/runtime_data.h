@@ -130,6 +130,9 @@ public:
     void insertItem(std::size_t index, std::shared_ptr<RuntimeDataObject> row);
     void replaceItem(std::size_t index, std::shared_ptr<RuntimeDataObject> row);
     void removeItem(std::size_t index);
+    /// Library side: all rows at once. Fires the list's handlers once, and
+    /// only if the rows differ (as objects) from the present ones.
+    void assignItems(std::vector<std::shared_ptr<RuntimeDataObject>> newRows);
 
     /// Describes a row; null if the list has none.
     std::shared_ptr<RuntimeDataObject> runtimeItemTemplate;

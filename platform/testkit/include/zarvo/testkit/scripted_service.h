@@ -66,9 +66,13 @@ public:
 
     /// Answers `query` with rows (each one value per column) starting at
     /// `startIndex`. Delivered on the loop; dropped there if the loader has
-    /// been stopped or destroyed since.
+    /// been stopped or destroyed since. A query may be answered again (as a
+    /// service does when its content changes); each answer is delivered.
     void reply(const RecordedQuery& query, std::vector<ContentResult::Column> columns,
                std::vector<std::vector<boost::any>> rows, std::size_t startIndex);
+    /// Reports that the service could not answer `query`: the client library
+    /// logs it with the query's URI and `reason`, and the loader gets nothing.
+    void fail(const RecordedQuery& query, const std::string& reason);
     /// Sends the loader that made `query` an invalidation, on the loop.
     void invalidate(const RecordedQuery& query);
 
@@ -79,9 +83,15 @@ public:
     void serve(const std::string& uri, ServedTable table);
 
     const std::vector<RecordedSubscription>& subscriptions() const;
+    /// Subscriptions not yet ended by their loader's stop.
+    std::size_t activeSubscriptionCount() const;
     /// Sends runtime data update text to the loader of `subscription`.
     void pushRuntimeUpdate(const RecordedSubscription& subscription, const std::string& address,
                            const std::string& data);
+
+    /// The base URL against which Client::resolveResourceUrl resolves
+    /// relative URLs, delivered on the loop.
+    void setResourceBaseUrl(const std::string& url);
 
     /// Loaders alive now.
     std::size_t liveLoaderCount() const;

@@ -1,0 +1,102 @@
+// zarvo-host: loads the data source plug-in as the engine does and shows what
+// a data source holds.
+
+#include "commands.h"
+
+#include <iostream>
+#include <stdexcept>
+
+namespace zarvo::host {
+
+const char* const SOURCE_OPTIONS_HELP =
+    "Data source options:\n"
+    "  --config FILE          XML configuration file (ZarvoTethrixDataSource.XmlFileName)\n"
+    "  --declaration XML|@FILE\n"
+    "                         XML configuration text, or @ and a file holding it\n"
+    "                         (ZarvoTethrixDataSource.XmlDeclaration)\n"
+    "  --name NAME            resource name of the data source (default DataSource)\n"
+    "  --service URL          the Tethrix service to connect to (default: the\n"
+    "                         environment variable TETHRIX_SERVICE_URL; none: stay\n"
+    "                         unconnected)\n"
+    "  --wait-ms N            with a service: wait at most N milliseconds for the\n"
+    "                         source to settle\n"
+    "  --plugin PATH          the plug-in library (default: the one built beside\n"
+    "                         this program)\n"
+    "  --help                 this text\n";
+
+const std::vector<Command>& commands() {
+    static const std::vector<Command> all = {
+        {"snapshot", "print the data snapshot of the source as XML",
+         "Usage: zarvo-host snapshot [options]\n\n"
+         "Loads the data source and, once it has settled, prints the XML data snapshot\n"
+         "of the resource --name on standard output, and nothing else there. Without a\n"
+         "service the source stays unconnected and the snapshot shows what loading\n"
+         "alone built.\n",
+         runSnapshot},
+        {"tree", "print the whole data tree under Root",
+         "Usage: zarvo-host tree [options]\n\n"
+         "Loads the data source and, once it has settled, prints its tree under \"Root\",\n"
+         "one object a line, indented, with type and value.\n",
+         runTree},
+    };
+    return all;
+}
+
+namespace {
+
+void printOverview(std::ostream& out) {
+    out << "Usage: zarvo-host COMMAND [options]\n\n"
+           "Loads the Zarvo Tethrix data source plug-in as the engine does, runs one data\n"
+           "source and shows what it holds. Log records go to standard error.\n\n"
+           "Commands:\n";
+    for (const Command& command : commands()) {
+        std::string name = command.name;
+        name.resize(12, ' ');
+        out << "  " << name << command.summary << "\n";
+    }
+    out << "\n'zarvo-host COMMAND --help' tells more of one command.\n";
+}
+
+const Command* findCommand(const std::string& name) {
+    for (const Command& command : commands()) {
+        if (name == command.name) {
+            return &command;
+        }
+    }
+    return nullptr;
+}
+
+int run(int argc, char** argv) {
+    const CommandLine line = parseCommandLine(argc, argv);
+    if (line.command.empty()) {
+        if (line.help) {
+            printOverview(std::cout);
+            return 0;
+        }
+        throw UsageError("no command given; try zarvo-host --help");
+    }
+    const Command* command = findCommand(line.command);
+    if (command == nullptr) {
+        throw UsageError("unknown command " + line.command + "; try zarvo-host --help");
+    }
+    if (line.help) {
+        std::cout << command->help << "\n" << SOURCE_OPTIONS_HELP;
+        return 0;
+    }
+    return command->run(line);
+}
+
+}  // namespace
+}  // namespace zarvo::host
+
+int main(int argc, char** argv) {
+    try {
+        return zarvo::host::run(argc, argv);
+    } catch (const zarvo::host::UsageError& error) {
+        std::cerr << "zarvo-host: " << error.what() << "\n";
+        return 2;
+    } catch (const std::exception& error) {
+        std::cerr << "zarvo-host: " << error.what() << "\n";
+        return 1;
+    }
+}

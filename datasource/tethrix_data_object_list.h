@@ -1,0 +1,130 @@
+// The list that UI nodes bind to for the rows of a content query. It keeps
+// the rows the UI references plus a bounded reserve of rows it may need again,
+// and asks its adapter for further rows one block at a time, in the order the
+// UI asks for them. The number of rows on the service is never known: the
+// count is the highest delivered row index plus one, so the list grows as
+// blocks arrive.
+#ifndef ZARVO_DATASOURCE_TETHRIX_DATA_OBJECT_LIST_H
+#define ZARVO_DATASOURCE_TETHRIX_DATA_OBJECT_LIST_H
+
+#include <zarvo/data_object.h>
+#include <zarvo/string_view.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <set>
+#include <vector>
+
+namespace zarvo {
+
+class ContentAdapter;
+class Domain;
+
+class TethrixDataObjectList : public DataObjectList {
+public:
+    /// Owns the rows and decides which of them may go.
+    ///
+    /// A row index stands in at most one of the three row maps. Rows in
+    /// `referencedItems` or `unreferencedItems` count as loaded, whether or
+    /// not their data have arrived: a referenced row is already queued, and
+    /// a second acquire must not queue it again.
+    class Cache {
+    public:
+        using ItemMap = std::map<std::uint64_t, std::shared_ptr<DataObject>>;
+
+        bool isLoaded(std::uint64_t index) const;
+        /// The row, made empty in `createdItems` if no map has it. Takes no
+        /// reference.
+        std::shared_ptr<DataObject> getItem(Domain* domain, std::uint64_t index);
+        /// The row, moved to `referencedItems`, with one more reference.
+        std::shared_ptr<DataObject> referenceItem(Domain* domain, std::uint64_t index);
+        /// Drops one reference; gives the references left (0 also for a row
+        /// that was not referenced).
+        std::uint64_t unreferenceItem(std::uint64_t index);
+        void notifyReferenced(std::uint64_t index);
+        std::uint64_t notifyUnreferenced(std::uint64_t index);
+        /// A row made for the adapter becomes purgeable once delivered.
+        void notifyLoaded(std::uint64_t index);
+        /// Forgets every reference; the rows stay, now purgeable.
+        void unreferenceAll();
+        /// Drops up to `count` unreferenced rows, oldest first.
+        void purge(std::uint64_t count);
+        /// Forgets every row except those in `createdItems`.
+        void clear();
+
+        // Diagnostics: read-only views for tests and measurements.
+        const ItemMap& getCreatedItems() const { return createdItems; }
+        const ItemMap& getUnreferencedItems() const { return unreferencedItems; }
+        const ItemMap& getReferencedItems() const { return referencedItems; }
+        const std::vector<std::uint64_t>& getUnreferencedOrder() const { return unreferencedOrder; }
+        std::size_t residentItemCount() const {
+            return createdItems.size() + unreferencedItems.size() + referencedItems.size();
+        }
+
+    private:
+        ItemMap createdItems;
+        ItemMap unreferencedItems;
+        ItemMap referencedItems;
+        std::map<std::uint64_t, std::uint64_t> referenceCounts;
+        /// Purge order, oldest first. Entries may be stale or repeated;
+        /// purge() skips what is no longer unreferenced.
+        std::vector<std::uint64_t> unreferencedOrder;
+    };
+
+    /// `blockSize` 0 makes a list that is not paged: the adapter fills it by
+    /// itself, and nothing is requested, released or purged.
+    TethrixDataObjectList(Domain* domain, string_view name, std::shared_ptr<ContentAdapter> adapter,
+                          unsigned long blockSize);
+
+    std::size_t itemCount() override;
+    /// Never null, never waits: a row not yet loaded is given empty and is
+    /// filled in place when its block arrives.
+    std::shared_ptr<DataObject> acquireItem(std::size_t index) override;
+    void releaseItem(std::size_t index) override;
+    std::shared_ptr<DataObject> getItemTemplate() override;
+
+    /// The row for the adapter to fill; takes no reference.
+    std::shared_ptr<DataObject> getItem(std::uint64_t index);
+    /// Called by the adapter for each delivered row, before it writes the
+    /// row's values.
+    void notifyItemLoaded(std::uint64_t index, std::shared_ptr<DataObject> item);
+    /// Called by the adapter once per result, applied or refused.
+    void notifyLoadingFinished();
+    /// Forgets the rows and the queue. Sends no notice: the caller ends its
+    /// work with notifyLoadingFinished(), which reports the change.
+    void removeAllItems();
+
+    void addToLoadingQueue(std::uint64_t index);
+    void removeFromLoadingQueue(std::uint64_t index);
+    void progressLoadingQueue();
+
+    // Diagnostics: read-only views for tests and measurements.
+    const Cache& getCache() const { return cache; }
+    const std::shared_ptr<ContentAdapter>& getContentAdapter() const { return contentAdapter; }
+    bool isLoading() const { return loading; }
+    const std::set<std::uint64_t>& getLoadingQueue() const { return loadingQueue; }
+
+private:
+    std::shared_ptr<ContentAdapter> contentAdapter;
+    std::uint64_t blockSize;
+    /// Highest block requested by read-ahead; only ever grows.
+    std::int32_t preloadedBlock;
+    /// A load is out and notifyLoadingFinished() has not yet come for it.
+    bool loading;
+    bool preloadRequested;
+    bool itemCountChanged;
+    std::uint64_t lastIndex;
+    /// Its sign is the scroll direction.
+    std::int32_t lastIndexDelta;
+    std::uint64_t loadedSinceProgress;
+    std::uint64_t knownItemCount;
+    Cache cache;
+    /// Rows the UI wants that no load has delivered yet.
+    std::set<std::uint64_t> loadingQueue;
+};
+
+}  // namespace zarvo
+
+#endif

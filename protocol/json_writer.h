@@ -1,0 +1,42 @@
+// A small JSON text writer for the encoder. Writing straight into a string
+// keeps large results cheap: no intermediate document is built.
+#ifndef TETHRIX_PROTOCOL_JSON_WRITER_H
+#define TETHRIX_PROTOCOL_JSON_WRITER_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tethrix::protocol {
+
+class JsonWriter {
+public:
+    void beginObject();
+    void endObject();
+    void beginArray();
+    void endArray();
+    /// Writes `"name":`, with the comma before it where one is due.
+    void key(std::string_view name);
+
+    void string(std::string_view text);
+    void integer(std::int64_t number);
+    void unsignedInteger(std::uint64_t number);
+    void real(double number);
+    void boolean(bool value);
+
+    std::string take() { return std::move(out); }
+
+private:
+    void separate();
+
+    std::string out;
+    /// True right after an opening bracket or a key: no comma is due.
+    bool first = true;
+};
+
+/// Appends `text` as a quoted JSON string. Invalid UTF-8 bytes become U+FFFD.
+void appendJsonString(std::string& out, std::string_view text);
+
+}  // namespace tethrix::protocol
+
+#endif

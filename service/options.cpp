@@ -1,0 +1,103 @@
+#include "options.h"
+
+#include <charconv>
+#include <filesystem>
+#include <stdexcept>
+
+namespace tethrix::service {
+
+namespace {
+
+[[noreturn]] void refuse(const std::string& reason)
+{
+    throw std::invalid_argument(reason);
+}
+
+unsigned short portNumber(const std::string& text)
+{
+    unsigned value = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || value > 65535) {
+        refuse("--port needs a number from 0 to 65535, not \"" + text + "\"");
+    }
+    return static_cast<unsigned short>(value);
+}
+
+void check(const ServiceOptions& options)
+{
+    if (options.database.empty()) refuse("--db FILE is required");
+    if (options.authority.empty() || options.authority.find('/') != std::string::npos) {
+        refuse("--authority needs a name without \"/\", not \"" + options.authority + "\"");
+    }
+    if (options.files) {
+        std::error_code error;
+        if (!std::filesystem::is_directory(*options.files, error)) {
+            refuse("--files: \"" + options.files->string() + "\" is not a directory");
+        }
+    }
+}
+
+}  // namespace
+
+CommandLine parseCommandLine(const std::vector<std::string>& arguments)
+{
+    CommandLine line;
+    ServiceOptions& options = line.options;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        std::string name = arguments[i];
+        std::optional<std::string> inlineValue;
+        if (auto equals = name.find('='); name.rfind("--", 0) == 0 && equals != std::string::npos) {
+            inlineValue = name.substr(equals + 1);
+            name = name.substr(0, equals);
+        }
+        auto value = [&]() -> std::string {
+            if (inlineValue) return *inlineValue;
+            if (i + 1 >= arguments.size()) refuse(name + " needs a value");
+            return arguments[++i];
+        };
+        auto flag = [&] {
+            if (inlineValue) refuse(name + " takes no value");
+        };
+        if (name == "--help" || name == "-h") {
+            flag();
+            line.help = true;
+        } else if (name == "--db") {
+            options.database = value();
+        } else if (name == "--port") {
+            options.port = portNumber(value());
+        } else if (name == "--bind") {
+            options.bind = value();
+        } else if (name == "--files") {
+            options.files = value();
+        } else if (name == "--authority") {
+            options.authority = value();
+        } else if (name == "--log-queries") {
+            flag();
+            options.logQueries = true;
+        } else {
+            refuse("unknown option \"" + name + "\" (see --help)");
+        }
+    }
+    if (!line.help) check(options);
+    return line;
+}
+
+std::string usage()
+{
+    return "usage: tethrix-service --db FILE [options]\n"
+           "\n"
+           "Serves the tables of an SQLite database as content://<authority>/<table>\n"
+           "over WebSocket (path /tethrix), and files over HTTP on the same port.\n"
+           "\n"
+           "  --db FILE          the SQLite database, opened read-only (required)\n"
+           "  --port N           port to listen on; 0 picks a free one (default 0)\n"
+           "  --bind ADDRESS     address to listen on (default 127.0.0.1)\n"
+           "  --files DIR        serve the files under DIR over HTTP\n"
+           "  --authority NAME   the content authority served (default com.tavelorix.content)\n"
+           "  --log-queries      one line per query on standard error\n"
+           "  --help             this text\n"
+           "\n"
+           "Prints \"listening on ADDRESS:PORT\" once ready. Stops on SIGINT or SIGTERM.\n";
+}
+
+}  // namespace tethrix::service

@@ -1,0 +1,133 @@
+#include "service.h"
+
+#include "http_session.h"
+#include "websocket_session.h"
+
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <chrono>
+#include <stdexcept>
+
+namespace tethrix::service {
+
+namespace asio = boost::asio;
+using tcp = asio::ip::tcp;
+
+namespace {
+
+/// Time the connections get to close before the service stops regardless.
+constexpr std::chrono::milliseconds closingGrace{500};
+constexpr std::chrono::milliseconds closingPoll{10};
+constexpr std::chrono::milliseconds acceptRetryDelay{100};
+
+bool allEnded(const std::vector<std::weak_ptr<WebSocketSession>>& sessions)
+{
+    for (const auto& session : sessions) {
+        if (!session.expired()) return false;
+    }
+    return true;
+}
+
+tcp::endpoint endpointFor(const std::string& address, unsigned short port)
+{
+    boost::system::error_code error;
+    auto ip = asio::ip::make_address(address, error);
+    if (error) throw std::runtime_error("bad bind address \"" + address + "\"");
+    return tcp::endpoint(ip, port);
+}
+
+}  // namespace
+
+Service::Service(const ServiceOptions& options)
+{
+    auto endpoint = endpointFor(options.bind, options.port);
+    std::unique_ptr<ContentStore> store;
+    try {
+        store = std::make_unique<ContentStore>(options.database, options.authority);
+    } catch (const SqliteError& error) {
+        throw std::runtime_error(error.what());
+    }
+    runtimeData = std::make_unique<UnavailableRuntimeData>();
+    try {
+        files = std::make_unique<FileServer>(options.files);
+    } catch (const std::filesystem::filesystem_error& error) {
+        throw std::runtime_error("cannot serve files from " + options.files->string() + ": " +
+                                 error.code().message());
+    }
+    ioContext = std::make_unique<asio::io_context>(1);
+    worker = std::make_unique<QueryWorker>(std::move(store), options.logQueries);
+    context = std::make_unique<ServiceContext>(ServiceContext{*ioContext, *worker, *runtimeData, *files, {}, false});
+
+    acceptor = std::make_unique<tcp::acceptor>(*ioContext);
+    boost::system::error_code error;
+    acceptor->open(endpoint.protocol(), error);
+    if (!error) acceptor->set_option(asio::socket_base::reuse_address(true), error);
+    if (!error) acceptor->bind(endpoint, error);
+    if (!error) acceptor->listen(asio::socket_base::max_listen_connections, error);
+    if (error) {
+        throw std::runtime_error("cannot listen on " + options.bind + ":" + std::to_string(options.port) + ": " +
+                                 error.message());
+    }
+    bound = acceptor->local_endpoint();
+    accept();
+}
+
+Service::~Service()
+{
+    // Sessions die with the io_context's pending work; everything they
+    // refer to must still be there, and the worker must not post any more.
+    acceptor.reset();
+    worker.reset();
+    ioContext.reset();
+}
+
+void Service::run()
+{
+    ioContext->run();
+}
+
+void Service::stop()
+{
+    asio::post(*ioContext, [this] { shutdown(); });
+}
+
+void Service::accept()
+{
+    acceptor->async_accept([this](boost::system::error_code error, tcp::socket socket) {
+        if (error == asio::error::operation_aborted || !acceptor->is_open()) return;
+        if (!error) {
+            std::make_shared<HttpSession>(std::move(socket), *context)->run();
+            return accept();
+        }
+        // Out of descriptors or similar: trying again at once would spin.
+        auto timer = std::make_shared<asio::steady_timer>(*ioContext, acceptRetryDelay);
+        timer->async_wait([this, timer](boost::system::error_code) {
+            if (acceptor->is_open()) accept();
+        });
+    });
+}
+
+void Service::shutdown()
+{
+    if (context->shuttingDown) return;
+    context->shuttingDown = true;
+    boost::system::error_code ignored;
+    acceptor->close(ignored);
+    for (auto& weak : context->sessions) {
+        if (auto session = weak.lock()) session->shutdown();
+    }
+    waitForSessions(std::chrono::steady_clock::now() + closingGrace);
+}
+
+void Service::waitForSessions(std::chrono::steady_clock::time_point deadline)
+{
+    if (allEnded(context->sessions) || std::chrono::steady_clock::now() >= deadline) {
+        ioContext->stop();
+        return;
+    }
+    auto timer = std::make_shared<asio::steady_timer>(*ioContext, closingPoll);
+    timer->async_wait([this, timer, deadline](boost::system::error_code) { waitForSessions(deadline); });
+}
+
+}  // namespace tethrix::service

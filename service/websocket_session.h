@@ -1,0 +1,76 @@
+// One client connection: reads protocol frames, hands queries to the worker,
+// and writes answers, pongs and updates in the order they are ready.
+#ifndef TETHRIX_SERVICE_WEBSOCKET_SESSION_H
+#define TETHRIX_SERVICE_WEBSOCKET_SESSION_H
+
+#include "file_server.h"
+#include "query_worker.h"
+#include "runtime_data.h"
+#include "session_registry.h"
+
+#include <tethrix/protocol/messages.h>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+namespace tethrix::service {
+
+/// Requests one connection may have open at a time; keeps one client from
+/// queueing unbounded work.
+constexpr std::size_t maxOpenRequests = 256;
+
+class WebSocketSession : public std::enable_shared_from_this<WebSocketSession>, private RuntimeDataSubscriber {
+public:
+    WebSocketSession(boost::beast::tcp_stream&& stream, ServiceContext& context);
+    ~WebSocketSession();
+
+    /// Completes the upgrade that `request` asked for and starts reading.
+    void run(HttpRequest request);
+    /// Closes the connection with "going away", as the service stops.
+    void shutdown();
+
+private:
+    void onAccept(boost::beast::error_code error);
+    void readNext();
+    void onRead(boost::beast::error_code error, std::size_t bytes);
+    void handleFrame(std::string_view frame);
+
+    void onHello(const protocol::Hello& hello);
+    void onQuery(protocol::Query query);
+    void onCancel(const protocol::Cancel& cancel);
+    void onSubscribe(const protocol::Subscribe& subscribe);
+    void onUnsubscribe(const protocol::Unsubscribe& unsubscribe);
+    void onAnswer(QueryAnswer answer, const CancelFlag& flag);
+    void deliverUpdate(protocol::RequestId id, const std::string& address, const std::string& data) override;
+
+    /// Refuses a request whose id is taken or that is one too many.
+    bool admit(protocol::RequestId id);
+    void sendError(std::optional<protocol::RequestId> id, std::string reason);
+    void send(std::string frame);
+    void writeNext();
+    void onWrite(boost::beast::error_code error, std::size_t bytes);
+    void closeAfterWrites(boost::beast::websocket::close_code code);
+    void end();
+
+    boost::beast::websocket::stream<boost::beast::tcp_stream> socket;
+    ServiceContext& context;
+    boost::beast::flat_buffer buffer;
+    std::deque<std::string> outbox;
+    bool writing = false;
+    bool greeted = false;
+    bool ended = false;
+    std::optional<boost::beast::websocket::close_code> closing;
+    std::map<protocol::RequestId, CancelFlag> openQueries;
+    std::set<protocol::RequestId> subscriptions;
+};
+
+}  // namespace tethrix::service
+
+#endif

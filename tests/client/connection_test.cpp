@@ -1,0 +1,93 @@
+#include <zarvo/client.h>
+#include <zarvo/testkit/scripted_service.h>
+#include <zarvo/testkit/test_host.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace zarvo {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class ConnectionTest : public ::testing::Test {
+protected:
+    /// Subscribes and keeps the token: a subscription lasts while it is held.
+    std::shared_ptr<void> subscribe(const std::string& label) {
+        tokens.push_back(connection().addStateSubscription(
+            [this, label](Connection::State state) { heard.push_back(label + std::to_string(state)); }));
+        return tokens.back();
+    }
+    Connection& connection() { return *service.context()->getClient()->getConnection(); }
+
+    testkit::TestHost host;
+    testkit::ScriptedService service{host.domain()};
+    std::vector<std::string> heard;
+    std::vector<std::shared_ptr<void>> tokens;
+};
+
+TEST_F(ConnectionTest, StatesFromTheServiceReachSubscribersOnlyWhenTheLoopRuns) {
+    subscribe("a");
+    subscribe("b");
+    service.setState(Connection::StateConnected);
+    service.setState(Connection::StateConnected);
+    service.setState(Connection::StateLost);
+
+    EXPECT_EQ(connection().getState(), Connection::StateNotConnected);
+    EXPECT_THAT(heard, IsEmpty());
+
+    host.runUntilIdle();
+    // Every report counts, a repeat too, in order of subscribing.
+    EXPECT_THAT(heard, ElementsAre("a1", "b1", "a1", "b1", "a2", "b2"));
+    EXPECT_EQ(connection().getState(), Connection::StateLost);
+}
+
+TEST_F(ConnectionTest, RemovedSubscriptionHearsNothingAndOddTokensAreHarmless) {
+    auto a = subscribe("a");
+    subscribe("b");
+    connection().removeStateSubscription(a);
+    connection().removeStateSubscription(a);
+    connection().removeStateSubscription(nullptr);
+    connection().removeStateSubscription(std::make_shared<int>(7));
+
+    connection().setState(Connection::StateConnected);
+    EXPECT_THAT(heard, ElementsAre("b1"));
+    EXPECT_EQ(connection().getSubscriptionCount(), 1u);
+}
+
+TEST_F(ConnectionTest, ChangesToSubscriptionsDuringADeliveryTakeEffectAtOnce) {
+    std::shared_ptr<void> self;
+    std::shared_ptr<void> later;
+    self = connection().addStateSubscription([&](Connection::State state) {
+        heard.push_back("self" + std::to_string(state));
+        connection().removeStateSubscription(self);
+        connection().removeStateSubscription(later);
+        subscribe("new");
+    });
+    later = subscribe("later");
+
+    connection().setState(Connection::StateConnected);
+    // The removed one is skipped at once; the new one waits for the next state.
+    EXPECT_THAT(heard, ElementsAre("self1"));
+
+    connection().setState(Connection::StateLost);
+    EXPECT_THAT(heard, ElementsAre("self1", "new2"));
+}
+
+TEST_F(ConnectionTest, DroppedTokenEndsTheSubscription) {
+    // A subscriber destroyed without removing its subscription must not be
+    // called back into.
+    subscribe("kept");
+    connection().addStateSubscription([this](Connection::State) { heard.push_back("dropped"); });
+
+    connection().setState(Connection::StateConnected);
+    EXPECT_THAT(heard, ElementsAre("kept1"));
+    EXPECT_EQ(connection().getSubscriptionCount(), 1u);
+}
+
+}  // namespace
+}  // namespace zarvo

@@ -1,0 +1,278 @@
+#include "recording_observer.h"
+
+#include <zarvo/client.h>
+#include <zarvo/client/client_core.h>
+#include <zarvo/client/transport.h>
+#include <zarvo/content_loader.h>
+#include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/scripted_service.h>
+#include <zarvo/testkit/test_host.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zarvo {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using test::RecordingObserver;
+
+const char* const songs = "content://com.tavelorix.content/songs";
+
+std::shared_ptr<ContentQueryArguments> query(int index = 0, int count = 1) {
+    return std::make_shared<ContentQueryArguments>(songs, std::vector<std::string>{"title", "year"}, "year>2000",
+                                                   index, count, "title DESC");
+}
+
+std::vector<ContentResult::Column> songColumns() {
+    return {{"title", ContentDataTypeString}, {"year", ContentDataTypeInteger}};
+}
+
+class LoaderTest : public ::testing::Test {
+protected:
+    std::shared_ptr<DefaultContentLoader> makeLoader(RecordingObserver& observer) {
+        auto client = service.context()->getClient();
+        auto loader =
+            std::make_shared<DefaultContentLoader>(client.get(), client->getConnection()->getMessageDispatcher());
+        loader->addObserver(&observer);
+        return loader;
+    }
+    void replyOneSong(const testkit::RecordedQuery& sent, const std::string& title) {
+        service.reply(sent, songColumns(), {{std::string(title), 2001}}, static_cast<std::size_t>(sent.index));
+    }
+
+    testkit::TestHost host;
+    testkit::ScriptedService service{host.domain()};
+    RecordingObserver observer;
+};
+
+TEST_F(LoaderTest, QueryReachesTheServiceWithAllItsArguments) {
+    auto loader = makeLoader(observer);
+    loader->load(query(200, 50));
+
+    ASSERT_EQ(service.queries().size(), 1u);
+    const testkit::RecordedQuery& sent = service.queries()[0];
+    EXPECT_EQ(sent.loaderId, loader->getLoaderId());
+    EXPECT_EQ(sent.uri, songs);
+    EXPECT_THAT(sent.columns, ElementsAre("title", "year"));
+    EXPECT_EQ(sent.filter, "year>2000");
+    EXPECT_EQ(sent.index, 200);
+    EXPECT_EQ(sent.count, 50);
+    EXPECT_EQ(sent.sort, "title DESC");
+    EXPECT_EQ(service.openQueryCount(), 1u);
+}
+
+TEST_F(LoaderTest, AnswerArrivesOnlyWhenTheLoopRuns) {
+    auto loader = makeLoader(observer);
+    loader->load(query(7, 1));
+    replyOneSong(service.queries()[0], "Blue");
+    EXPECT_EQ(observer.deliveries(), 0u);
+    EXPECT_EQ(service.openQueryCount(), 0u);
+
+    host.runUntilIdle();
+    ASSERT_EQ(observer.results.size(), 1u);
+    EXPECT_EQ(observer.results[0].startIndex, 7u);
+    EXPECT_THAT(observer.results[0].columns, ElementsAre("title", "year"));
+    EXPECT_THAT(observer.results[0].rows, ElementsAre(ElementsAre("Blue", "2001")));
+    EXPECT_THAT(observer.loaders, ElementsAre(loader.get()));
+}
+
+TEST_F(LoaderTest, NothingArrivesAfterStopUntilTheNextQuery) {
+    auto loader = makeLoader(observer);
+    loader->load(query());
+    loader->subscribeRuntimeData("servicedata://player");
+    const auto first = service.queries()[0];
+    const auto subscription = service.subscriptions()[0];
+    replyOneSong(first, "early, still in flight at stop");
+
+    loader->stop();
+    EXPECT_EQ(service.openQueryCount(), 0u);
+    EXPECT_EQ(service.activeSubscriptionCount(), 0u);
+    replyOneSong(first, "late");
+    service.invalidate(first);
+    service.pushRuntimeUpdate(subscription, "", "volume=3");
+    host.runUntilIdle();
+    EXPECT_EQ(observer.deliveries(), 0u);
+
+    loader->load(query());
+    replyOneSong(first, "old query");
+    replyOneSong(service.queries()[1], "new query");
+    host.runUntilIdle();
+    ASSERT_EQ(observer.results.size(), 1u);
+    EXPECT_EQ(observer.results[0].rows[0][0], "new query");
+}
+
+TEST_F(LoaderTest, RemovedObserverAndDestroyedLoaderGetNothing) {
+    RecordingObserver other;
+    auto loader = makeLoader(observer);
+    loader->addObserver(&other);
+    auto doomed = makeLoader(other);
+    loader->load(query());
+    doomed->load(query());
+    EXPECT_EQ(service.liveLoaderCount(), 2u);
+
+    loader->removeObserver(&observer);
+    const auto sent = service.queries();
+    doomed.reset();
+    EXPECT_EQ(service.liveLoaderCount(), 1u);
+    EXPECT_EQ(service.openQueryCount(), 1u);
+    replyOneSong(sent[0], "kept");
+    replyOneSong(sent[1], "for the dead");
+    host.runUntilIdle();
+
+    EXPECT_EQ(observer.deliveries(), 0u);
+    ASSERT_EQ(other.results.size(), 1u);
+    EXPECT_EQ(other.results[0].rows[0][0], "kept");
+}
+
+TEST_F(LoaderTest, ObserverRemovedDuringADeliveryIsNotCalledForIt) {
+    RecordingObserver second;
+    auto loader = makeLoader(observer);
+    loader->addObserver(&second);
+    observer.afterDelivery = [&] { loader->removeObserver(&second); };
+    loader->load(query());
+    replyOneSong(service.queries()[0], "x");
+    host.runUntilIdle();
+    EXPECT_EQ(observer.deliveries(), 1u);
+    EXPECT_EQ(second.deliveries(), 0u);
+}
+
+TEST_F(LoaderTest, AnswersFindTheirOwnLoader) {
+    RecordingObserver otherObserver;
+    auto one = makeLoader(observer);
+    auto other = makeLoader(otherObserver);
+    EXPECT_NE(one->getLoaderId(), other->getLoaderId());
+    one->load(query());
+    other->load(query());
+    other->subscribeRuntimeData("servicedata://player");
+    const auto sent = service.queries();
+
+    replyOneSong(sent[1], "to other");
+    replyOneSong(sent[0], "to one");
+    service.invalidate(sent[0]);
+    service.pushRuntimeUpdate(service.subscriptions()[0], "player", "volume=3");
+    host.runUntilIdle();
+
+    ASSERT_EQ(observer.results.size(), 1u);
+    EXPECT_EQ(observer.results[0].rows[0][0], "to one");
+    EXPECT_EQ(observer.invalidations, 1);
+    ASSERT_EQ(otherObserver.results.size(), 1u);
+    EXPECT_EQ(otherObserver.results[0].rows[0][0], "to other");
+    EXPECT_THAT(otherObserver.updates, ElementsAre("player=volume=3"));
+}
+
+TEST_F(LoaderTest, ServiceErrorIsLoggedWithTheQueryAndTheLoaderGetsNothing) {
+    testkit::LogCapture log;
+    auto loader = makeLoader(observer);
+    loader->load(query());
+    service.fail(service.queries()[0], "no such table");
+    host.runUntilIdle();
+
+    EXPECT_EQ(observer.deliveries(), 0u);
+    const auto entries = log.entries();
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0].level, LogLevel::Error);
+    EXPECT_EQ(entries[0].category, "tethrix-client");
+    EXPECT_EQ(entries[0].message, std::string("Query of ") + songs + " failed: no such table");
+}
+
+TEST_F(LoaderTest, ServedTableAnswersWithTheRequestedSliceAndColumns) {
+    testkit::ServedTable table;
+    table.columns = {{"year", ContentDataTypeInteger}, {"title", ContentDataTypeString}};
+    table.rowCount = 5;
+    table.value = [](std::size_t row, std::size_t column) {
+        return column == 0 ? boost::any(2000 + static_cast<int>(row)) : boost::any("t" + std::to_string(row));
+    };
+    service.serve(songs, table);
+    auto loader = makeLoader(observer);
+
+    loader->load(query(3, 10));
+    loader->load(std::make_shared<ContentQueryArguments>(songs, std::vector<std::string>{"title", "missing"}, "", 1,
+                                                         0, ""));
+    EXPECT_EQ(observer.deliveries(), 0u);
+    host.runUntilIdle();
+
+    ASSERT_EQ(observer.results.size(), 2u);
+    EXPECT_EQ(observer.results[0].startIndex, 3u);
+    EXPECT_THAT(observer.results[0].rows, ElementsAre(ElementsAre("t3", "2003"), ElementsAre("t4", "2004")));
+    EXPECT_THAT(observer.results[1].columns, ElementsAre("title", "missing"));
+    EXPECT_EQ(observer.results[1].rows.size(), 4u);
+    EXPECT_THAT(observer.results[1].rows[0], ElementsAre("t1", ""));
+    EXPECT_EQ(service.openQueryCount(), 0u);
+}
+
+// A transport whose service answers from a thread of its own.
+class ThreadedTransport : public client::Transport {
+public:
+    void attach(std::shared_ptr<client::TransportReceiver> newReceiver) override { receiver = newReceiver; }
+    void detach() override { receiver.reset(); }
+    void sendQuery(std::uint64_t, std::uint64_t queryId, const ContentQueryArguments&) override {
+        auto target = receiver;
+        std::thread([target, queryId] {
+            target->onConnectionState(Connection::StateConnected);
+            client::QueryResult result;
+            result.columns = {{"n", ContentDataTypeInteger}};
+            result.cells = {boost::any(1)};
+            target->onQueryResult(queryId, result);
+        }).join();
+    }
+    void cancelQuery(std::uint64_t) override {}
+    void subscribeRuntimeData(std::uint64_t, std::uint64_t, const std::string&) override {}
+    void unsubscribe(std::uint64_t) override {}
+
+    std::shared_ptr<client::TransportReceiver> receiver;
+};
+
+TEST_F(LoaderTest, ReportsFromAnotherThreadAreDeliveredOnTheLoopThread) {
+    client::installTransport(*service.context(), std::make_shared<ThreadedTransport>());
+    std::vector<std::thread::id> stateThreads;
+    auto token = service.context()->getClient()->getConnection()->addStateSubscription(
+        [&](Connection::State) { stateThreads.push_back(std::this_thread::get_id()); });
+    auto loader = makeLoader(observer);
+
+    loader->load(query());
+    EXPECT_EQ(observer.deliveries(), 0u);
+    EXPECT_THAT(stateThreads, IsEmpty());
+    host.runUntilIdle();
+
+    EXPECT_THAT(stateThreads, ElementsAre(std::this_thread::get_id()));
+    EXPECT_THAT(observer.threads, ElementsAre(std::this_thread::get_id()));
+}
+
+TEST_F(LoaderTest, ReplacingTheTransportDropsWhatWasAskedOfTheOldOne) {
+    std::vector<Connection::State> states;
+    auto token = service.context()->getClient()->getConnection()->addStateSubscription(
+        [&](Connection::State state) { states.push_back(state); });
+    service.setState(Connection::StateConnected);
+    host.runUntilIdle();
+    auto loader = makeLoader(observer);
+    loader->load(query());
+    const auto sent = service.queries()[0];
+
+    auto replacement = std::make_shared<ThreadedTransport>();
+    client::installTransport(*service.context(), replacement);
+    EXPECT_THAT(states, ElementsAre(Connection::StateConnected, Connection::StateLost));
+    replyOneSong(sent, "from the old one");
+    host.runUntilIdle();
+    EXPECT_EQ(observer.deliveries(), 0u);
+    EXPECT_EQ(service.context()->getClient()->core().openQueryCount(), 0u);
+}
+
+TEST_F(LoaderTest, WithoutATransportAQueryIsLoggedAndNotSent) {
+    testkit::LogCapture log;
+    client::installTransport(*service.context(), nullptr);
+    auto loader = makeLoader(observer);
+    loader->load(query());
+    host.runUntilIdle();
+    EXPECT_EQ(observer.deliveries(), 0u);
+    EXPECT_THAT(log.messages(LogLevel::Warning),
+                ElementsAre(std::string("No connection to the service: the query of ") + songs + " is not sent"));
+}
+
+}  // namespace
+}  // namespace zarvo

@@ -1,0 +1,118 @@
+#include <zarvo/client.h>
+#include <zarvo/domain.h>
+#include <zarvo/testkit/scripted_service.h>
+#include <zarvo/testkit/test_host.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace zarvo {
+namespace {
+
+TEST(ContextTest, OneContextPerDomainLivingAsLongAsTheDomain) {
+    std::weak_ptr<Context> weak;
+    {
+        testkit::TestHost host;
+        testkit::TestHost other;
+        auto context = Context::instance(host.domain(), nullptr);
+        EXPECT_EQ(Context::instance(host.domain(), "ignored"), context);
+        EXPECT_NE(Context::instance(other.domain(), nullptr), context);
+        EXPECT_EQ(&context->getDomain(), &host.domain());
+        ASSERT_NE(context->getClient(), nullptr);
+        EXPECT_NE(context->getClient()->getConnection(), nullptr);
+        weak = context;
+    }
+    EXPECT_TRUE(weak.expired());
+}
+
+class ServiceAcquisitionTest : public ::testing::Test {
+protected:
+    std::shared_ptr<AbstractServiceClient> acquire() {
+        return context->acquireService("Content", [this](Client* client, const std::string& name) {
+            ++factoryCalls;
+            return ContentServiceClient::create(client, name);
+        });
+    }
+
+    testkit::TestHost host;
+    std::shared_ptr<Context> context = Context::instance(host.domain(), nullptr);
+    int factoryCalls = 0;
+};
+
+TEST_F(ServiceAcquisitionTest, ServiceClientIsSharedByHoldersAndGoesWithTheLastRelease) {
+    auto first = acquire();
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(first->getName(), "Content");
+    EXPECT_EQ(first->getClient(), context->getClient().get());
+    EXPECT_EQ(acquire(), first);
+    EXPECT_EQ(factoryCalls, 1);
+
+    std::weak_ptr<AbstractServiceClient> weak = first;
+    first.reset();
+    context->releaseService("Content");
+    EXPECT_FALSE(weak.expired());
+    context->releaseService("Content");
+    EXPECT_TRUE(weak.expired());
+
+    acquire();
+    EXPECT_EQ(factoryCalls, 2);
+}
+
+TEST_F(ServiceAcquisitionTest, SurplusReleasesAreCountedAndHarmless) {
+    context->releaseService("Content");
+    acquire();
+    context->releaseService("Content");
+    context->releaseService("Content");
+    context->releaseService("Never acquired");
+
+    auto statistics = context->getServiceStatistics("Content");
+    EXPECT_EQ(statistics.acquires, 1u);
+    EXPECT_EQ(statistics.releases, 3u);
+    EXPECT_EQ(statistics.holders, 0u);
+
+    // A surplus does not eat into later acquires.
+    acquire();
+    statistics = context->getServiceStatistics("Content");
+    EXPECT_EQ(statistics.holders, 1u);
+    EXPECT_EQ(factoryCalls, 2);
+    EXPECT_EQ(context->getServiceStatistics("Unknown").acquires, 0u);
+}
+
+struct ResolveCase {
+    const char* base;
+    const char* url;
+    const char* expected;
+};
+
+class ResolveResourceUrlTest : public ::testing::TestWithParam<ResolveCase> {};
+
+TEST_P(ResolveResourceUrlTest, ResolvesAgainstTheBaseTheServiceGave) {
+    testkit::TestHost host;
+    testkit::ScriptedService service(host.domain());
+    if (*GetParam().base) {
+        service.setResourceBaseUrl(GetParam().base);
+        host.runUntilIdle();
+    }
+    EXPECT_EQ(service.context()->getClient()->resolveResourceUrl(GetParam().url, 1), GetParam().expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Urls, ResolveResourceUrlTest,
+    ::testing::Values(
+        ResolveCase{"", "images/a.png", "images/a.png"},
+        ResolveCase{"", "https://cdn/a.png", "https://cdn/a.png"},
+        ResolveCase{"http://127.0.0.1:8080/files/", "https://cdn/a.png", "https://cdn/a.png"},
+        ResolveCase{"http://127.0.0.1:8080/files/", "images/a.png", "http://127.0.0.1:8080/files/images/a.png"},
+        ResolveCase{"http://127.0.0.1:8080/files/", "/a.png", "http://127.0.0.1:8080/a.png"},
+        ResolveCase{"http://127.0.0.1:8080/files/", "../a.png?s=2", "http://127.0.0.1:8080/a.png?s=2"},
+        ResolveCase{"http://127.0.0.1:8080/files/", "./x/./y/../a.png", "http://127.0.0.1:8080/files/x/a.png"},
+        ResolveCase{"http://127.0.0.1:8080/files/", "//mirror/a.png", "http://mirror/a.png"},
+        ResolveCase{"http://127.0.0.1:8080/files", "a.png", "http://127.0.0.1:8080/a.png"},
+        ResolveCase{"http://h/p/q?x=1", "?y=2", "http://h/p/q?y=2"},
+        ResolveCase{"http://h/p/q?x=1", "#top", "http://h/p/q?x=1#top"},
+        ResolveCase{"http://h/p/", "", ""},
+        ResolveCase{"not a base", "a.png", "a.png"}));
+
+}  // namespace
+}  // namespace zarvo

@@ -1,0 +1,154 @@
+#include <zarvo/runtime_data.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <string>
+#include <vector>
+
+namespace zarvo {
+namespace {
+
+using ::testing::ElementsAre;
+
+std::vector<std::string> childNames(const RuntimeDataObject& node) {
+    std::vector<std::string> names;
+    for (auto it = node.beginChildren(); it != node.endChildren(); ++it) {
+        names.push_back((*it)->getNameOverride());
+    }
+    return names;
+}
+
+TEST(RuntimeDataTest, NodeKeepsNamePropertiesAndChildrenInOrder) {
+    auto root = std::make_shared<RuntimeDataObject>(nullptr, "", "");
+    auto volume = std::make_shared<RuntimeDataObjectInteger>(nullptr, "volume", 3);
+    auto title = std::make_shared<RuntimeDataObjectString>(nullptr, "title");
+    title->setStringProperty("dynamic_source", "albums");
+    root->addChild(volume);
+    root->addChild(title);
+    root->addChild(nullptr);
+
+    EXPECT_EQ(root->getType(), RuntimeDataObject::TypeObject);
+    EXPECT_THAT(childNames(*root), ElementsAre("volume", "title"));
+    EXPECT_EQ(root->findChild("title"), title);
+    EXPECT_EQ(root->findChild("nothing"), nullptr);
+    EXPECT_TRUE(title->hasProperty("dynamic_source"));
+    EXPECT_FALSE(title->hasProperty("lookup_column"));
+    EXPECT_EQ(title->getStringProperty("dynamic_source", "x"), "albums");
+    EXPECT_EQ(title->getStringProperty("lookup_column", "fallback"), "fallback");
+}
+
+TEST(RuntimeDataTest, CastToAgreesWithGetType) {
+    std::shared_ptr<RuntimeDataObject> node = std::make_shared<RuntimeDataObjectReal>(nullptr, "gain", 0.5);
+    EXPECT_EQ(node->getType(), RuntimeDataObject::TypeReal);
+    ASSERT_NE(node->castTo<RuntimeDataObjectReal>(), nullptr);
+    EXPECT_EQ(node->castTo<RuntimeDataObjectReal>()->getValue(), 0.5);
+    EXPECT_EQ(node->castTo<RuntimeDataObjectInteger>(), nullptr);
+    EXPECT_EQ(node->castTo<RuntimeDataObjectList>(), nullptr);
+}
+
+TEST(RuntimeDataTest, HandlersFireOnlyWhenTheValueChanges) {
+    auto volume = std::make_shared<RuntimeDataObjectInteger>(nullptr, "volume", 3);
+    std::vector<int> seen;
+    volume->addModifiedNotificationHandler([&](RuntimeDataObject* changed) {
+        seen.push_back(static_cast<RuntimeDataObjectInteger*>(changed)->getValue());
+    });
+    volume->setValue(3);
+    volume->setValue(4);
+    EXPECT_TRUE(volume->setValueFromString("4"));
+    EXPECT_FALSE(volume->setValueFromString("four"));
+    EXPECT_TRUE(volume->setValueFromString("-5"));
+    EXPECT_THAT(seen, ElementsAre(4, -5));
+
+    // NaN never equals itself, so each write of it counts as a change.
+    auto gain = std::make_shared<RuntimeDataObjectReal>(nullptr, "gain", std::nan(""));
+    int nanChanges = 0;
+    gain->addModifiedNotificationHandler([&](RuntimeDataObject*) { ++nanChanges; });
+    gain->setValue(std::nan(""));
+    EXPECT_EQ(nanChanges, 1);
+}
+
+struct TextCase {
+    std::shared_ptr<RuntimeDataObject> node;
+    std::string input;
+    bool accepted;
+    std::string text;  // getValueAsString afterwards
+};
+
+class RuntimeValueTextTest : public ::testing::TestWithParam<TextCase> {};
+
+TEST_P(RuntimeValueTextTest, ParsesWholeTextOrLeavesTheValue) {
+    const TextCase& c = GetParam();
+    auto node = c.node->clone();
+    EXPECT_EQ(node->setValueFromString(c.input), c.accepted);
+    EXPECT_EQ(node->getValueAsString(), c.text);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Types, RuntimeValueTextTest,
+    ::testing::Values(
+        TextCase{std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "+12", true, "12"},
+        TextCase{std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "12x", false, "1"},
+        TextCase{std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "99999999999", false, "1"},
+        TextCase{std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), "0.1", true, "0.1"},
+        TextCase{std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), "-2.5e3", true, "-2500"},
+        TextCase{std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), " 2", false, "1"},
+        TextCase{std::make_shared<RuntimeDataObjectBoolean>(nullptr, "b", false), "true", true, "1"},
+        TextCase{std::make_shared<RuntimeDataObjectBoolean>(nullptr, "b", true), "yes", false, "1"},
+        TextCase{std::make_shared<RuntimeDataObjectString>(nullptr, "s", "a"), "b;c", true, "b;c"},
+        TextCase{std::make_shared<RuntimeDataObject>(nullptr, "o", "text"), "other", true, "other"}));
+
+TEST(RuntimeDataTest, ListRowsChangeInPlaceAndTellTheListsHandlers) {
+    auto list = std::make_shared<RuntimeDataObjectList>(nullptr, "queue");
+    int changes = 0;
+    list->addModifiedNotificationHandler([&](RuntimeDataObject*) { ++changes; });
+    auto a = std::make_shared<RuntimeDataObjectString>(nullptr, "row", "a");
+    auto b = std::make_shared<RuntimeDataObjectString>(nullptr, "row", "b");
+    auto c = std::make_shared<RuntimeDataObjectString>(nullptr, "row", "c");
+
+    list->insertItem(0, a);
+    list->insertItem(5, c);  // beyond the end: appended
+    list->insertItem(1, b);
+    EXPECT_EQ(list->getType(), RuntimeDataObject::TypeList);
+    ASSERT_EQ(list->itemCount(), 3u);
+    EXPECT_EQ(list->getItem(1), b);
+    EXPECT_EQ(list->getItem(3), nullptr);
+
+    list->removeItem(0);
+    list->replaceItem(0, c);
+    list->removeItem(9);
+    EXPECT_EQ(list->itemCount(), 2u);
+    EXPECT_EQ(list->getItem(0), c);
+    EXPECT_EQ(changes, 5);
+}
+
+TEST(RuntimeDataTest, CloneIsDeepAndLeavesHandlersAndBindingsBehind) {
+    auto list = std::make_shared<RuntimeDataObjectList>(nullptr, "queue");
+    list->runtimeItemTemplate = std::make_shared<RuntimeDataObjectString>(nullptr, "row", "");
+    auto row = std::make_shared<RuntimeDataObjectString>(nullptr, "row", "a");
+    row->setStringProperty("lookup_column", "id");
+    list->insertItem(0, row);
+    int changes = 0;
+    list->addModifiedNotificationHandler([&](RuntimeDataObject*) { ++changes; });
+
+    auto copy = list->clone()->castTo<RuntimeDataObjectList>();
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(copy->getNameOverride(), "queue");
+    ASSERT_EQ(copy->itemCount(), 1u);
+    auto copiedRow = copy->getItem(0)->castTo<RuntimeDataObjectString>();
+    ASSERT_NE(copiedRow, nullptr);
+    EXPECT_NE(copiedRow, row);
+    EXPECT_EQ(copiedRow->getValue(), "a");
+    EXPECT_EQ(copiedRow->getStringProperty("lookup_column", ""), "id");
+    ASSERT_NE(copy->runtimeItemTemplate, nullptr);
+    EXPECT_NE(copy->runtimeItemTemplate, list->runtimeItemTemplate);
+
+    copiedRow->setValue("b");
+    copy->removeItem(0);
+    EXPECT_EQ(row->getValue(), "a");
+    EXPECT_EQ(changes, 0);
+}
+
+}  // namespace
+}  // namespace zarvo

@@ -1,0 +1,209 @@
+#include "datasource/load_image_task.h"
+
+#include "image_server.h"
+#include "sample_images.h"
+
+#include <zarvo/domain.h>
+#include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/test_host.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace zarvo {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::Matcher;
+using ::testing::StartsWith;
+using ImageType = LoadImageTask::ImageType;
+
+std::string bytes(std::initializer_list<int> values) {
+    std::string out;
+    for (int value : values) {
+        out += static_cast<char>(value);
+    }
+    return out;
+}
+
+TEST(LoadImageTaskDetectionTest, RecognisesImagesByContentAlone) {
+    const std::string png = test::samplePng();
+    const std::string jpeg = test::sampleJpeg();
+    struct Case {
+        const char* name;
+        std::string data;
+        ImageType expected;
+    } cases[] = {
+        {"empty", "", ImageType::Unsupported},
+        {"png signature alone", png.substr(0, 8), ImageType::Png},
+        {"png signature less one byte", png.substr(0, 7), ImageType::Unsupported},
+        {"png", png, ImageType::Png},
+        {"png ending in the jpeg end marker", png + bytes({0xFF, 0xD9}), ImageType::Png},
+        {"jpeg markers alone", bytes({0xFF, 0xD8, 0xFF, 0xD9}), ImageType::Jpg},
+        {"three bytes", bytes({0xFF, 0xD8, 0xD9}), ImageType::Unsupported},
+        {"jpeg", jpeg, ImageType::Jpg},
+        {"jpeg and one byte more", jpeg + "\n", ImageType::Unsupported},
+        {"jpeg without its end marker", jpeg.substr(0, jpeg.size() - 2), ImageType::Unsupported},
+        {"html", "<html><body>404</body></html>", ImageType::Unsupported},
+    };
+    for (const Case& sample : cases) {
+        SCOPED_TRACE(sample.name);
+        EXPECT_EQ(sample.expected, LoadImageTask::detectImageType(sample.data));
+        EXPECT_EQ(sample.expected == ImageType::Png, LoadImageTask::isPngImage(sample.data));
+        EXPECT_EQ(sample.expected == ImageType::Jpg, LoadImageTask::isJpgImage(sample.data));
+    }
+}
+
+class LoadImageTaskTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite() {
+        test::ImageServers& servers = test::imageServers();
+        const std::string png = test::samplePng();
+        const std::string jpeg = test::sampleJpeg();
+        servers.put("task.png", png);
+        servers.put("task.jpg", jpeg);
+        servers.put("task-missing.png", png, 404);
+        servers.put("task-empty.png", "");
+        servers.put("task-truncated.png", png.substr(0, png.size() / 2));
+        std::string corrupt = png;
+        corrupt[corrupt.find("IDAT") + 6] ^= 0x5A;
+        servers.put("task-corrupt.png", corrupt);
+        servers.put("task-markers.jpg", bytes({0xFF, 0xD8, 0xFF, 0xD9}));
+        servers.put("task-trailing.jpg", jpeg + "\n");
+        servers.put("task-short.png", png.substr(0, 7));
+    }
+
+    /// Runs the three stages as the resource manager does, here on one thread.
+    std::shared_ptr<Resource> load(LoadImageTask& task) {
+        task.loadFunction(nullptr);
+        task.finishFunction(nullptr);
+        return task.getResult();
+    }
+
+    test::ImageServers& servers = test::imageServers();
+    testkit::TestHost host;
+    testkit::LogCapture log;
+};
+
+TEST_F(LoadImageTaskTest, LoadsPngAndJpegOverHttpAndHttpsIntoPremultipliedTextures) {
+    const std::string upperCaseUrl = "HTTP" + servers.httpUrl("task.png").substr(4);
+    struct Case {
+        const char* name;
+        std::string url;
+        BitmapImage::Format format;
+        std::vector<std::uint8_t> firstPixel;
+        std::vector<std::string> logLines;
+    } cases[] = {
+        {"png over http", servers.httpUrl("task.png"), BitmapImage::Format::RGBA8, {0x80, 0x20, 0x00, 0x80}, {}},
+        {"jpeg over http", servers.httpUrl("task.jpg"), BitmapImage::Format::RGB8, {0x80, 0x80, 0x80}, {}},
+        // The certificate is self-signed and deliberately not checked.
+        {"png over https", servers.httpsUrl("task.png"), BitmapImage::Format::RGBA8, {0x80, 0x20, 0x00, 0x80}, {}},
+        {"jpeg over https", servers.httpsUrl("task.jpg"), BitmapImage::Format::RGB8, {0x80, 0x80, 0x80}, {}},
+        // An error status is no failure: its body is the image.
+        {"png with status 404", servers.httpUrl("task-missing.png"), BitmapImage::Format::RGBA8,
+         {0x80, 0x20, 0x00, 0x80}, {}},
+        // The scheme is compared as written; libcurl still knows it.
+        {"upper-case scheme", upperCaseUrl, BitmapImage::Format::RGBA8, {0x80, 0x20, 0x00, 0x80},
+         {"warning tethrix: Unsupported protocol for file request: " + upperCaseUrl}},
+    };
+    for (const Case& sample : cases) {
+        SCOPED_TRACE(sample.name);
+        log.clear();
+        LoadImageTask task(sample.url, &host.domain());
+        const auto texture = std::dynamic_pointer_cast<Texture>(load(task));
+        ASSERT_NE(nullptr, texture);
+        EXPECT_EQ(sample.logLines, log.lines());
+        const BitmapImage& image = texture->getImage();
+        EXPECT_EQ(4u, image.getWidth());
+        EXPECT_EQ(2u, image.getHeight());
+        EXPECT_EQ(sample.format, image.getFormat());
+        EXPECT_TRUE(image.isPremultiplied());
+        const std::vector<std::uint8_t> first(image.getPixels().begin(),
+                                              image.getPixels().begin() + sample.firstPixel.size());
+        for (std::size_t i = 0; i < first.size(); ++i) {
+            EXPECT_NEAR(sample.firstPixel[i], first[i], 2) << "channel " << i;
+        }
+        EXPECT_EQ(2u, texture->getMemoryPolicy());
+        EXPECT_EQ("", texture->getObjectName());
+        EXPECT_EQ(&host.domain(), texture->getDomain());
+    }
+}
+
+TEST_F(LoadImageTaskTest, BodiesThatAreNoImageEndInANullResourceWithTheirMessages) {
+    const auto failed = [](const std::string& url) { return "error tethrix: failed to create image " + url + " from stream."; };
+    const auto unsupported = [](const std::string& url) {
+        return "error tethrix: Loading image \"" + url + "\" failed due to unsupported image type";
+    };
+    const auto decoderError = [](const std::string& url) {
+        return StartsWith("error tethrix: Error while trying to read " + url + ", reason: ");
+    };
+    const std::string html = servers.httpUrl("task-absent.png");
+    const std::string empty = servers.httpUrl("task-empty.png");
+    const std::string truncated = servers.httpUrl("task-truncated.png");
+    const std::string corrupt = servers.httpsUrl("task-corrupt.png");
+    const std::string markers = servers.httpUrl("task-markers.jpg");
+    const std::string trailing = servers.httpUrl("task-trailing.jpg");
+    const std::string shortPng = servers.httpUrl("task-short.png");
+    struct Case {
+        const char* name;
+        std::string url;
+        std::vector<Matcher<std::string>> lines;
+    } cases[] = {
+        {"html error page", html, {unsupported(html), failed(html)}},
+        {"empty body", empty, {failed(empty)}},
+        {"truncated png", truncated, {decoderError(truncated), failed(truncated)}},
+        {"png with a corrupt data chunk", corrupt, {decoderError(corrupt), failed(corrupt)}},
+        {"jpeg markers without an image", markers, {decoderError(markers), failed(markers)}},
+        {"jpeg with a byte after its end", trailing, {unsupported(trailing), failed(trailing)}},
+        {"seven bytes of png signature", shortPng, {unsupported(shortPng), failed(shortPng)}},
+    };
+    for (const Case& sample : cases) {
+        SCOPED_TRACE(sample.name);
+        log.clear();
+        LoadImageTask task(sample.url, &host.domain());
+        ::testing::internal::CaptureStderr();
+        const auto result = load(task);
+        EXPECT_THAT(::testing::internal::GetCapturedStderr(), IsEmpty());
+        EXPECT_EQ(nullptr, result);
+        EXPECT_THAT(log.lines(), ::testing::ElementsAreArray(sample.lines));
+    }
+}
+
+TEST_F(LoadImageTaskTest, RefusedConnectionWritesTheCurlLineAndFails) {
+    const std::string url = servers.refusedUrl("cover.png");
+    LoadImageTask task(url, &host.domain());
+
+    ::testing::internal::CaptureStderr();
+    task.loadFunction(nullptr);
+    EXPECT_EQ(std::string("curl_easy_perform() failed on URL path: ") + curl_easy_strerror(CURLE_COULDNT_CONNECT) +
+                  " " + url + " \n",
+              ::testing::internal::GetCapturedStderr());
+    task.finishFunction(nullptr);
+
+    EXPECT_EQ(nullptr, task.getResult());
+    EXPECT_THAT(log.lines(), ElementsAre("warning tethrix: Failed to load file: " + url,
+                                         "error tethrix: failed to create image " + url + " from stream."));
+}
+
+TEST_F(LoadImageTaskTest, GetResultKeepsItsTextureAndRepeatsOnlyFailures) {
+    LoadImageTask good(servers.httpUrl("task.png"), &host.domain());
+    const auto first = load(good);
+    ASSERT_NE(nullptr, first);
+    EXPECT_EQ(first, good.getResult());
+    EXPECT_THAT(log.lines(), IsEmpty());
+
+    const std::string url = servers.httpUrl("task-empty.png");
+    LoadImageTask empty(url, &host.domain());
+    EXPECT_EQ(nullptr, load(empty));
+    EXPECT_EQ(nullptr, empty.getResult());
+    const std::string line = "error tethrix: failed to create image " + url + " from stream.";
+    EXPECT_THAT(log.lines(), ElementsAre(line, line));
+}
+
+}  // namespace
+}  // namespace zarvo

@@ -1,0 +1,504 @@
+// The block-cached list as a list view drives it: through the real adapter,
+// client library and a scripted service, with the loop run by hand.
+#include "datasource/content_adapter.h"
+#include "datasource/tethrix_data_object_list.h"
+
+#include <zarvo/testkit/notification_recorder.h>
+#include <zarvo/testkit/scripted_service.h>
+#include <zarvo/testkit/test_host.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zarvo {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Request = std::pair<int, int>;  // index, count of one query
+using Requests = std::vector<Request>;
+
+const std::string songsUri = "content://com.tavelorix.content/songs";
+
+// The id a row was filled with, or -1 while its data have not arrived.
+int idOf(const std::shared_ptr<DataObject>& row) {
+    if (row->getChildCount() == 0) {
+        return -1;
+    }
+    return std::static_pointer_cast<DataObjectInteger>(row->getChild(0))->getValue();
+}
+
+std::vector<std::uint64_t> keys(const TethrixDataObjectList::Cache::ItemMap& items) {
+    std::vector<std::uint64_t> result;
+    for (const auto& entry : items) {
+        result.push_back(entry.first);
+    }
+    return result;
+}
+
+class TethrixDataObjectListTest : public testing::Test {
+protected:
+    void TearDown() override {
+        if (adapter) {
+            // A list and its adapter own each other for good; the adapter's
+            // hold on the list is the one a test can drop.
+            adapter->stop();
+            adapter->initialize(nullptr, false);
+        }
+    }
+
+    // A list adapter on a table of `rows` rows, not yet started.
+    void create(std::uint64_t blockSize, std::size_t rows = 1000) {
+        tableRows = rows;
+        auto config = std::make_shared<ContentAdapterConfiguration>();
+        config->uri = songsUri;
+        config->name = "songs";
+        config->type = ContentAdapterConfiguration::List;
+        config->blockSize = blockSize;
+        config->fields = {{"id", DataObject::TypeInteger, "id"}, {"title", DataObject::TypeString, "title"}};
+        adapter = std::make_shared<ContentAdapter>(config, &host.domain(), service.context());
+        root = std::make_shared<DataObject>(&host.domain(), "Root");
+        adapter->initialize(root, true);
+        list = std::dynamic_pointer_cast<TethrixDataObjectList>(adapter->getDataObject());
+        ASSERT_NE(list, nullptr);
+        recorder.watch(*list, "list");
+        service.setState(Connection::StateConnected);
+        host.runUntilIdle();
+    }
+
+    void startLoading() {
+        auto client = service.context()->getClient();
+        adapter->start(std::make_shared<DefaultContentLoader>(client.get(),
+                                                              client->getConnection()->getMessageDispatcher()));
+    }
+
+    // Created, started, and its first row delivered.
+    void start(std::uint64_t blockSize, std::size_t rows = 1000) {
+        create(blockSize, rows);
+        startLoading();
+        deliver();
+        requests();
+        recorder.clear();
+    }
+
+    // The queries sent since the last call, as (index, count).
+    Requests requests() {
+        collect();
+        return std::exchange(unseen, {});
+    }
+
+    // Answers every open query from the table, then runs the loop.
+    void deliver() {
+        collect();
+        for (const auto& query : std::exchange(pending, {})) {
+            const std::size_t begin = std::min<std::size_t>(query.index, tableRows);
+            const std::size_t count = query.count == 0 ? tableRows : static_cast<std::size_t>(query.count);
+            answer(query, begin, std::min(begin + count, tableRows));
+        }
+        host.runUntilIdle();
+    }
+
+    // Answers the oldest open query with the table's rows [begin, end).
+    void deliverRows(std::size_t begin, std::size_t end) {
+        collect();
+        answer(pending.front(), begin, end);
+        pending.erase(pending.begin());
+        host.runUntilIdle();
+    }
+
+    void acquireAll(std::uint64_t first, std::uint64_t end) {
+        for (std::uint64_t index = first; index < end; ++index) {
+            list->acquireItem(index);
+        }
+    }
+
+    const TethrixDataObjectList::Cache& cache() const { return list->getCache(); }
+
+    testkit::TestHost host;
+    testkit::ScriptedService service{host.domain()};
+    testkit::NotificationRecorder recorder;
+    std::shared_ptr<DataObject> root;
+    std::shared_ptr<ContentAdapter> adapter;
+    std::shared_ptr<TethrixDataObjectList> list;
+    std::size_t tableRows = 0;
+
+private:
+    void collect() {
+        for (auto& query : service.takeQueries()) {
+            unseen.emplace_back(query.index, query.count);
+            pending.push_back(std::move(query));
+        }
+    }
+
+    void answer(const testkit::RecordedQuery& query, std::size_t begin, std::size_t end) {
+        std::vector<std::vector<boost::any>> rows;
+        for (std::size_t row = begin; row < end; ++row) {
+            rows.push_back({boost::any(static_cast<int>(row)), boost::any("song " + std::to_string(row))});
+        }
+        service.reply(query, {{"id", ContentDataTypeInteger}, {"title", ContentDataTypeString}}, std::move(rows),
+                      begin);
+    }
+
+    std::vector<testkit::RecordedQuery> pending;
+    Requests unseen;
+};
+
+// Holds the rows [first, first + size) below the list's count as a list view
+// does: acquires what enters, releases what leaves, and binds its rows afresh
+// once the list has said that it changed.
+class ListView {
+public:
+    ListView(std::shared_ptr<TethrixDataObjectList> list, std::uint64_t size) : list(std::move(list)), size(size) {
+        token = this->list->addModifiedSubscription([this](DataContext&) { rebind = true; });
+    }
+    ~ListView() { list->removeModifiedSubscription(token); }
+
+    void scrollTo(std::uint64_t newFirst) {
+        const std::uint64_t newEnd = std::min<std::uint64_t>(newFirst + size, list->itemCount());
+        for (std::uint64_t index = first; index < end && !rebind; ++index) {
+            if (index < newFirst || index >= newEnd) {
+                list->releaseItem(index);
+            }
+        }
+        for (std::uint64_t index = newFirst; index < newEnd; ++index) {
+            if (rebind || index < first || index >= end) {
+                list->acquireItem(index);
+            }
+        }
+        first = newFirst;
+        end = newEnd;
+        rebind = false;
+    }
+    std::uint64_t firstRow() const { return first; }
+    std::uint64_t endRow() const { return end; }
+
+private:
+    std::shared_ptr<TethrixDataObjectList> list;
+    std::uint64_t size;
+    std::shared_ptr<void> token;
+    std::uint64_t first = 0;
+    std::uint64_t end = 0;
+    bool rebind = false;
+};
+
+TEST_F(TethrixDataObjectListTest, GrowsFromOneRowThroughReadAheadBlockByBlock) {
+    create(10);
+    EXPECT_EQ(list->itemCount(), 0u);
+    startLoading();
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 1)));
+    deliver();
+    EXPECT_EQ(list->itemCount(), 1u);
+    EXPECT_THAT(recorder.take(), ElementsAre("list"));
+
+    // Block n + 1 is asked for when the last row of block n is acquired.
+    std::vector<std::uint64_t> requestedAt;
+    for (std::uint64_t index = 0; index < 30; ++index) {
+        ASSERT_LT(index, list->itemCount());
+        list->acquireItem(index);
+        if (!requests().empty()) {
+            requestedAt.push_back(index);
+        }
+        list->releaseItem(index);
+        deliver();
+    }
+    EXPECT_THAT(requestedAt, ElementsAre(0u, 9u, 19u, 29u));
+    EXPECT_EQ(list->itemCount(), 40u);
+}
+
+TEST_F(TethrixDataObjectListTest, RowAcquiredBeforeItsDataIsTheObjectThatIsFilled) {
+    start(10);
+    auto row = list->acquireItem(25);
+    EXPECT_EQ(row->getName(), "row25");
+    EXPECT_EQ(idOf(row), -1);
+    recorder.watch(*row, "row25");
+    EXPECT_THAT(requests(), ElementsAre(Request(20, 10)));
+
+    deliver();
+    EXPECT_EQ(idOf(row), 25);
+    EXPECT_EQ(list->itemCount(), 30u);
+    EXPECT_EQ(list->getItem(25), row);
+    // The row is announced before its values are written; then the grown
+    // list tells the view to bind afresh.
+    EXPECT_THAT(recorder.take(), ElementsAre("row25", "list"));
+    EXPECT_EQ(list->acquireItem(25), row);
+}
+
+class LoadingOrderTest : public TethrixDataObjectListTest,
+                         public testing::WithParamInterface<std::vector<std::uint64_t>> {};
+
+TEST_P(LoadingOrderTest, LowestWaitingRowLoadsFirstOneLoadAtATime) {
+    start(10);
+    list->acquireItem(55);
+    acquireAll(GetParam()[0], GetParam()[0] + 1);
+    acquireAll(GetParam()[1], GetParam()[1] + 1);
+    EXPECT_THAT(requests(), ElementsAre(Request(50, 10)));
+    EXPECT_THAT(list->getLoadingQueue(), ElementsAre(7u, 31u, 55u));
+    deliver();
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 10)));
+    deliver();
+    EXPECT_THAT(requests(), ElementsAre(Request(30, 10)));
+    deliver();
+    EXPECT_THAT(list->getLoadingQueue(), IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(EitherOrder, LoadingOrderTest,
+                         testing::Values(std::vector<std::uint64_t>{7, 31}, std::vector<std::uint64_t>{31, 7}));
+
+TEST_F(TethrixDataObjectListTest, JumpLoadsTheBlockAndReadAheadAsksForItOnceMore) {
+    start(10);
+    list->acquireItem(0);
+    deliver();
+    list->releaseItem(0);
+    requests();
+
+    list->acquireItem(55);
+    EXPECT_THAT(requests(), ElementsAre(Request(50, 10)));
+    deliver();
+    // The view binds afresh; its first hit reads ahead into the block that
+    // the queue has just brought in.
+    list->acquireItem(55);
+    EXPECT_THAT(requests(), ElementsAre(Request(50, 10)));
+    deliver();
+    acquireAll(56, 59);
+    EXPECT_THAT(requests(), IsEmpty());
+    list->acquireItem(59);
+    EXPECT_THAT(requests(), ElementsAre(Request(60, 10)));
+}
+
+TEST_F(TethrixDataObjectListTest, ScrollingBackwardLoadsOnlyWhatIsMissing) {
+    start(10);
+    for (std::uint64_t index = 99; index > 92; --index) {
+        list->acquireItem(index);
+    }
+    deliver();
+    // Hits while moving backward read nothing ahead, although nothing was
+    // read ahead yet; the first miss loads at once, the rest wait.
+    for (std::uint64_t index = 92; index > 60; --index) {
+        list->acquireItem(index);
+    }
+    EXPECT_THAT(requests(), ElementsAre(Request(90, 10), Request(80, 10)));
+    deliver();
+    EXPECT_THAT(requests(), ElementsAre(Request(60, 10)));
+    deliver();
+    EXPECT_THAT(requests(), ElementsAre(Request(70, 10)));
+    deliver();
+    EXPECT_THAT(requests(), IsEmpty());
+}
+
+TEST_F(TethrixDataObjectListTest, ResidentRowsStayNearFiveBlocksWhileScrollingFar) {
+    start(10);
+    ListView view(list, 7);
+    std::size_t peak = 0;
+    for (std::uint64_t first = 0; first < 300; ++first) {
+        view.scrollTo(first);
+        peak = std::max(peak, cache().residentItemCount());
+        deliver();
+        for (std::uint64_t index = view.firstRow(); index < view.endRow(); ++index) {
+            ASSERT_EQ(idOf(list->getItem(index)), static_cast<int>(index));
+        }
+    }
+    // Five blocks, plus the block that came in since the last release.
+    EXPECT_LE(peak, 5u * 10u + 10u);
+    EXPECT_EQ(list->getCache().getUnreferencedItems().count(3), 0u);
+
+    // A purged row comes back empty, and its block is loaded again.
+    requests();
+    auto row = list->acquireItem(3);
+    EXPECT_EQ(idOf(row), -1);
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 10)));
+    deliver();
+    EXPECT_EQ(idOf(row), 3);
+}
+
+TEST_F(TethrixDataObjectListTest, ReferencesResetAndListNotifiesOnlyWhenTheCountGrew) {
+    start(10);
+    list->acquireItem(0);
+    deliver();
+    list->acquireItem(55);
+    acquireAll(0, 5);
+    requests();
+    recorder.clear();
+    std::vector<std::shared_ptr<DataObject>> held;
+    for (std::uint64_t index = 0; index < 5; ++index) {
+        held.push_back(list->getItem(index));
+    }
+
+    // Rows below the count change no count: the references stay, and the
+    // row still missing is asked for again.
+    deliverRows(3, 4);
+    EXPECT_THAT(recorder.take(), IsEmpty());
+    EXPECT_THAT(keys(cache().getReferencedItems()), ElementsAre(0u, 1u, 2u, 3u, 4u, 55u));
+    EXPECT_THAT(requests(), ElementsAre(Request(50, 10)));
+
+    // Rows past the count: every reference goes, rows and data stay.
+    deliver();
+    EXPECT_THAT(recorder.take(), ElementsAre("list"));
+    EXPECT_THAT(cache().getReferencedItems(), IsEmpty());
+    for (std::uint64_t index = 0; index < 5; ++index) {
+        EXPECT_EQ(cache().getUnreferencedItems().at(index), held[index]);
+        EXPECT_EQ(idOf(held[index]), static_cast<int>(index));
+    }
+    // A view that still releases what it held before does no harm.
+    list->releaseItem(2);
+    EXPECT_EQ(cache().getUnreferencedItems().at(2), held[2]);
+}
+
+TEST_F(TethrixDataObjectListTest, ReleasedWaitingRowIsNotLoadedAndCountsAsLoaded) {
+    start(10);
+    list->acquireItem(55);
+    auto row = list->acquireItem(42);
+    list->releaseItem(42);
+    EXPECT_THAT(list->getLoadingQueue(), ElementsAre(55u));
+    deliver();
+    list->acquireItem(55);
+    deliver();
+    EXPECT_THAT(requests(), ElementsAre(Request(50, 10), Request(50, 10)));
+
+    // The row went back empty, yet it is a hit now: nothing asks for its
+    // block, and it stays empty until some load covers it.
+    EXPECT_EQ(list->acquireItem(42), row);
+    EXPECT_THAT(list->getLoadingQueue(), IsEmpty());
+    EXPECT_THAT(requests(), IsEmpty());
+    EXPECT_EQ(idOf(row), -1);
+}
+
+TEST_F(TethrixDataObjectListTest, RowPastTheEndIsAskedForUntilReleased) {
+    start(10, 25);
+    list->acquireItem(27);
+    deliver();
+    deliver();
+    EXPECT_THAT(requests(), ElementsAre(Request(20, 10), Request(20, 10), Request(20, 10)));
+    EXPECT_EQ(list->itemCount(), 25u);
+
+    list->releaseItem(27);
+    for (int turn = 0; turn < 3; ++turn) {
+        deliver();
+    }
+    EXPECT_EQ(service.openQueryCount(), 0u);
+    EXPECT_THAT(list->getLoadingQueue(), IsEmpty());
+}
+
+TEST_F(TethrixDataObjectListTest, QueueWaitsForALoaderAndRetriesOnTheNextAcquire) {
+    create(10);
+    list->acquireItem(25);
+    EXPECT_FALSE(list->isLoading());
+    EXPECT_THAT(list->getLoadingQueue(), ElementsAre(25u));
+
+    startLoading();
+    list->acquireItem(3);
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 1), Request(0, 10)));
+    EXPECT_TRUE(list->isLoading());
+}
+
+TEST_F(TethrixDataObjectListTest, UnpagedListNeverLoadsReleasesOrPurges) {
+    start(0, 30);
+    EXPECT_EQ(list->itemCount(), 30u);
+    list->acquireItem(40);
+    EXPECT_THAT(list->getLoadingQueue(), ElementsAre(40u));
+    for (std::uint64_t index = 0; index < 30; ++index) {
+        list->acquireItem(index);
+        list->releaseItem(index);
+    }
+    EXPECT_THAT(requests(), IsEmpty());
+    EXPECT_EQ(cache().getReferencedItems().size(), 31u);
+}
+
+class PurgeTest : public TethrixDataObjectListTest, public testing::WithParamInterface<std::uint64_t> {};
+
+// The adapter's part is played by hand: rows 0 .. n - 1 delivered in order,
+// then one row acquired and released.
+TEST_P(PurgeTest, ReleasePurgesOnlyPastFiveBlocksOldestFirst) {
+    const std::uint64_t delivered = GetParam();
+    create(10);
+    for (std::uint64_t index = 0; index < delivered; ++index) {
+        list->notifyItemLoaded(index, list->getItem(index));
+    }
+    list->notifyLoadingFinished();
+    list->acquireItem(60);
+    list->releaseItem(60);
+    const bool purged = delivered + 1 > 50;
+    EXPECT_EQ(cache().getUnreferencedItems().count(0), purged ? 0u : 1u);
+    EXPECT_EQ(cache().residentItemCount(), purged ? 50u : delivered + 1);
+    EXPECT_EQ(cache().getUnreferencedItems().count(60), 1u);
+}
+
+INSTANTIATE_TEST_SUITE_P(FiftyOrFiftyOne, PurgeTest, testing::Values(49u, 50u));
+
+TEST_F(TethrixDataObjectListTest, RemoveAllItemsForgetsRowsButNotReadAheadProgress) {
+    start(10);
+    acquireAll(0, 10);
+    deliver();
+    acquireAll(0, 10);  // reads ahead up to block 1
+    deliver();
+    auto waiting = list->getItem(70);
+    list->removeAllItems();
+    EXPECT_EQ(list->itemCount(), 0u);
+    EXPECT_EQ(cache().residentItemCount(), 1u);
+    EXPECT_EQ(list->getItem(70), waiting);
+
+    recorder.clear();
+    list->notifyLoadingFinished();
+    EXPECT_THAT(recorder.take(), ElementsAre("list"));
+
+    // Filled again by hand, as a dynamic source does: read-ahead stays off
+    // for the blocks it reached before.
+    for (std::uint64_t index = 0; index < 20; ++index) {
+        list->notifyItemLoaded(index, list->getItem(index));
+    }
+    list->notifyLoadingFinished();
+    requests();
+    acquireAll(0, 19);
+    EXPECT_THAT(requests(), IsEmpty());
+    list->acquireItem(19);
+    EXPECT_THAT(requests(), ElementsAre(Request(20, 10)));
+}
+
+TEST_F(TethrixDataObjectListTest, ItemTemplateIsTheLowestReferencedRowElseTheAdaptersTemplate) {
+    create(10);
+    EXPECT_EQ(list->getItemTemplate(), adapter->getItemTemplate());
+    EXPECT_EQ(list->getItemTemplate()->getName(), "songsItem");
+    auto row7 = list->acquireItem(7);
+    auto row3 = list->acquireItem(3);
+    EXPECT_EQ(list->getItemTemplate(), row3);
+    list->releaseItem(3);
+    EXPECT_EQ(list->getItemTemplate(), row7);
+
+    auto detached = std::make_shared<TethrixDataObjectList>(&host.domain(), "detached", nullptr, 10);
+    auto empty = detached->getItemTemplate();
+    EXPECT_EQ(empty->getName(), "empty");
+    EXPECT_NE(detached->getItemTemplate(), empty);
+}
+
+TEST(TethrixDataObjectListCacheTest, ReleasesAppendToPurgeOrderAndPurgeSkipsStaleEntries) {
+    testkit::TestHost host;
+    Domain* domain = &host.domain();
+    TethrixDataObjectList::Cache cache;
+    for (std::uint64_t index : {1u, 2u}) {
+        cache.getItem(domain, index);
+        cache.notifyLoaded(index);
+    }
+    cache.referenceItem(domain, 1);
+    cache.referenceItem(domain, 1);
+    EXPECT_EQ(cache.unreferenceItem(1), 1u);
+    EXPECT_THAT(keys(cache.getReferencedItems()), ElementsAre(1u));
+    EXPECT_EQ(cache.unreferenceItem(1), 0u);
+    EXPECT_THAT(cache.getUnreferencedOrder(), ElementsAre(2u, 1u, 1u));
+
+    cache.purge(1);
+    EXPECT_THAT(keys(cache.getUnreferencedItems()), ElementsAre(1u));
+    auto row = cache.referenceItem(domain, 1);
+    EXPECT_THAT(cache.getUnreferencedOrder(), ElementsAre(1u));
+    // More than there is to purge: the stale entry goes, the referenced row
+    // stays.
+    cache.purge(5);
+    EXPECT_THAT(cache.getUnreferencedOrder(), IsEmpty());
+    EXPECT_EQ(cache.getReferencedItems().at(1), row);
+}
+
+}  // namespace
+}  // namespace zarvo

@@ -1,0 +1,507 @@
+#include "datasource/xml_configuration_reader.h"
+
+#include <zarvo/testkit/log_capture.h>
+
+#include <boost/lexical_cast.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tinyxml2.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <limits>
+#include <locale>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <unistd.h>
+
+namespace zarvo {
+namespace {
+
+using Configurations = XmlConfigurationReader::Configurations;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+const char* const NULL_ATTRIBUTE_TEXT = "basic_string::_M_construct null not valid";
+const std::string PREFIX = "content://com.tavelorix.content/";
+
+Configurations read(const std::string& declaration) {
+    return XmlConfigurationReader().loadFromFile(nullptr, "", declaration);
+}
+
+// Reads `body` as the children of a root element.
+Configurations readSources(const std::string& body) {
+    return read("<sources>" + body + "</sources>");
+}
+
+std::shared_ptr<ContentAdapterConfiguration> readOne(const std::string& source) {
+    const Configurations configs = readSources(source);
+    EXPECT_EQ(configs.size(), 1u) << source;
+    return configs.empty() ? std::make_shared<ContentAdapterConfiguration>() : configs.front();
+}
+
+std::string errorCode(tinyxml2::XMLError error) {
+    return std::to_string(static_cast<int>(error));
+}
+
+template <typename Read>
+void expectMissingAttribute(Read read) {
+    try {
+        read();
+        ADD_FAILURE() << "no std::logic_error";
+    } catch (const std::logic_error& error) {
+        EXPECT_STREQ(error.what(), NULL_ATTRIBUTE_TEXT);
+    }
+}
+
+// A directory of its own per test, for configuration files.
+class TempDir {
+public:
+    TempDir() {
+        char pattern[] = "/tmp/zarvo-config-XXXXXX";
+        path = mkdtemp(pattern);
+    }
+    ~TempDir() {
+        for (const std::string& file : files) {
+            std::remove(file.c_str());
+        }
+        rmdir(path.c_str());
+    }
+    std::string write(const std::string& name, const std::string& text) {
+        const std::string file = path + "/" + name;
+        std::ofstream(file) << text;
+        files.push_back(file);
+        return file;
+    }
+    std::string path;
+
+private:
+    std::vector<std::string> files;
+};
+
+struct UriCase {
+    std::string attributes;
+    std::string uri;
+    std::string name;
+};
+
+TEST(XmlConfigurationReaderTest, UriIsNormalisedAndNameDerived) {
+    const UriCase cases[] = {
+        {R"(uri="a/b")", "content://a/b", "b"},
+        {R"(uri="a")", "content://a", "a"},
+        {R"(uri="content://a/b/")", "content://a/b/", ""},
+        {R"(uri="")", "content://", ""},
+        {R"(uri="data://x")", "content://data://x", "x"},
+        {R"(uri="Servicedata://x")", "content://Servicedata://x", "x"},
+        {R"(uri=" content://a")", "content:// content://a", "a"},
+        {R"(uri="a&amp;b/c&lt;d")", "content://a&b/c<d", "c<d"},
+        {R"(uri="a/b" name="Songs")", "content://a/b", "Songs"},
+        {R"(uri="a/b" name="")", "content://a/b", ""},
+    };
+    for (const UriCase& c : cases) {
+        const auto config = readOne("<s " + c.attributes + "/>");
+        EXPECT_EQ(config->uri, c.uri) << c.attributes;
+        EXPECT_EQ(config->name, c.name) << c.attributes;
+    }
+}
+
+TEST(XmlConfigurationReaderTest, AbsentAttributesGiveDefaults) {
+    const auto config = readOne(R"(<s uri="x"/>)");
+    EXPECT_EQ(config->filter, "");
+    EXPECT_EQ(config->sort, "");
+    EXPECT_EQ(config->limitIndex, 0u);
+    EXPECT_EQ(config->limitCount, 0u);
+    EXPECT_EQ(config->blockSize, 200u);
+    EXPECT_EQ(config->type, ContentAdapterConfiguration::Single);
+    EXPECT_EQ(config->dynamicSource, "");
+    EXPECT_FALSE(config->singleShot);
+    EXPECT_EQ(config->runtimeData, nullptr);
+    EXPECT_THAT(config->fields, IsEmpty());
+}
+
+TEST(XmlConfigurationReaderTest, AttributesAreReadAsTheyStand) {
+    const auto config = readOne(
+        R"(<s uri="x" filter=" year &gt; 1990 " sort="title DESC" limit_index="5" limit_count="7" block_size="0" type="list"/>)");
+    EXPECT_EQ(config->filter, " year > 1990 ");
+    EXPECT_EQ(config->sort, "title DESC");
+    EXPECT_EQ(config->limitIndex, 5u);
+    EXPECT_EQ(config->limitCount, 7u);
+    EXPECT_EQ(config->blockSize, 0u);
+    EXPECT_EQ(config->type, ContentAdapterConfiguration::List);
+
+    for (const char* type : {"List", "single", "", "lists"}) {
+        EXPECT_EQ(readOne(std::string(R"(<s uri="x" type=")") + type + "\"/>")->type,
+                  ContentAdapterConfiguration::Single)
+            << type;
+    }
+}
+
+TEST(XmlConfigurationReaderTest, DynamicSourceElementNamesItselfAsDynamicSource) {
+    EXPECT_EQ(readOne(R"(<dynamic_source uri="a/albums"/>)")->dynamicSource, "albums");
+    EXPECT_EQ(readOne(R"(<dynamic_source uri="a/albums" name="byKey"/>)")->dynamicSource, "byKey");
+    EXPECT_EQ(readOne(R"(<dynamic_sources uri="a/albums"/>)")->dynamicSource, "");
+}
+
+TEST(XmlConfigurationReaderTest, NumbersFollowTheUnsignedConversion) {
+    const std::uint64_t largest = std::numeric_limits<std::uint64_t>::max();
+    const std::pair<const char*, std::uint64_t> valid[] = {
+        {"10", 10}, {"+10", 10}, {"-0", 0}, {"007", 7}, {"-1", largest}, {"18446744073709551615", largest},
+    };
+    for (const auto& c : valid) {
+        EXPECT_EQ(readOne(std::string(R"(<s uri="x" block_size=")") + c.first + "\"/>")->blockSize, c.second)
+            << c.first;
+    }
+    for (const char* text : {"", "10 ", " 10", "1.5", "0x10", "1e3", "+", "--1", "1,000", "18446744073709551616"}) {
+        for (const char* attribute : {"limit_index", "limit_count", "block_size"}) {
+            const std::string source = std::string(R"(<s uri="x" )") + attribute + "=\"" + text + "\"/>";
+            EXPECT_THROW(readSources(source), boost::bad_lexical_cast) << source;
+        }
+    }
+}
+
+// Three-digit groups separated by ",", as many national locales have.
+class GroupingPunctuation : public std::numpunct<char> {
+protected:
+    char do_thousands_sep() const override { return ','; }
+    std::string do_grouping() const override { return "\3"; }
+};
+
+class GlobalLocale {
+public:
+    explicit GlobalLocale(const std::locale& locale) : previous(std::locale::global(locale)) {}
+    ~GlobalLocale() { std::locale::global(previous); }
+
+private:
+    std::locale previous;
+};
+
+TEST(XmlConfigurationReaderTest, NumbersHonourTheGlobalLocalesGrouping) {
+    const GlobalLocale grouping(std::locale(std::locale::classic(), new GroupingPunctuation));
+    EXPECT_EQ(readOne(R"(<s uri="x" block_size="1,000" limit_count="10,000,000"/>)")->blockSize, 1000u);
+    EXPECT_EQ(readOne(R"(<s uri="x" limit_count="10,000,000"/>)")->limitCount, 10000000u);
+    EXPECT_EQ(readOne(R"(<s uri="x" limit_index="1000"/>)")->limitIndex, 1000u);
+    EXPECT_THROW(readSources(R"(<s uri="x" block_size="1,00"/>)"), boost::bad_lexical_cast);
+}
+
+TEST(XmlConfigurationReaderTest, FieldTypesMapByExactName) {
+    const std::pair<const char*, DataObject::Type> cases[] = {
+        {"integer", DataObject::TypeInteger}, {"int", DataObject::TypeInteger}, {"real", DataObject::TypeReal},
+        {"float", DataObject::TypeReal},      {"bool", DataObject::TypeBoolean}, {"list", DataObject::TypeList},
+        {"enum", DataObject::TypeEnumeration}, {"string", DataObject::TypeString}, {"boolean", DataObject::TypeString},
+        {"Int", DataObject::TypeString},      {"", DataObject::TypeString},     {"double", DataObject::TypeString},
+    };
+    for (const auto& c : cases) {
+        const auto config = readOne(std::string(R"(<s uri="x"><f name="v" type=")") + c.first + "\"/></s>");
+        ASSERT_EQ(config->fields.size(), 1u);
+        EXPECT_EQ(config->fields[0].type, c.second) << c.first;
+    }
+}
+
+TEST(XmlConfigurationReaderTest, FieldsAreReadInOrderWithTheirAttributes) {
+    const auto config = readOne(R"(<s uri="x">
+        text <!-- comments and text are ignored -->
+        <field name="title" type="string"/>
+        <anything name="cover" column="art" type="string" preload_url="wait.png"><nested name="n" type="int"/></anything>
+        <f name="tracks" column="" type="list" dynamic_source="trackSource" lookup_column="id"/>
+        <f name="title" type="int" dynamic_source="" lookup_column=""/>
+    </s>)");
+    ASSERT_EQ(config->fields.size(), 4u);
+    EXPECT_EQ(config->fields[0].column, "title");
+    EXPECT_EQ(config->fields[1].column, "art");
+    EXPECT_EQ(config->fields[1].preloadUrl, "wait.png");
+    EXPECT_EQ(config->fields[2].column, "");
+    EXPECT_EQ(config->fields[2].dynamicSource, "trackSource");
+    EXPECT_EQ(config->fields[2].lookupColumn, "id");
+    EXPECT_EQ(config->fields[3].name, "title");
+    EXPECT_EQ(config->fields[3].type, DataObject::TypeInteger);
+}
+
+TEST(XmlConfigurationReaderTest, FieldWithoutNameOrTypeFailsTheRead) {
+    for (const char* field : {R"(<f column="c" type="int"/>)", R"(<f type="int"/>)", R"(<f name="v"/>)"}) {
+        SCOPED_TRACE(field);
+        expectMissingAttribute([&] { readSources(std::string(R"(<s uri="x">)") + field + "</s>"); });
+    }
+}
+
+TEST(XmlConfigurationReaderTest, OnlyElementsWithUriUnderTheFirstRootAreSources) {
+    testkit::LogCapture log;
+    const Configurations configs = read(R"(<?xml version="1.0"?>
+        <sources service="">
+          <nouri name="x"/>
+          <a uri="a"/>
+          <runtime uri="servicedata://player"/>
+          <dynamic_source uri="servicedata://keys" name="keys"/>
+        </sources>
+        <more><b uri="b"/></more>)");
+    ASSERT_EQ(configs.size(), 1u);
+    EXPECT_EQ(configs[0]->uri, "content://a");
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST(XmlConfigurationReaderTest, TheSmallExampleReads) {
+    testkit::LogCapture log;
+    const Configurations configs = read(R"(<sources>
+  <tracks uri="com.tavelorix.content/tracks" type="list" block_size="50" sort="title">
+    <field name="title" type="string"/>
+    <field name="cover" column="art" type="string"/>
+  </tracks>
+  <dynamic_source uri="com.tavelorix.content/albums" name="albums"/>
+  <block_size target="tracks" size="100"/>
+  <preload_url target="tracks.cover" uri="placeholder.png"/>
+</sources>)");
+    ASSERT_EQ(configs.size(), 2u);
+    EXPECT_EQ(configs[0]->uri, PREFIX + "tracks");
+    EXPECT_EQ(configs[0]->name, "tracks");
+    EXPECT_EQ(configs[0]->blockSize, 100u);
+    EXPECT_EQ(configs[0]->type, ContentAdapterConfiguration::List);
+    EXPECT_EQ(configs[0]->sort, "title");
+    ASSERT_EQ(configs[0]->fields.size(), 2u);
+    EXPECT_EQ(configs[0]->fields[1].preloadUrl, "placeholder.png");
+    EXPECT_EQ(configs[1]->uri, PREFIX + "albums");
+    EXPECT_EQ(configs[1]->name, "albums");
+    EXPECT_EQ(configs[1]->dynamicSource, "albums");
+    EXPECT_EQ(configs[1]->blockSize, 200u);
+    EXPECT_EQ(configs[1]->type, ContentAdapterConfiguration::Single);
+    EXPECT_THAT(log.lines(), ElementsAre("info tethrix: Overriding block size of " + PREFIX + "tracks to 100",
+                                         "info tethrix: Setting preload_url for tracks.cover to placeholder.png"));
+}
+
+TEST(XmlConfigurationReaderTest, SameUriMergesOverTheEarlierSource) {
+    testkit::LogCapture log;
+    const Configurations configs = readSources(R"(
+        <a uri="com.tavelorix.content/tracks" filter="f" block_size="50" type="list">
+          <f name="title" type="string"/><f name="cover" column="art" type="string" preload_url="p.png"/>
+        </a>
+        <b uri="com.tavelorix.content/albums"/>
+        <c uri="content://com.tavelorix.content/tracks" name="songs">
+          <f name="artist" type="string"/><f name="cover" column="picture" type="int"/>
+        </c>)");
+    ASSERT_EQ(configs.size(), 2u);
+    const auto& tracks = *configs[0];
+    EXPECT_EQ(tracks.name, "songs");
+    EXPECT_EQ(tracks.filter, "f");
+    EXPECT_EQ(tracks.blockSize, 200u);
+    EXPECT_EQ(tracks.type, ContentAdapterConfiguration::Single);
+    ASSERT_EQ(tracks.fields.size(), 3u);
+    EXPECT_EQ(tracks.fields[1].column, "picture");
+    EXPECT_EQ(tracks.fields[1].type, DataObject::TypeInteger);
+    EXPECT_EQ(tracks.fields[1].preloadUrl, "p.png");
+    EXPECT_EQ(tracks.fields[2].name, "artist");
+    EXPECT_THAT(log.lines(), ElementsAre("info tethrix: Overriding configuration from XML for " + PREFIX + "tracks"));
+}
+
+TEST(XmlConfigurationReaderTest, FileMergesOverDeclarationAndItsOverridesReachBoth) {
+    TempDir dir;
+    const std::string file = dir.write("config.xml", R"(<sources>
+        <t uri="com.tavelorix.content/tracks" block_size="20"/>
+        <block_size target="albums" size="30"/>
+    </sources>)");
+    const Configurations configs = XmlConfigurationReader().loadFromFile(nullptr, file, R"(<sources>
+        <a uri="com.tavelorix.content/albums"/>
+        <t uri="com.tavelorix.content/tracks" block_size="10" sort="title"/>
+    </sources>)");
+    ASSERT_EQ(configs.size(), 2u);
+    EXPECT_EQ(configs[0]->blockSize, 30u);
+    EXPECT_EQ(configs[1]->blockSize, 20u);
+    EXPECT_EQ(configs[1]->sort, "title");
+}
+
+TEST(XmlConfigurationReaderTest, DeclarationOverridesCannotReachTheFile) {
+    TempDir dir;
+    const std::string file = dir.write("config.xml", R"(<r><t uri="com.tavelorix.content/tracks"/></r>)");
+    testkit::LogCapture log;
+    const Configurations configs = XmlConfigurationReader().loadFromFile(
+        nullptr, file, R"(<r><block_size target="tracks" size="5"/></r>)");
+    ASSERT_EQ(configs.size(), 1u);
+    EXPECT_EQ(configs[0]->blockSize, 200u);
+    EXPECT_THAT(log.lines(),
+                ElementsAre("error tethrix: Could not find target {} for block_size-element in XML overrides"));
+}
+
+TEST(XmlConfigurationReaderTest, OverridesPatchFieldsAndBlockSize) {
+    testkit::LogCapture log;
+    const Configurations configs = readSources(R"(
+        <t uri="com.tavelorix.content/tracks" block_size="5">
+          <f name="cover" column="art" type="string" preload_url="old.png"/>
+          <f name="b.c" type="list"/><f name="" column="blank" type="string"/>
+        </t>
+        <preload_url target="tracks.cover" uri="first.png"/>
+        <preload_url target="tracks.cover" uri="second.png"/>
+        <dynamic_source target="tracks.b.c" dynamic_source="albums" lookup_column="id"/>
+        <preload_url target="tracks." uri="blank.png"/>
+        <block_size target="tracks" size="-1"/>)");
+    ASSERT_EQ(configs.size(), 1u);
+    const auto& tracks = *configs[0];
+    EXPECT_EQ(tracks.fields[0].preloadUrl, "second.png");
+    EXPECT_EQ(tracks.fields[1].dynamicSource, "albums");
+    EXPECT_EQ(tracks.fields[1].lookupColumn, "id");
+    EXPECT_EQ(tracks.fields[2].preloadUrl, "blank.png");
+    EXPECT_EQ(tracks.blockSize, std::numeric_limits<std::uint64_t>::max());
+    EXPECT_THAT(log.lines(),
+                ElementsAre("info tethrix: Setting preload_url for tracks.cover to first.png",
+                            "info tethrix: Setting preload_url for tracks.cover to second.png",
+                            "info tethrix: Set dynamic source for tracks.b.c to be albums and lookup column id",
+                            "info tethrix: Setting preload_url for tracks. to blank.png",
+                            "info tethrix: Overriding block size of " + PREFIX + "tracks to 18446744073709551615"));
+}
+
+TEST(XmlConfigurationReaderTest, LaterSourceResetsBlockSizeButKeepsPatchedFields) {
+    const Configurations configs = readSources(R"(
+        <t uri="com.tavelorix.content/tracks"><f name="cover" type="string"/><f name="art" type="string"/></t>
+        <block_size target="tracks" size="0"/>
+        <preload_url target="tracks.cover" uri="wait.png"/>
+        <preload_url target="tracks.art" uri="wait.png"/>
+        <t uri="content://com.tavelorix.content/tracks">
+          <f name="cover" type="string"/><f name="art" type="string" preload_url="other.png"/>
+        </t>)");
+    ASSERT_EQ(configs.size(), 1u);
+    EXPECT_EQ(configs[0]->blockSize, 200u);
+    EXPECT_EQ(configs[0]->fields[0].preloadUrl, "wait.png");
+    EXPECT_EQ(configs[0]->fields[1].preloadUrl, "other.png");
+}
+
+struct BadOverrideCase {
+    std::string element;
+    std::vector<std::string> log;
+};
+
+TEST(XmlConfigurationReaderTest, UnresolvedOverridesAreLoggedAndSkipped) {
+    const std::string unknown = "error tethrix: Could not find configuration for ";
+    const std::string noBlock = "error tethrix: Could not find target {} for block_size-element in XML overrides";
+    const BadOverrideCase cases[] = {
+        {R"(<preload_url target="tracks" uri="p.png"/>)",
+         {"error tethrix: Badly formatted target attribute \"tracks\"",
+          "error tethrix: Could not find target tracks for preload_url"}},
+        {R"(<preload_url target="albums.cover" uri="p.png"/>)",
+         {unknown + PREFIX + "albums", "error tethrix: Could not find target albums.cover for preload_url"}},
+        {R"(<preload_url target=".cover" uri="p.png"/>)",
+         {unknown + PREFIX, "error tethrix: Could not find target .cover for preload_url"}},
+        {R"(<preload_url target="tracks.art" uri="p.png"/>)",
+         {"error tethrix: Could not find target tracks.art for preload_url"}},
+        {R"(<preload_url target="content://com.tavelorix.content/tracks.cover" uri="p.png"/>)",
+         {unknown + PREFIX + "content://com", "error tethrix: Could not find target "
+                                              "content://com.tavelorix.content/tracks.cover for preload_url"}},
+        {R"(<preload_url target="other.cover" uri="p.png"/>)",
+         {unknown + PREFIX + "other", "error tethrix: Could not find target other.cover for preload_url"}},
+        {R"(<preload_url target="tracks.cover" uri=""/>)",
+         {"error tethrix: Badly formatted \"preload_url\" element found in XML overrides"}},
+        {R"(<preload_url target="" uri="p.png"/>)",
+         {"error tethrix: Badly formatted \"preload_url\" element found in XML overrides"}},
+        {R"(<dynamic_source target="tracks" dynamic_source="d" lookup_column="id"/>)",
+         {"error tethrix: Badly formatted target attribute \"tracks\"",
+          "error tethrix: Could not find target tracks for dynamic_source"}},
+        {R"(<dynamic_source target="tracks.art" dynamic_source="d" lookup_column="id"/>)",
+         {"error tethrix: Could not find target tracks.art for dynamic_source"}},
+        {R"(<dynamic_source target="tracks.cover" dynamic_source="d" lookup_column=""/>)",
+         {"error tethrix: Badly formatted \"dynamic_source\" element found in XML overrides"}},
+        {R"(<block_size target="tracks.cover" size="5"/>)", {noBlock}},
+        {R"(<block_size target="albums" size=""/>)", {noBlock}},
+        {R"(<block_size target="albums" size="many"/>)", {noBlock}},
+        {R"(<block_size target="tracks"/>)",
+         {"error tethrix: Badly formatted \"block_size\" element found in XML overrides"}},
+        {R"(<block_size target="" size="5"/>)",
+         {"error tethrix: Badly formatted \"block_size\" element found in XML overrides"}},
+        {R"(<block_size uri="com.tavelorix.content/block_size" target="" size="5"/>)",
+         {"error tethrix: Badly formatted \"block_size\" element found in XML overrides"}},
+    };
+    const std::string tracks = R"(<t uri="com.tavelorix.content/tracks"><f name="cover" type="string"/></t>
+                                  <o uri="com.other.content/other"><f name="cover" type="string"/></o>)";
+    for (const BadOverrideCase& c : cases) {
+        testkit::LogCapture log;
+        const Configurations configs = readSources(tracks + c.element);
+        EXPECT_EQ(log.lines(), c.log) << c.element;
+        ASSERT_EQ(configs.size(), 2u);
+        EXPECT_EQ(configs[0]->blockSize, 200u);
+        EXPECT_EQ(configs[0]->fields[0].preloadUrl, "");
+        EXPECT_EQ(configs[0]->fields[0].dynamicSource, "");
+    }
+}
+
+TEST(XmlConfigurationReaderTest, OverrideBeforeItsSourceFails) {
+    testkit::LogCapture log;
+    const Configurations configs = readSources(R"(<block_size target="tracks" size="5"/>
+        <preload_url target="tracks.cover" uri="p.png"/>
+        <t uri="com.tavelorix.content/tracks"><f name="cover" type="string"/></t>)");
+    ASSERT_EQ(configs.size(), 1u);
+    EXPECT_EQ(configs[0]->blockSize, 200u);
+    EXPECT_EQ(configs[0]->fields[0].preloadUrl, "");
+    EXPECT_EQ(log.messages(LogLevel::Error).size(), 3u);
+}
+
+TEST(XmlConfigurationReaderTest, MissingOverrideAttributesFailTheRead) {
+    const char* const elements[] = {
+        R"(<preload_url target="tracks.cover"/>)",
+        R"(<preload_url uri="p.png"/>)",
+        R"(<dynamic_source dynamic_source="d" lookup_column="id"/>)",
+        R"(<dynamic_source target="tracks.cover" lookup_column="id"/>)",
+        R"(<dynamic_source target="tracks.cover" dynamic_source="d"/>)",
+        R"(<block_size size="5"/>)",
+        R"(<block_size uri="com.tavelorix.content/tracks"/>)",
+    };
+    for (const char* element : elements) {
+        SCOPED_TRACE(element);
+        expectMissingAttribute([&] { readSources(std::string(R"(<t uri="com.tavelorix.content/tracks"/>)") + element); });
+    }
+}
+
+TEST(XmlConfigurationReaderTest, BadSizeOfAKnownTargetFailsTheRead) {
+    for (const char* size : {"", "many", "5 "}) {
+        const std::string element = std::string(R"(<block_size target="tracks" size=")") + size + "\"/>";
+        EXPECT_THROW(readSources(R"(<t uri="com.tavelorix.content/tracks"/>)" + element), boost::bad_lexical_cast)
+            << element;
+    }
+}
+
+TEST(XmlConfigurationReaderTest, UnreadableDocumentsAreLoggedAndPassedOver) {
+    TempDir dir;
+    const std::string good = dir.write("good.xml", R"(<r><a uri="file"/></r>)");
+    const std::string broken = dir.write("broken.xml", R"(<r><a uri="file"/></x>)");
+    const std::string missing = dir.path + "/missing.xml";
+    const std::string declaration = R"(<r><a uri="string"/></r>)";
+    XmlConfigurationReader reader;
+
+    struct Case {
+        std::string declaration;
+        std::string file;
+        std::vector<std::string> uris;
+        std::vector<std::string> log;
+    };
+    const Case cases[] = {
+        {"", "", {}, {}},
+        {"<r><a uri='x'/>", good, {"content://file"},
+         {"error tethrix: ERROR, failed to load data source override configurations, error code " +
+          errorCode(tinyxml2::XML_ERROR_PARSING)}},
+        {"  ", "", {},
+         {"error tethrix: ERROR, failed to load data source override configurations, error code " +
+          errorCode(tinyxml2::XML_ERROR_EMPTY_DOCUMENT)}},
+        {declaration, missing, {"content://string"},
+         {"error tethrix: ERROR, xml file " + missing + " loading failed, error code " +
+          errorCode(tinyxml2::XML_ERROR_FILE_NOT_FOUND)}},
+        {declaration, broken, {"content://string"},
+         {"error tethrix: ERROR, xml file " + broken + " loading failed, error code " +
+          errorCode(tinyxml2::XML_ERROR_MISMATCHED_ELEMENT)}},
+        {"<?xml version='1.0'?><!-- no root -->", good, {"content://file"}, {}},
+    };
+    for (const Case& c : cases) {
+        testkit::LogCapture log;
+        std::vector<std::string> uris;
+        for (const auto& config : reader.loadFromFile(nullptr, c.file, c.declaration)) {
+            uris.push_back(config->uri);
+        }
+        EXPECT_EQ(uris, c.uris) << c.declaration << " + " << c.file;
+        EXPECT_EQ(log.lines(), c.log) << c.declaration << " + " << c.file;
+    }
+}
+
+TEST(XmlConfigurationReaderTest, BadNumberInTheFileDropsEverything) {
+    TempDir dir;
+    const std::string file = dir.write("config.xml", R"(<r><a uri="b" limit_index=""/></r>)");
+    EXPECT_THROW(XmlConfigurationReader().loadFromFile(nullptr, file, R"(<r><a uri="a"/></r>)"),
+                 boost::bad_lexical_cast);
+}
+
+}  // namespace
+}  // namespace zarvo

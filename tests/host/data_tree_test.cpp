@@ -1,0 +1,240 @@
+#include <zarvo/data_source.h>
+#include <zarvo/domain.h>
+#include <zarvo/resource_manager.h>
+#include <zarvo/testkit/notification_recorder.h>
+#include <zarvo/testkit/test_host.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace zarvo {
+namespace {
+
+using testing::ElementsAre;
+
+std::shared_ptr<DataObject> object(const std::string& name) {
+    return std::make_shared<DataObject>(nullptr, name);
+}
+
+// A tree Root { connected, Items { first, second }, Items }.
+class TreeTest : public testing::Test {
+protected:
+    void SetUp() override {
+        root->addChild(connected);
+        root->addChild(items);
+        items->addChild(object("first"));
+        items->addChild(object("second"));
+        root->addChild(object("Items"));
+    }
+
+    std::shared_ptr<DataObject> root = object("Root");
+    std::shared_ptr<DataObjectBoolean> connected = std::make_shared<DataObjectBoolean>(nullptr, "connected");
+    std::shared_ptr<DataObject> items = object("Items");
+};
+
+TEST_F(TreeTest, ChildrenKeepTheirOrderAndEmptySlots) {
+    auto parent = object("p");
+    parent->addChild(object("a"));
+    parent->addChild(nullptr);
+    parent->addChild(object("c"));
+    ASSERT_EQ(parent->getChildCount(), 3u);
+    EXPECT_EQ(parent->getChild(0)->getName(), "a");
+    EXPECT_EQ(parent->getChild(1), nullptr);
+    EXPECT_EQ(parent->getChild(2)->getName(), "c");
+    EXPECT_EQ(parent->getChild(3), nullptr);
+    EXPECT_EQ(parent->findChild("c"), parent->getChild(2));
+
+    parent->removeAllChildren();
+    EXPECT_EQ(parent->getChildCount(), 0u);
+}
+
+TEST_F(TreeTest, LookupFollowsDottedNamesAndTakesTheFirstMatch) {
+    EXPECT_EQ(root->lookupDataContext(""), root);
+    EXPECT_EQ(root->lookupDataContext("connected"), connected);
+    EXPECT_EQ(root->lookupDataContext("Items"), items);
+    EXPECT_EQ(root->lookupDataContext("Items.second"), items->getChild(1));
+    EXPECT_EQ(root->lookupDataContext("Items.third"), nullptr);
+    EXPECT_EQ(root->lookupDataContext("connected.x"), nullptr);
+    EXPECT_EQ(root->lookupDataContext("Items..first"), nullptr);
+    EXPECT_EQ(root->getData(), root);
+}
+
+class TestSource : public DataSource {
+public:
+    using DataSource::DataSource;
+    std::shared_ptr<DataObject> getData() override { return root; }
+    const Metaclass* getDynamicMetaclass() const override { return DataSource::getStaticMetaclass(); }
+    std::shared_ptr<DataObject> root;
+};
+
+TEST_F(TreeTest, DataSourceLooksUpBelowItsDataWithOrWithoutTheRootName) {
+    TestSource source(nullptr, "source");
+    EXPECT_EQ(source.lookupDataContext(""), nullptr) << "no data yet";
+    EXPECT_EQ(source.lookupDataContext("connected"), nullptr);
+
+    source.root = root;
+    EXPECT_EQ(source.lookupDataContext(""), root);
+    EXPECT_EQ(source.lookupDataContext("Root"), root);
+    EXPECT_EQ(source.lookupDataContext("Root.connected"), connected);
+    EXPECT_EQ(source.lookupDataContext("connected"), connected);
+    EXPECT_EQ(source.lookupDataContext("Items.first"), items->getChild(0));
+    EXPECT_EQ(source.lookupDataContext("Root.Items.first"), items->getChild(0));
+    EXPECT_EQ(source.lookupDataContext("Root.nothing"), nullptr);
+}
+
+TEST(DataObjectTest, TypedObjectsStartEmptyAndReportTheirType) {
+    EXPECT_EQ(DataObject(nullptr, "o").getType(), DataObject::TypeObject);
+    DataObjectInteger integer(nullptr, "i");
+    DataObjectReal real(nullptr, "r");
+    DataObjectBoolean boolean(nullptr, "b");
+    DataObjectString text(nullptr, "s");
+    EXPECT_EQ(integer.getValue(), 0);
+    EXPECT_EQ(real.getValue(), 0.0);
+    EXPECT_FALSE(boolean.getValue());
+    EXPECT_EQ(text.getValue(), "");
+    EXPECT_EQ(integer.getType(), 1);
+    EXPECT_EQ(real.getType(), 2);
+    EXPECT_EQ(boolean.getType(), 3);
+    EXPECT_EQ(text.getType(), 4);
+    text.setValue("x");
+    EXPECT_EQ(text.getValue(), "x");
+}
+
+TEST(DataContextTest, NotificationsReachSubscribersInOrderUntilRemoved) {
+    auto context = object("c");
+    std::vector<std::string> calls;
+    auto first = context->addModifiedSubscription([&](DataContext& c) { calls.push_back("1:" + c.getObjectName()); });
+    auto second = context->addModifiedSubscription([&](DataContext&) { calls.push_back("2"); });
+    context->notifyModified();
+    context->removeModifiedSubscription(first);
+    context->removeModifiedSubscription(first);
+    context->removeModifiedSubscription(nullptr);
+    context->notifyModified();
+    EXPECT_THAT(calls, ElementsAre("1:c", "2", "2"));
+    EXPECT_EQ(context->getModifiedSubscriptionCount(), 1u);
+}
+
+TEST(DataContextTest, ChangesDuringANotificationTakeEffectAsDocumented) {
+    auto context = object("c");
+    std::vector<std::string> calls;
+    std::shared_ptr<void> third;
+    std::shared_ptr<void> self;
+    context->addModifiedSubscription([&](DataContext& c) {
+        calls.push_back("remover");
+        c.removeModifiedSubscription(third);
+        c.addModifiedSubscription([&](DataContext&) { calls.push_back("added"); });
+    });
+    self = context->addModifiedSubscription([&](DataContext& c) {
+        calls.push_back("self");
+        c.removeModifiedSubscription(self);
+    });
+    third = context->addModifiedSubscription([&](DataContext&) { calls.push_back("third"); });
+
+    context->notifyModified();
+    EXPECT_THAT(calls, ElementsAre("remover", "self"));
+    calls.clear();
+    context->notifyModified();
+    EXPECT_THAT(calls, ElementsAre("remover", "added"));
+}
+
+TEST(NotificationRecorderTest, RecordsATreeByPathAndOutlivesItsContexts) {
+    testkit::NotificationRecorder recorder;
+    auto root = object("Root");
+    auto child = std::make_shared<DataObjectInteger>(nullptr, "count");
+    root->addChild(child);
+    root->addChild(nullptr);
+    recorder.watchTree(root);
+
+    child->notifyModified();
+    root->notifyModified();
+    EXPECT_THAT(recorder.take(), ElementsAre("Root.count", "Root"));
+    EXPECT_TRUE(recorder.events().empty());
+
+    root->removeAllChildren();
+    child.reset();  // the recorder must not touch it when it goes
+}
+
+TEST(NotificationRecorderTest, UnsubscribesWhenItGoes) {
+    auto context = object("c");
+    {
+        testkit::NotificationRecorder recorder;
+        recorder.watch(*context, "c");
+        EXPECT_EQ(context->getModifiedSubscriptionCount(), 1u);
+    }
+    EXPECT_EQ(context->getModifiedSubscriptionCount(), 0u);
+    context->notifyModified();
+}
+
+class WatchedObject : public DataObject {
+public:
+    using DataObject::DataObject;
+    void onPropertyChanged(const AbstractPropertyType& type, PropertyNotificationReason reason) override {
+        changes.push_back(std::string(type.getName()) + (reason == PropertyNotificationReason::ValueChanged ? "=" : "-"));
+    }
+    std::vector<std::string> changes;
+};
+
+const PropertyType<std::string> fileProperty("Test.File", "default.xml", 0, false, nullptr);
+
+TEST(PropertyTest, ValuesOverrideTheDefaultUntilCleared) {
+    WatchedObject object(nullptr, "o");
+    auto& descriptor = fileProperty.getDescriptor();
+    EXPECT_EQ(object.getFinalValueSource(descriptor), nullptr);
+    EXPECT_EQ(object.getValue(fileProperty), "default.xml");
+    EXPECT_EQ(*static_cast<const std::string*>(descriptor.getDefaultValueSource()), "default.xml");
+
+    object.setValue(fileProperty, std::string("own.xml"));
+    const void* source = object.getFinalValueSource(descriptor);
+    ASSERT_NE(source, nullptr);
+    EXPECT_EQ(*static_cast<const std::string*>(source), "own.xml");
+    EXPECT_EQ(object.getValue(fileProperty), "own.xml");
+
+    object.clearValue(fileProperty);
+    object.clearValue(fileProperty);
+    EXPECT_EQ(object.getFinalValueSource(descriptor), nullptr);
+    EXPECT_EQ(object.getValue(fileProperty), "default.xml");
+    EXPECT_THAT(object.changes, ElementsAre("Test.File=", "Test.File-"));
+}
+
+TEST(ResourceTest, LoadingAndUnloadingMarkTheResource) {
+    TestSource source(nullptr, "source");
+    EXPECT_FALSE(source.isLoaded());
+    source.loadFromZVB(nullptr, nullptr, nullptr);
+    EXPECT_TRUE(source.isLoaded());
+    source.unloadOverride();
+    EXPECT_FALSE(source.isLoaded());
+}
+
+TEST(DomainTest, AttachmentsGoFirstNewestFirstWhileTheLoopStillLives) {
+    std::vector<std::string> order;
+    struct Attachment {
+        Attachment(std::vector<std::string>* order, std::string name, Domain* domain)
+            : order(order), name(std::move(name)), domain(domain) {}
+        std::vector<std::string>* order;
+        std::string name;
+        Domain* domain;
+        ~Attachment() {
+            order->push_back(name + (domain->getMessageDispatcher() != nullptr ? "+loop" : ""));
+        }
+    };
+    {
+        testkit::TestHost host;
+        Domain& domain = host.domain();
+        domain.setAttachment("a", std::make_shared<Attachment>(&order, "a", &domain));
+        domain.setAttachment("b", std::make_shared<Attachment>(&order, "b", &domain));
+        domain.setAttachment("c", std::make_shared<Attachment>(&order, "c", &domain));
+        domain.setAttachment("a", std::make_shared<Attachment>(&order, "a2", &domain));
+        EXPECT_THAT(order, ElementsAre("a+loop"));
+        EXPECT_NE(domain.getAttachment("b"), nullptr);
+        EXPECT_EQ(domain.getAttachment("zzz"), nullptr);
+        EXPECT_NE(domain.getResourceManager(), nullptr);
+        EXPECT_EQ(domain.getResourceManager()->getDomain(), &domain);
+    }
+    EXPECT_THAT(order, ElementsAre("a+loop", "a2+loop", "c+loop", "b+loop"));
+}
+
+}  // namespace
+}  // namespace zarvo

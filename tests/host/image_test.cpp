@@ -1,0 +1,326 @@
+#include <zarvo/image.h>
+#include <zarvo/metaclass.h>
+#include <zarvo/testkit/test_host.h>
+
+#include "sample_images.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace zarvo {
+namespace {
+
+using test::encodeJpeg;
+using test::encodePng;
+using test::PngOptions;
+using test::solidPixels;
+using Format = BitmapImage::Format;
+using Pixels = std::vector<std::uint8_t>;
+
+struct StreamDelete {
+    void operator()(ZvcInputStream* stream) const { zvcInputStreamDelete(stream); }
+};
+using Stream = std::unique_ptr<ZvcInputStream, StreamDelete>;
+
+Stream openStream(const std::string& data) {
+    ZvcInputStream* stream = nullptr;
+    EXPECT_EQ(0, zvcInputStreamCreateFromMemory(nullptr, data.data(), static_cast<std::uint32_t>(data.size()), 0,
+                                                &stream));
+    return Stream(stream);
+}
+
+std::unique_ptr<BitmapImage> decodePng(const std::string& data) {
+    return imageLoadPNG(openStream(data).get(), "");
+}
+
+std::unique_ptr<BitmapImage> decodeJpeg(const std::string& data) {
+    return imageLoadJPEG(openStream(data).get(), "");
+}
+
+std::uint32_t crc32(const std::string& bytes, std::size_t begin, std::size_t end) {
+    std::uint32_t crc = 0xFFFFFFFFu;
+    for (std::size_t i = begin; i < end; ++i) {
+        crc ^= static_cast<unsigned char>(bytes[i]);
+        for (int bit = 0; bit < 8; ++bit) {
+            crc = (crc >> 1) ^ (0xEDB88320u & (0u - (crc & 1u)));
+        }
+    }
+    return ~crc;
+}
+
+void putBigEndian(std::string& bytes, std::size_t at, std::uint32_t value) {
+    for (int i = 0; i < 4; ++i) {
+        bytes[at + i] = static_cast<char>((value >> (24 - 8 * i)) & 0xFF);
+    }
+}
+
+/// The PNG with other dimensions in its header, the header's CRC made right.
+std::string withPngSize(std::string png, std::uint32_t width, std::uint32_t height) {
+    // Signature (8), IHDR length and type (8), then width and height.
+    putBigEndian(png, 16, width);
+    putBigEndian(png, 20, height);
+    putBigEndian(png, 29, crc32(png, 12, 29));
+    return png;
+}
+
+PngOptions pngOptions(int colourType, int bitDepth = 8, bool interlaced = false) {
+    PngOptions options;
+    options.colourType = colourType;
+    options.bitDepth = bitDepth;
+    options.interlaced = interlaced;
+    return options;
+}
+
+Pixels gradient(std::uint32_t width, std::uint32_t height) {
+    Pixels pixels;
+    for (std::uint32_t y = 0; y < height; ++y) {
+        for (std::uint32_t x = 0; x < width; ++x) {
+            pixels.insert(pixels.end(), {static_cast<std::uint8_t>(x * 30), static_cast<std::uint8_t>(y * 30),
+                                         static_cast<std::uint8_t>(x + y)});
+        }
+    }
+    return pixels;
+}
+
+struct PngCase {
+    const char* name;
+    PngOptions options;
+    std::uint32_t width;
+    std::uint32_t height;
+    Pixels raw;
+    Format format;
+    Pixels expected;
+};
+
+std::vector<PngCase> pngCases() {
+    PngOptions palette = pngOptions(PNG_COLOR_TYPE_PALETTE);
+    palette.palette = {{1, 2, 3}, {4, 5, 6}};
+    PngOptions paletteWithAlpha = palette;
+    paletteWithAlpha.paletteAlpha = {0x11, 0x22};
+    return {
+        {"rgb", pngOptions(PNG_COLOR_TYPE_RGB), 2, 2, solidPixels(4, {10, 20, 30}), Format::RGB8,
+         solidPixels(4, {10, 20, 30})},
+        {"rgba", pngOptions(PNG_COLOR_TYPE_RGB_ALPHA), 2, 2, solidPixels(4, {10, 20, 30, 40}), Format::RGBA8,
+         solidPixels(4, {10, 20, 30, 40})},
+        {"grey", pngOptions(PNG_COLOR_TYPE_GRAY), 2, 2, solidPixels(4, {77}), Format::RGB8,
+         solidPixels(4, {77, 77, 77})},
+        {"grey with alpha", pngOptions(PNG_COLOR_TYPE_GRAY_ALPHA), 2, 2, solidPixels(4, {77, 200}), Format::RGBA8,
+         solidPixels(4, {77, 77, 77, 200})},
+        {"palette", palette, 2, 2, solidPixels(4, {1}), Format::RGB8, solidPixels(4, {4, 5, 6})},
+        {"palette with alpha", paletteWithAlpha, 2, 2, solidPixels(4, {1}), Format::RGBA8,
+         solidPixels(4, {4, 5, 6, 0x22})},
+        {"16-bit rgb", pngOptions(PNG_COLOR_TYPE_RGB, 16), 2, 2, solidPixels(4, {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC}),
+         Format::RGB8, solidPixels(4, {0x12, 0x56, 0x9A})},
+        // One byte per row of two 1-bit samples: white, black.
+        {"1-bit grey", pngOptions(PNG_COLOR_TYPE_GRAY, 1), 2, 2, {0x80, 0x80}, Format::RGB8,
+         {255, 255, 255, 0, 0, 0, 255, 255, 255, 0, 0, 0}},
+        {"interlaced", pngOptions(PNG_COLOR_TYPE_RGB, 8, true), 8, 8, gradient(8, 8), Format::RGB8, gradient(8, 8)},
+    };
+}
+
+TEST(ImageLoadPngTest, ExpandsEveryLayoutToEightBitRgbOrRgba) {
+    for (const PngCase& sample : pngCases()) {
+        SCOPED_TRACE(sample.name);
+        const auto image = decodePng(encodePng(sample.width, sample.height, sample.raw, sample.options));
+        ASSERT_NE(nullptr, image);
+        EXPECT_EQ(sample.width, image->getWidth());
+        EXPECT_EQ(sample.height, image->getHeight());
+        EXPECT_EQ(sample.format, image->getFormat());
+        EXPECT_FALSE(image->isPremultiplied());
+        EXPECT_EQ(sample.expected, image->getPixels());
+    }
+}
+
+TEST(ImageLoadPngTest, EveryTruncationThrowsRuntimeError) {
+    const std::string files[] = {
+        encodePng(8, 8, gradient(8, 8)),
+        encodePng(8, 8, gradient(8, 8), pngOptions(PNG_COLOR_TYPE_RGB, 8, true)),
+    };
+    for (const std::string& file : files) {
+        for (std::size_t length = 0; length < file.size(); ++length) {
+            SCOPED_TRACE(length);
+            EXPECT_THROW(decodePng(file.substr(0, length)), std::runtime_error);
+        }
+    }
+}
+
+TEST(ImageLoadPngTest, CorruptBytesThrowRuntimeErrorOrDecode) {
+    const std::string file = encodePng(8, 8, gradient(8, 8));
+    // Every critical chunk carries a CRC, so a flipped byte in the image
+    // data cannot pass unnoticed.
+    const std::size_t idatPayload = file.find("IDAT") + 4;
+    std::string badData = file;
+    badData[idatPayload + 2] ^= 0x5A;
+    EXPECT_THROW(decodePng(badData), std::runtime_error);
+
+    for (std::size_t at = 0; at < file.size(); ++at) {
+        SCOPED_TRACE(at);
+        std::string corrupt = file;
+        corrupt[at] ^= 0xFF;
+        try {
+            decodePng(corrupt);
+        } catch (const std::runtime_error&) {
+        }
+    }
+}
+
+TEST(ImageLoadPngTest, HeaderClaimingAHugeImageThrowsBeforeAllocating) {
+    const std::string file = encodePng(2, 2, solidPixels(4, {1, 2, 3}));
+    // Past the pixel limit, and within it but far more than the data could
+    // inflate to.
+    for (std::uint32_t side : {30000u, 8000u}) {
+        SCOPED_TRACE(side);
+        EXPECT_THROW(decodePng(withPngSize(file, side, side)), std::runtime_error);
+    }
+}
+
+TEST(ImageLoadPngTest, ErrorNamesTheImage) {
+    const std::string file = encodePng(2, 2, solidPixels(4, {1, 2, 3}));
+    try {
+        imageLoadPNG(openStream(file.substr(0, 20)).get(), "cover.png");
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), ::testing::HasSubstr("'cover.png'"));
+    }
+}
+
+TEST(ImageLoadJpegTest, DecodesColourGreyAndProgressiveToRgb) {
+    const Pixels colour = solidPixels(16 * 8, {200, 40, 90});
+    const Pixels grey = solidPixels(16 * 8, {120});
+    struct Case {
+        const char* name;
+        std::string file;
+        Pixels expectedPixel;
+    } cases[] = {
+        {"colour", encodeJpeg(16, 8, colour), {200, 40, 90}},
+        {"grey", encodeJpeg(16, 8, grey, 1), {120, 120, 120}},
+        {"progressive", encodeJpeg(16, 8, colour, 3, true), {200, 40, 90}},
+    };
+    for (const Case& sample : cases) {
+        SCOPED_TRACE(sample.name);
+        const auto image = decodeJpeg(sample.file);
+        ASSERT_NE(nullptr, image);
+        EXPECT_EQ(16u, image->getWidth());
+        EXPECT_EQ(8u, image->getHeight());
+        EXPECT_EQ(Format::RGB8, image->getFormat());
+        ASSERT_EQ(16u * 8u * 3u, image->getPixels().size());
+        // Lossy even at full quality: a flat colour comes back within a step or two.
+        for (std::size_t i = 0; i < image->getPixels().size(); ++i) {
+            ASSERT_NEAR(sample.expectedPixel[i % 3], image->getPixels()[i], 3) << "byte " << i;
+        }
+    }
+}
+
+TEST(ImageLoadJpegTest, EveryTruncationThrowsRuntimeError) {
+    const std::string files[] = {
+        encodeJpeg(16, 8, gradient(16, 8)),
+        encodeJpeg(16, 8, gradient(16, 8), 3, true),
+    };
+    for (const std::string& file : files) {
+        for (std::size_t length = 0; length < file.size(); ++length) {
+            SCOPED_TRACE(length);
+            EXPECT_THROW(decodeJpeg(file.substr(0, length)), std::runtime_error);
+        }
+    }
+}
+
+TEST(ImageLoadJpegTest, MarkersWithoutImageOrCorruptBytesNeverCrash) {
+    EXPECT_THROW(decodeJpeg(std::string("\xFF\xD8\xFF\xD9", 4)), std::runtime_error);
+    EXPECT_THROW(decodeJpeg("<html>not found</html>"), std::runtime_error);
+
+    const std::string file = encodeJpeg(16, 8, gradient(16, 8));
+    for (std::size_t at = 0; at < file.size(); ++at) {
+        SCOPED_TRACE(at);
+        std::string corrupt = file;
+        corrupt[at] ^= 0xFF;
+        try {
+            decodeJpeg(corrupt);
+        } catch (const std::runtime_error&) {
+        }
+    }
+}
+
+TEST(ImageDecoderTest, NullStreamThrowsRuntimeError) {
+    EXPECT_THROW(imageLoadPNG(nullptr, ""), std::runtime_error);
+    EXPECT_THROW(imageLoadJPEG(nullptr, ""), std::runtime_error);
+}
+
+TEST(InputStreamTest, RefusesBadArgumentsAndCoversTheBuffer) {
+    const char bytes[] = "abc";
+    ZvcInputStream* stream = reinterpret_cast<ZvcInputStream*>(&stream);
+    EXPECT_NE(0, zvcInputStreamCreateFromMemory(nullptr, nullptr, 3, 0, &stream));
+    EXPECT_EQ(nullptr, stream);
+    EXPECT_NE(0, zvcInputStreamCreateFromMemory(nullptr, bytes, 3, 7, &stream));
+    EXPECT_EQ(nullptr, stream);
+    EXPECT_NE(0, zvcInputStreamCreateFromMemory(nullptr, bytes, 3, 0, nullptr));
+
+    ASSERT_EQ(0, zvcInputStreamCreateFromMemory(nullptr, bytes, 3, 1, &stream));
+    const Stream owned(stream);
+    EXPECT_EQ(reinterpret_cast<const std::uint8_t*>(bytes), owned->data);
+    EXPECT_EQ(3u, owned->length);
+    EXPECT_EQ(0u, owned->position);
+    zvcInputStreamDelete(nullptr);
+}
+
+TEST(BitmapImageTest, PremultipliesAlphaOnceAndLeavesOpaqueFormatsAlone) {
+    struct Case {
+        Format format;
+        Pixels pixels;
+        Pixels expected;
+    } cases[] = {
+        {Format::RGBA8, {200, 100, 50, 128, 9, 8, 7, 255, 9, 8, 7, 0}, {100, 50, 25, 128, 9, 8, 7, 255, 0, 0, 0, 0}},
+        {Format::LuminanceAlpha8, {200, 128, 200, 255, 200, 0}, {100, 128, 200, 255, 0, 0}},
+        {Format::RGB8, {200, 100, 50, 1, 2, 3, 4, 5, 6}, {200, 100, 50, 1, 2, 3, 4, 5, 6}},
+        {Format::Luminance8, {200, 100, 50}, {200, 100, 50}},
+    };
+    for (const Case& sample : cases) {
+        SCOPED_TRACE(BitmapImage::formatName(sample.format));
+        BitmapImage image(3, 1, sample.format, sample.pixels);
+        image.premultiplyAlpha();
+        image.premultiplyAlpha();
+        EXPECT_TRUE(image.isPremultiplied());
+        EXPECT_EQ(sample.expected, image.getPixels());
+    }
+}
+
+TEST(BitmapImageTest, PixelCountMustMatchSizeAndFormat) {
+    EXPECT_THROW(BitmapImage(2, 2, Format::RGB8, Pixels(11)), std::invalid_argument);
+    EXPECT_NO_THROW(BitmapImage(2, 2, Format::LuminanceAlpha8, Pixels(8)));
+}
+
+TEST(TextureTest, KeepsItsPixelsAndPolicyAndKnowsItsMetaclass) {
+    testkit::TestHost host;
+    Texture::CreateInfo2D info(std::make_unique<BitmapImage>(4, 2, Format::RGBA8, Pixels(32, 7)));
+    info.memoryPolicy = 2;
+    const auto texture = Texture::create(&host.domain(), info, "cover");
+
+    EXPECT_EQ(nullptr, info.image);
+    EXPECT_TRUE(texture->isLoaded());
+    EXPECT_EQ("cover", texture->getObjectName());
+    EXPECT_EQ(&host.domain(), texture->getDomain());
+    EXPECT_EQ(2u, texture->getMemoryPolicy());
+    EXPECT_EQ(4u, texture->getImage().getWidth());
+    EXPECT_EQ(Pixels(32, 7), texture->getImage().getPixels());
+    EXPECT_GE(texture->getCPUMemoryUsage(), 32u);
+
+    const Metaclass* metaclass = texture->getDynamicMetaclass();
+    ASSERT_NE(nullptr, metaclass);
+    EXPECT_STREQ("Zarvo.Texture", metaclass->getName());
+    EXPECT_TRUE(metaclass->isMetaclassOf(*texture));
+    EXPECT_THROW(metaclass->create(&host.domain(), "x"), std::logic_error);
+}
+
+TEST(TextureTest, CreateWithoutImageThrows) {
+    testkit::TestHost host;
+    Texture::CreateInfo2D info(nullptr);
+    EXPECT_THROW(Texture::create(&host.domain(), info, ""), std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace zarvo

@@ -1,0 +1,156 @@
+#include <zarvo/data_source.h>
+#include <zarvo/module.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <string>
+
+namespace zarvo {
+namespace {
+
+using testing::ElementsAre;
+
+// A creatable source with two properties, declared the way plug-ins do.
+class SampleSource : public DataSource {
+public:
+    SampleSource(Domain* domain, string_view name) : DataSource(domain, name) {}
+    static std::shared_ptr<SampleSource> create(Domain* domain, string_view name) {
+        return std::make_shared<SampleSource>(domain, name);
+    }
+    std::shared_ptr<DataObject> getData() override { return nullptr; }
+    const Metaclass* getDynamicMetaclass() const override { return getStaticMetaclass(); }
+
+    static const PropertyType<std::string> FirstProperty;
+    static const PropertyType<std::string> SecondProperty;
+    static const Metaclass* getStaticMetaclass() {
+        static const MetaclassImpl<SampleSource> metaclass("SampleSource", DataSource::getStaticMetaclass(), false,
+                                                           {&FirstProperty, &SecondProperty},
+                                                           &DataSource::makeEditorInfo);
+        return &metaclass;
+    }
+};
+const PropertyType<std::string> SampleSource::FirstProperty("SampleSource.First", "", 0, false, nullptr);
+const PropertyType<std::string> SampleSource::SecondProperty("SampleSource.Second", "", 0, false, nullptr);
+
+class OtherSource : public DataSource {
+public:
+    using DataSource::DataSource;
+    std::shared_ptr<DataObject> getData() override { return nullptr; }
+    const Metaclass* getDynamicMetaclass() const override { return DataSource::getStaticMetaclass(); }
+};
+
+std::vector<std::string> propertyNames(const Metaclass& metaclass) {
+    std::vector<std::string> names;
+    for (const AbstractPropertyType* type : metaclass.getPropertyTypes()) {
+        names.push_back(type->getName());
+    }
+    return names;
+}
+
+TEST(MetaclassTest, EngineMetaclassesAreBuiltSealedWithTheirBasesAndProperties) {
+    const Metaclass* context = DataContext::getStaticMetaclass();
+    const Metaclass* source = DataSource::getStaticMetaclass();
+    EXPECT_STREQ(context->getName(), "Zarvo.DataContext");
+    EXPECT_EQ(context->getBase(), nullptr);
+    EXPECT_TRUE(context->isAbstract());
+    EXPECT_THAT(propertyNames(*context), ElementsAre(DataContext::DataContextProperty.getName(),
+                                                     DataContext::ItemsSourceProperty.getName()));
+    EXPECT_STREQ(source->getName(), "Zarvo.DataSource");
+    EXPECT_EQ(source->getBase(), context);
+    EXPECT_TRUE(source->isAbstract());
+    EXPECT_TRUE(source->getPropertyTypes().empty());
+    EXPECT_TRUE(context->isSealed());
+    EXPECT_TRUE(source->isSealed());
+    EXPECT_THROW(source->checkSealed(), std::logic_error);
+    EXPECT_EQ(DataSource::getStaticMetaclass(), source) << "built once";
+}
+
+TEST(MetaclassTest, ADerivedMetaclassFindsItsOwnAndInheritedProperties) {
+    const Metaclass* sample = SampleSource::getStaticMetaclass();
+    EXPECT_FALSE(sample->isAbstract());
+    EXPECT_THAT(propertyNames(*sample), ElementsAre("SampleSource.First", "SampleSource.Second"));
+    EXPECT_EQ(sample->findPropertyType("SampleSource.Second"), &SampleSource::SecondProperty);
+    EXPECT_EQ(sample->findPropertyType(DataContext::ItemsSourceProperty.getName()), &DataContext::ItemsSourceProperty);
+    EXPECT_EQ(sample->findPropertyType("Nope"), nullptr);
+    EXPECT_TRUE(sample->derivesFrom(*DataContext::getStaticMetaclass()));
+    EXPECT_FALSE(DataSource::getStaticMetaclass()->derivesFrom(*sample));
+}
+
+TEST(MetaclassTest, IsMetaclassOfFollowsTheClassTree) {
+    SampleSource sample(nullptr, "s");
+    OtherSource other(nullptr, "o");
+    const Metaclass* sampleMeta = SampleSource::getStaticMetaclass();
+    EXPECT_TRUE(sampleMeta->isMetaclassOf(sample));
+    EXPECT_FALSE(sampleMeta->isMetaclassOf(other));
+    EXPECT_FALSE(sampleMeta->isMetaclassOf(nullptr));
+    EXPECT_TRUE(DataSource::getStaticMetaclass()->isMetaclassOf(other));
+    EXPECT_FALSE(DataContext::getStaticMetaclass()->isMetaclassOf(other)) << "a static metaclass claims nothing";
+    auto data = std::make_shared<DataObject>(nullptr, "d");
+    EXPECT_EQ(data->getDynamicMetaclass(), DataObject::getStaticMetaclass());
+    EXPECT_TRUE(DataObject::getStaticMetaclass()->isMetaclassOf(*data));
+}
+
+TEST(MetaclassTest, AbstractMetaclassesRefuseToCreate) {
+    for (const Metaclass* metaclass :
+         {DataContext::getStaticMetaclass(), DataSource::getStaticMetaclass(), DataObject::getStaticMetaclass()}) {
+        try {
+            metaclass->create(nullptr, "x");
+            ADD_FAILURE() << metaclass->getName() << " created an object";
+        } catch (const std::logic_error& error) {
+            EXPECT_EQ(std::string(error.what()),
+                      std::string("Tried to create an abstract type object '") + metaclass->getName() + "'");
+        }
+    }
+}
+
+TEST(ObjectFactoryTest, CreatesRegisteredTypesByName) {
+    ObjectFactory factory;
+    factory.registerMetaclass(SampleSource::getStaticMetaclass());
+    factory.registerMetaclass(DataSource::getStaticMetaclass());
+    factory.registerMetaclass(nullptr);
+    EXPECT_EQ(factory.findMetaclass("SampleSource"), SampleSource::getStaticMetaclass());
+    EXPECT_EQ(factory.getMetaclasses().size(), 2u);
+
+    auto created = factory.create("SampleSource", nullptr, "made");
+    ASSERT_NE(std::dynamic_pointer_cast<SampleSource>(created), nullptr);
+    EXPECT_EQ(created->getObjectName(), "made");
+
+    EXPECT_THROW(factory.create("Zarvo.DataSource", nullptr, "x"), std::logic_error);
+    try {
+        factory.create("Missing", nullptr, "x");
+        ADD_FAILURE();
+    } catch (const std::logic_error& error) {
+        EXPECT_THAT(error.what(), testing::HasSubstr("'Missing'"));
+    }
+}
+
+class CountingModule : public Plugin {
+public:
+    explicit CountingModule(int* destroyed) : destroyed(destroyed) {}
+    ~CountingModule() override { ++*destroyed; }
+    std::vector<const Metaclass*> getMetaclassesOverride() override { return {SampleSource::getStaticMetaclass()}; }
+    int* destroyed;
+};
+
+TEST(ModuleTest, BaseModuleOffersNothingAndDestroyModuleTakesNull) {
+    int destroyed = 0;
+    Module* module = new CountingModule(&destroyed);
+    ObjectFactory factory;
+    for (const Metaclass* metaclass : module->getMetaclassesOverride()) {
+        factory.registerMetaclass(metaclass);
+    }
+    module->registerMetadataOverride(factory);
+    EXPECT_NE(factory.findMetaclass("SampleSource"), nullptr);
+    destroyModule(module);
+    EXPECT_EQ(destroyed, 1);
+    destroyModule(nullptr);
+
+    Module plain;
+    EXPECT_TRUE(plain.getMetaclassesOverride().empty());
+    EXPECT_EQ(plain.domain, nullptr);
+}
+
+}  // namespace
+}  // namespace zarvo

@@ -1,0 +1,294 @@
+#include <zarvo/domain.h>
+#include <zarvo/image.h>
+#include <zarvo/message_dispatcher.h>
+#include <zarvo/resource_manager.h>
+#include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/test_host.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdio>
+#include <fstream>
+#include <future>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace zarvo {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+
+// Real loader threads do the work, so the tests wait for the loop with a
+// generous bound that only a hang would reach.
+constexpr milliseconds patience(20000);
+
+class Thing : public Resource {
+public:
+    using Resource::Resource;
+    const Metaclass* getDynamicMetaclass() const override { return nullptr; }
+};
+
+// What the test protocol handler sees and the tasks do, shared through the
+// handler's user data.
+struct Script {
+    std::thread::id loopThread = std::this_thread::get_id();
+    std::atomic<int> handlerCalls{0};
+    std::atomic<int> stagesOnLoaderThreads{0};
+    std::atomic<int> resultsOnLoop{0};
+    std::atomic<int> followUps{0};
+    std::mutex mutex;
+    std::set<std::string> urls;
+    std::shared_future<void> gate;  // tasks wait for it when valid
+    std::promise<void> started;
+};
+
+class ScriptedTask : public ResourceManager::LoadTask {
+public:
+    ScriptedTask(Script& script, std::string url, Domain* domain) : script(script), url(std::move(url)), domain(domain) {}
+
+    void loadFunction(const ResourceLoaderThreadContext* context) override {
+        noteStage(context);
+        if (url.find("blocking") != std::string::npos) {
+            script.started.set_value();
+            script.gate.wait();
+        }
+        if (url.find("throwing") != std::string::npos) {
+            throw std::runtime_error("network unreachable");
+        }
+    }
+    void finishFunction(const ResourceLoaderThreadContext* context) override { noteStage(context); }
+    std::shared_ptr<Resource> getResult() override {
+        if (std::this_thread::get_id() == script.loopThread) {
+            ++script.resultsOnLoop;
+        }
+        if (url.find("empty") != std::string::npos) {
+            return nullptr;
+        }
+        return std::make_shared<Thing>(domain, url);
+    }
+
+private:
+    void noteStage(const ResourceLoaderThreadContext* context) {
+        if (context != nullptr && std::this_thread::get_id() != script.loopThread) {
+            ++script.stagesOnLoaderThreads;
+        }
+    }
+    Script& script;
+    std::string url;
+    Domain* domain;
+};
+
+std::int32_t testHandler(ResourceManager* manager, string_view url, string_view, string_view, std::uint32_t,
+                         string_view, void* userData, std::shared_ptr<Resource>& resource,
+                         std::shared_ptr<ResourceManager::LoadTask>& task) {
+    auto& script = *static_cast<Script*>(userData);
+    ++script.handlerCalls;
+    const std::string text(url.data(), url.size());
+    if (text.find("handler-throws") != std::string::npos) {
+        throw std::logic_error("handler broke");
+    }
+    if (text.find("instant") != std::string::npos) {
+        resource = std::make_shared<Thing>(manager->getDomain(), text);
+        return 0;
+    }
+    task = std::make_shared<ScriptedTask>(script, text, manager->getDomain());
+    return 0;
+}
+
+class ResourceManagerTest : public testing::Test {
+protected:
+    void SetUp() override {
+        manager().registerProtocolHandler(
+            "test", &testHandler,
+            [this](ResourceManager*, string_view, string_view, string_view, std::uint32_t, string_view, void*,
+                   ResourceManager::LoadTask* task) {
+                script.followUps += task != nullptr;
+                return 0;
+            },
+            &script);
+    }
+
+    ResourceManager& manager() { return *host.domain().getResourceManager(); }
+
+    // Requests `urls` and runs the loop until `finished` has come; gives
+    // how often it came.
+    int load(const std::unordered_set<std::string>& urls) {
+        int finished = 0;
+        manager().acquireResourcesAsync(urls, [&] { ++finished; });
+        host.loop().runUntil([&] { return finished > 0; }, patience);
+        host.runUntilIdle();
+        return finished;
+    }
+
+    Script script;
+    testkit::LogCapture log;
+    testkit::TestHost host;
+};
+
+TEST_F(ResourceManagerTest, RegistryFindsResourcesByExactName) {
+    auto thing = std::make_shared<Thing>(&host.domain(), "thing");
+    manager().registerResource("Images/thing", thing);
+    EXPECT_EQ(manager().tryAcquireResource("Images/thing"), thing);
+    EXPECT_EQ(manager().acquireLoadedResource("Images/thing"), thing);
+    EXPECT_EQ(manager().tryAcquireResource("images/thing"), nullptr);
+    EXPECT_EQ(manager().tryAcquireResource("Images/thing/"), nullptr);
+
+    auto other = std::make_shared<Thing>(&host.domain(), "other");
+    manager().registerResource("Images/thing", other);
+    EXPECT_EQ(manager().tryAcquireResource("Images/thing"), other);
+    manager().unregisterResource("Images/thing");
+    manager().unregisterResource("Images/thing");
+    EXPECT_EQ(manager().tryAcquireResource("Images/thing"), nullptr);
+    EXPECT_NE(manager().getMemoryManager(), nullptr);
+}
+
+TEST_F(ResourceManagerTest, SchemesAreMatchedWithoutRegardToCase) {
+    EXPECT_TRUE(manager().supportsProtocolHandler("test"));
+    EXPECT_TRUE(manager().supportsProtocolHandler("TEST"));
+    EXPECT_FALSE(manager().supportsProtocolHandler("http"));
+    EXPECT_FALSE(manager().supportsProtocolHandler(nullptr));
+}
+
+TEST_F(ResourceManagerTest, TasksRunOnLoaderThreadsAndCompleteOnTheLoop) {
+    EXPECT_EQ(load({"test://a", "TEST://b", "test://empty"}), 1);
+
+    EXPECT_EQ(script.handlerCalls, 3);
+    EXPECT_EQ(script.followUps, 3);
+    EXPECT_EQ(script.stagesOnLoaderThreads, 6);
+    EXPECT_EQ(script.resultsOnLoop, 3);
+    auto a = manager().acquireLoadedResource("test://a");
+    ASSERT_NE(a, nullptr);
+    EXPECT_EQ(a->getObjectName(), "test://a");
+    EXPECT_NE(manager().tryAcquireResource("TEST://b"), nullptr);
+    EXPECT_EQ(manager().acquireLoadedResource("test://empty"), nullptr) << "a null result is not stored";
+    EXPECT_TRUE(log.entries().empty());
+
+    // Loaded URLs are not loaded again, and the caller still hears of the end
+    // on the loop rather than inside the call.
+    int finished = 0;
+    manager().acquireResourcesAsync({"test://a"}, [&] { ++finished; });
+    EXPECT_EQ(finished, 0);
+    host.runUntilIdle();
+    EXPECT_EQ(finished, 1);
+    EXPECT_EQ(script.handlerCalls, 3);
+}
+
+TEST_F(ResourceManagerTest, AcquireLoadedResourceStartsNothing) {
+    EXPECT_EQ(manager().acquireLoadedResource("test://a"), nullptr);
+    host.runUntilIdle();
+    EXPECT_EQ(script.handlerCalls, 0);
+}
+
+TEST_F(ResourceManagerTest, RequestsForOneUrlShareOneLoad) {
+    std::promise<void> gate;
+    script.gate = gate.get_future().share();
+    int first = 0;
+    int second = 0;
+    manager().acquireResourcesAsync({"test://blocking"}, [&] { ++first; });
+    manager().acquireResourcesAsync({"test://blocking", "test://instant"}, [&] { ++second; });
+    script.started.get_future().wait();
+    gate.set_value();
+    host.loop().runUntil([&] { return first > 0 && second > 0; }, patience);
+
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(second, 1);
+    EXPECT_EQ(script.handlerCalls, 2);
+    EXPECT_NE(manager().acquireLoadedResource("test://instant"), nullptr);
+}
+
+TEST_F(ResourceManagerTest, FailuresAreLoggedAndStillCountAsDone) {
+    EXPECT_EQ(load({"test://throwing", "test://handler-throws", "nohandler://x", "test://fine"}), 1);
+
+    EXPECT_NE(manager().acquireLoadedResource("test://fine"), nullptr);
+    EXPECT_EQ(manager().acquireLoadedResource("test://throwing"), nullptr);
+    const auto errors = log.messages(LogLevel::Error);
+    ASSERT_EQ(errors.size(), 3u);
+    std::string all;
+    for (const auto& entry : log.entries()) {
+        EXPECT_EQ(entry.category, "host");
+        all += entry.message + "\n";
+    }
+    EXPECT_THAT(all, HasSubstr("network unreachable"));
+    EXPECT_THAT(all, HasSubstr("handler broke"));
+    EXPECT_THAT(all, HasSubstr("nohandler://x"));
+}
+
+TEST_F(ResourceManagerTest, TheLoadGoesOnWhenTheHandleIsDropped) {
+    bool finished = false;
+    manager().acquireResourcesAsync({"test://dropped"}, [&] { finished = true; }).reset();
+    EXPECT_TRUE(host.loop().runUntil([&] { return finished; }, patience));
+    EXPECT_NE(manager().acquireLoadedResource("test://dropped"), nullptr);
+}
+
+TEST_F(ResourceManagerTest, ACompletionCallbackThatThrowsIsLogged) {
+    bool other = false;
+    manager().acquireResourcesAsync({"test://x"}, [] { throw std::runtime_error("callback broke"); });
+    manager().acquireResourcesAsync({"test://x"}, [&] { other = true; });
+    EXPECT_TRUE(host.loop().runUntil([&] { return other; }, patience));
+    EXPECT_THAT(log.messages(LogLevel::Error), testing::ElementsAre(HasSubstr("callback broke")));
+}
+
+TEST_F(ResourceManagerTest, MissingLocalFilesAreLoggedByUrl) {
+    const std::string path = testing::TempDir() + "/zarvo-host-no-such-file.png";
+    EXPECT_EQ(load({path, "file://" + path}), 1);
+    const auto errors = log.messages(LogLevel::Error);
+    ASSERT_EQ(errors.size(), 2u);
+    EXPECT_THAT(errors, testing::UnorderedElementsAre(HasSubstr("'" + path + "'"), HasSubstr("'file://" + path + "'")));
+}
+
+TEST_F(ResourceManagerTest, LocalImagesAreRecognisedByContentAndBecomeTextures) {
+    // A 2x1 RGBA PNG: one half-transparent red pixel, one green.
+    const unsigned char png[] = {
+        0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48, 0x44, 0x52, 0x00,
+        0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x01, 0x08, 0x06, 0x00, 0x00, 0x00, 0xF4, 0x22, 0x7F, 0x8A, 0x00,
+        0x00, 0x00, 0x11, 0x49, 0x44, 0x41, 0x54, 0x78, 0x9C, 0x63, 0xF8, 0xCF, 0xC0, 0xD0, 0xC0, 0xF0, 0x9F,
+        0xE1, 0x3F, 0x00, 0x0E, 0x7D, 0x03, 0x7E, 0xEA, 0xF6, 0x93, 0xC0, 0x00, 0x00, 0x00, 0x00, 0x49, 0x45,
+        0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82};
+    const std::string image = testing::TempDir() + "/zarvo-host-image.jpg";  // the name does not matter
+    const std::string text = testing::TempDir() + "/zarvo-host-text.png";
+    std::ofstream(image, std::ios::binary).write(reinterpret_cast<const char*>(png), sizeof png);
+    std::ofstream(text, std::ios::binary) << "not an image";
+
+    EXPECT_EQ(load({image, "file://" + image, text}), 1);
+
+    for (const std::string& url : {image, "file://" + image}) {
+        auto texture = std::dynamic_pointer_cast<Texture>(manager().acquireLoadedResource(url));
+        ASSERT_NE(texture, nullptr) << url;
+        EXPECT_EQ(texture->getImage().getWidth(), 2u);
+        EXPECT_EQ(texture->getImage().getHeight(), 1u);
+        EXPECT_TRUE(texture->getImage().isPremultiplied());
+    }
+    EXPECT_EQ(manager().acquireLoadedResource(text), nullptr);
+    EXPECT_THAT(log.messages(LogLevel::Error), testing::ElementsAre(HasSubstr("'" + text + "'")));
+    std::remove(image.c_str());
+    std::remove(text.c_str());
+}
+
+TEST(ResourceManagerLifetimeTest, ALoadOutlivingItsManagerIsAbandonedSafely) {
+    Script script;
+    auto loop = std::make_shared<ZvuMessageDispatcher>(ZvuMessageDispatcher::Clock::Manual);
+    auto domain = std::make_unique<Domain>(loop);
+    domain->getResourceManager()->registerProtocolHandler("test", &testHandler, nullptr, &script);
+
+    std::promise<void> gate;
+    script.gate = gate.get_future().share();
+    bool finished = false;
+    domain->getResourceManager()->acquireResourcesAsync({"test://blocking"}, [&] { finished = true; });
+    script.started.get_future().wait();
+    // Let the task end while the domain goes: its completion may reach the
+    // loop before or after the manager has gone, and must then be dropped.
+    std::thread opener([&] { gate.set_value(); });
+    domain.reset();
+    opener.join();
+    loop->runUntilIdle();
+    EXPECT_FALSE(finished);
+}
+
+}  // namespace
+}  // namespace zarvo

@@ -1,0 +1,248 @@
+#include <tethrix/protocol/codec.h>
+#include <tethrix/protocol/fuzz_decode.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+namespace tethrix::protocol {
+namespace {
+
+Result sampleResult()
+{
+    Result result;
+    result.id = 42;
+    result.startIndex = 200;
+    result.columns = {{"n", ColumnType::integer}, {"x", ColumnType::real}, {"b", ColumnType::boolean},
+                      {"s", ColumnType::text}};
+    result.rows = {
+        {std::int64_t{std::numeric_limits<std::int64_t>::min()}, 0.1, true, std::string("quote \" and \\ and \n")},
+        {std::int64_t{std::numeric_limits<std::int64_t>::max()}, -1e300, false, std::string("\xC3\xA9t\xC3\xA9 \xF0\x9F\x8E\xB5")},
+        {std::int64_t{0}, 3.0, false, std::string()},
+    };
+    return result;
+}
+
+Query sampleQuery()
+{
+    Query query;
+    query.id = std::numeric_limits<std::uint64_t>::max();
+    query.uri = "content://com.tavelorix.content/tracks";
+    query.columns = {"title", "duration"};
+    query.filter = "name = 'it''s' AND id >= 3";
+    query.sort = "title DESC";
+    query.index = std::numeric_limits<std::int32_t>::max();
+    query.count = std::numeric_limits<std::int32_t>::min();
+    return query;
+}
+
+TEST(CodecTest, EveryMessageSurvivesEncodeAndDecode)
+{
+    Error withEverything;
+    withEverything.id = 5;
+    withEverything.reason = "filter: unknown column \"x\"";
+    withEverything.position = 17;
+    Error protocolError;
+    protocolError.reason = "not JSON";
+    Result empty;
+    empty.id = 1;
+
+    const std::vector<Message> messages = {
+        Hello{},
+        Hello{1, "tethrix-service", "http://127.0.0.1:8080/"},
+        sampleQuery(),
+        Query{},
+        sampleResult(),
+        empty,
+        withEverything,
+        protocolError,
+        Cancel{3},
+        Subscribe{4, "servicedata://player"},
+        Update{4, "a/b", "<value>1</value>"},
+        Unsubscribe{4},
+        Ping{0},
+        Pong{std::numeric_limits<std::uint64_t>::max()},
+    };
+    for (const auto& message : messages) {
+        std::string frame = encode(message);
+        Decoded decoded = decode(frame, maxResultFrameBytes);
+        ASSERT_TRUE(decoded) << frame << ": " << decoded.error.reason;
+        EXPECT_EQ(typeName(*decoded.message), std::string(typeName(message)));
+        EXPECT_TRUE(*decoded.message == message) << frame;
+    }
+}
+
+TEST(CodecTest, QueryHasTheDocumentedWireForm)
+{
+    Query query;
+    query.id = 7;
+    query.uri = "content://com.tavelorix.content/tracks";
+    query.columns = {"title", "duration"};
+    query.filter = "artist_id=42";
+    query.sort = "title ASC";
+    query.index = 200;
+    query.count = 200;
+    EXPECT_EQ(encode(query),
+              R"({"type":"query","id":7,"uri":"content://com.tavelorix.content/tracks","columns":["title","duration"],)"
+              R"("filter":"artist_id=42","sort":"title ASC","index":200,"count":200})");
+}
+
+TEST(CodecTest, ResultAndErrorHaveTheDocumentedWireForm)
+{
+    Result result;
+    result.id = 7;
+    result.startIndex = 200;
+    result.columns = {{"title", ColumnType::text}, {"duration", ColumnType::real}};
+    result.rows = {{std::string("Blue Hour"), 215.5}};
+    EXPECT_EQ(encode(result), R"({"type":"result","id":7,"startIndex":200,"columns":[{"name":"title","type":4},)"
+                              R"({"name":"duration","type":2}],"rows":[["Blue Hour",215.5]]})");
+
+    Error error;
+    error.reason = "bad";
+    EXPECT_EQ(encode(error), R"({"type":"error","reason":"bad"})");
+}
+
+TEST(CodecTest, EncoderRepairsInvalidUtf8)
+{
+    Result result;
+    result.columns = {{"s", ColumnType::text}};
+    // A stray continuation byte, an overlong slash, a surrogate and a cut-off sequence.
+    result.rows = {{std::string("a\x80" "b\xC0\xAF" "c\xED\xA0\x80" "d\xE2\x82")}};
+    Decoded decoded = decode(encode(result), maxResultFrameBytes);
+    ASSERT_TRUE(decoded) << decoded.error.reason;
+    const auto& text = std::get<std::string>(std::get<Result>(*decoded.message).rows[0][0]);
+    const std::string r = "\xEF\xBF\xBD";
+    EXPECT_EQ(text, "a" + r + "b" + r + r + "c" + r + r + r + "d" + r + r);
+}
+
+TEST(CodecTest, NonFiniteRealsAreSentAsFiniteNumbers)
+{
+    Result result;
+    result.columns = {{"x", ColumnType::real}};
+    result.rows = {{std::numeric_limits<double>::infinity()},
+                   {-std::numeric_limits<double>::infinity()},
+                   {std::numeric_limits<double>::quiet_NaN()}};
+    Decoded decoded = decode(encode(result), maxResultFrameBytes);
+    ASSERT_TRUE(decoded) << decoded.error.reason;
+    const auto& rows = std::get<Result>(*decoded.message).rows;
+    EXPECT_EQ(std::get<double>(rows[0][0]), std::numeric_limits<double>::max());
+    EXPECT_EQ(std::get<double>(rows[1][0]), std::numeric_limits<double>::lowest());
+    EXPECT_EQ(std::get<double>(rows[2][0]), 0.0);
+}
+
+TEST(CodecTest, RealColumnsAcceptIntegersAndIntegerColumnsRefuseFractions)
+{
+    Decoded real = decode(R"({"type":"result","id":1,"startIndex":0,"columns":[{"name":"x","type":2}],"rows":[[187]]})");
+    ASSERT_TRUE(real) << real.error.reason;
+    EXPECT_EQ(std::get<double>(std::get<Result>(*real.message).rows[0][0]), 187.0);
+
+    Decoded integer = decode(R"({"type":"result","id":1,"startIndex":0,"columns":[{"name":"n","type":1}],"rows":[[1.0]]})");
+    EXPECT_FALSE(integer);
+    EXPECT_EQ(integer.error.id, std::optional<RequestId>(1));
+}
+
+struct HostileFrame {
+    const char* name;
+    std::string frame;
+    std::string reasonPart;
+    std::optional<RequestId> id;
+};
+
+const std::string goodQueryTail = R"("uri":"content://a/t","columns":[],"filter":"","sort":"",)";
+
+std::vector<HostileFrame> hostileFrames()
+{
+    return {
+        {"empty", "", "not JSON", std::nullopt},
+        {"garbage", "hello", "not JSON", std::nullopt},
+        {"truncated", R"({"type":"ping","id":)", "not JSON", std::nullopt},
+        {"trailing data", R"({"type":"ping","id":1} {})", "not JSON", std::nullopt},
+        {"array", "[1,2]", "must be a JSON object", std::nullopt},
+        {"no type", R"({"id":1})", "\"type\"", std::nullopt},
+        {"type not a string", R"({"type":5})", "\"type\"", std::nullopt},
+        {"unknown type", R"({"type":"drop table"})", "unknown message type \"drop table\"", std::nullopt},
+        {"missing count", R"({"type":"query","id":3,)" + goodQueryTail + R"("index":0})", "missing \"count\"", 3},
+        {"unknown key", R"({"type":"query","id":3,)" + goodQueryTail + R"("index":0,"count":0,"colums":[]})",
+         "unknown key \"colums\"", 3},
+        {"index as text", R"({"type":"query","id":3,)" + goodQueryTail + R"("index":"0","count":0})",
+         "\"index\" must be an integer", 3},
+        {"index beyond 32 bits", R"({"type":"query","id":3,)" + goodQueryTail + R"("index":2147483648,"count":0})",
+         "\"index\" must be an integer from -2147483648 to 2147483647", 3},
+        {"index with fraction", R"({"type":"query","id":3,)" + goodQueryTail + R"("index":1.0,"count":0})",
+         "\"index\" must be an integer", 3},
+        {"negative id", R"({"type":"cancel","id":-1})", "\"id\" must be an integer from 0", std::nullopt},
+        {"id beyond 64 bits", R"({"type":"cancel","id":18446744073709551616})", "\"id\" must be an integer",
+         std::nullopt},
+        {"column not a string", R"({"type":"query","id":4,"uri":"u","columns":[1],"filter":"","sort":"","index":0,"count":0})",
+         "\"columns\" must hold strings only", 4},
+        {"row too short",
+         R"({"type":"result","id":5,"startIndex":0,"columns":[{"name":"a","type":1},{"name":"b","type":1}],"rows":[[1]]})",
+         "row 0 has 1 cells for 2 columns", 5},
+        {"text in an integer column",
+         R"({"type":"result","id":5,"startIndex":0,"columns":[{"name":"a","type":1}],"rows":[["1"]]})",
+         "row 0, column 0 must be a 64-bit integer", 5},
+        {"unknown column type",
+         R"({"type":"result","id":5,"startIndex":0,"columns":[{"name":"a","type":5}],"rows":[]})",
+         "\"type\" must be an integer from 1 to 4", 5},
+        {"real out of range",
+         R"({"type":"result","id":5,"startIndex":0,"columns":[{"name":"a","type":2}],"rows":[[1e400]]})",
+         "out of range", 5},
+        {"invalid UTF-8", "{\"type\":\"subscribe\",\"id\":1,\"uri\":\"\xFF\"}", "not JSON", std::nullopt},
+        {"lone surrogate", R"({"type":"subscribe","id":1,"uri":"\udc00"})", "not JSON", std::nullopt},
+        {"deep nesting", std::string(100, '[') + std::string(100, ']'), "not JSON", std::nullopt},
+        {"hello version as text", R"({"type":"hello","version":"1"})", "\"version\" must be an integer", std::nullopt},
+        {"error without reason", R"({"type":"error","id":9})", "missing \"reason\"", 9},
+    };
+}
+
+TEST(CodecTest, HostileFramesAreRefusedWithAReason)
+{
+    for (const auto& hostile : hostileFrames()) {
+        SCOPED_TRACE(hostile.name);
+        Decoded decoded = decode(hostile.frame);
+        ASSERT_FALSE(decoded);
+        EXPECT_NE(decoded.error.reason.find(hostile.reasonPart), std::string::npos) << decoded.error.reason;
+        EXPECT_EQ(decoded.error.id, hostile.id);
+    }
+}
+
+TEST(CodecTest, FramesAboveTheLimitAreRefusedBeforeParsing)
+{
+    std::string frame = R"({"type":"subscribe","id":1,"uri":")" + std::string(2000, 'x') + R"("})";
+    Decoded small = decode(frame, 1000);
+    ASSERT_FALSE(small);
+    EXPECT_EQ(small.error.reason, "frame of " + std::to_string(frame.size()) + " bytes exceeds the limit of 1000 bytes");
+    EXPECT_TRUE(decode(frame, frame.size()));
+}
+
+TEST(CodecTest, MutatedFramesNeverCrashAndWhatDecodesRoundTrips)
+{
+    // A deterministic miniature of the fuzzer: flips, cuts and splices of
+    // valid frames. fuzzDecode aborts on a round-trip mismatch.
+    std::vector<std::string> seeds = {encode(sampleQuery()), encode(sampleResult()), encode(Hello{1, "s", "u"}),
+                                      encode(Update{1, "a", "d"})};
+    std::mt19937 random(1234);
+    std::size_t decodedCount = 0;
+    for (int i = 0; i < 20000; ++i) {
+        std::string frame = seeds[random() % seeds.size()];
+        int edits = 1 + static_cast<int>(random() % 4);
+        for (int e = 0; e < edits && !frame.empty(); ++e) {
+            std::size_t at = random() % frame.size();
+            switch (random() % 4) {
+            case 0: frame[at] = static_cast<char>(random() % 256); break;
+            case 1: frame.erase(at, 1 + random() % 8); break;
+            case 2: frame.insert(at, 1, "{}[]\",:0-e\\"[random() % 11]); break;
+            default: frame = frame.substr(0, at); break;
+            }
+        }
+        fuzzDecode(reinterpret_cast<const std::uint8_t*>(frame.data()), frame.size());
+        if (decode(frame, maxResultFrameBytes)) ++decodedCount;
+    }
+    // Some mutations keep the frame valid (e.g. a changed digit or letter).
+    EXPECT_GT(decodedCount, 0u);
+}
+
+}  // namespace
+}  // namespace tethrix::protocol

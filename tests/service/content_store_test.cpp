@@ -1,0 +1,308 @@
+// Content queries against real SQLite databases: projections, types, NULLs,
+// limits, errors, and deep blocks that must equal what a plain scan gives.
+#include "content_store.h"
+#include "query_error.h"
+#include "test_database.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <set>
+
+namespace tethrix::service {
+namespace {
+
+using protocol::ColumnType;
+using protocol::Value;
+using testing::TemporaryDirectory;
+
+const std::string tracksUri = "content://com.tavelorix.content/tracks";
+
+protocol::Query query(const std::string& uri, std::vector<std::string> columns = {}, std::string filter = "",
+                      std::string sort = "", int index = 0, int count = 0)
+{
+    protocol::Query q;
+    q.id = 1;
+    q.uri = uri;
+    q.columns = std::move(columns);
+    q.filter = std::move(filter);
+    q.sort = std::move(sort);
+    q.index = index;
+    q.count = count;
+    return q;
+}
+
+class ContentStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        database = directory.path() / "media.db";
+        testing::createDatabase(database, testing::tracksScript(3000) + R"(
+            INSERT INTO tracks VALUES (3001, NULL, NULL, NULL, NULL, NULL);
+            CREATE TABLE scores(name TEXT, value INTEGER, grp TEXT);
+            WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 1500)
+              INSERT INTO scores SELECT 'n' || (i % 37), CASE WHEN i % 11 = 0 THEN NULL ELSE i % 13 END,
+                                        CASE WHEN i % 7 = 0 THEN NULL ELSE char(65 + i % 4) END FROM n;
+            CREATE TABLE tags(tag TEXT PRIMARY KEY, weight INTEGER NOT NULL) WITHOUT ROWID;
+            WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 700)
+              INSERT INTO tags SELECT 'tag' || i, i % 9 FROM n;
+            CREATE TABLE odd("rowid" TEXT, "_rowid_" TEXT, "oid" TEXT, v INTEGER);
+            WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 400)
+              INSERT INTO odd SELECT 'r' || i, NULL, NULL, i % 5 FROM n;
+            CREATE VIEW favourites AS SELECT * FROM tracks WHERE favourite;
+        )");
+        store = std::make_unique<ContentStore>(database.string(), defaultAuthority);
+    }
+
+    protocol::Result run(const protocol::Query& q) { return store->execute(q); }
+
+    std::string errorOf(const protocol::Query& q, std::optional<std::size_t>* position = nullptr)
+    {
+        try {
+            store->execute(q);
+        } catch (const QueryError& error) {
+            if (position) *position = error.getPosition();
+            return error.what();
+        }
+        return "no error";
+    }
+
+    TemporaryDirectory directory;
+    std::filesystem::path database;
+    std::unique_ptr<ContentStore> store;
+};
+
+TEST_F(ContentStoreTest, ProjectionIsTheQueryColumnsInOrderWithTheirTypes)
+{
+    auto result = run(query(tracksUri, {"favourite", "TITLE", "duration", "id", "title"}, "", "", 2, 1));
+    ASSERT_EQ(result.columns.size(), 5u);
+    const std::vector<protocol::Column> expected = {{"favourite", ColumnType::boolean},
+                                                    {"TITLE", ColumnType::text},  // spelt as asked
+                                                    {"duration", ColumnType::real},
+                                                    {"id", ColumnType::integer},
+                                                    {"title", ColumnType::text}};
+    EXPECT_EQ(result.columns, expected);
+    ASSERT_EQ(result.rows.size(), 1u);
+    EXPECT_EQ(result.rows[0], (std::vector<Value>{true, std::string("Track 00003"), 4.5, std::int64_t{3},
+                                                  std::string("Track 00003")}));
+}
+
+TEST_F(ContentStoreTest, EmptyColumnListMeansAllColumnsInTableOrder)
+{
+    auto result = run(query(tracksUri, {}, "", "", 0, 1));
+    std::vector<std::string> names;
+    for (const auto& column : result.columns) names.push_back(column.name);
+    EXPECT_EQ(names, (std::vector<std::string>{"id", "title", "artist_id", "duration", "favourite", "cover"}));
+    EXPECT_EQ(result.columns[5].type, ColumnType::text);
+}
+
+TEST_F(ContentStoreTest, NullArrivesAsTheZeroValueOfItsType)
+{
+    auto result = run(query(tracksUri, {"id", "title", "artist_id", "duration", "favourite", "cover"}, "id=3001"));
+    ASSERT_EQ(result.rows.size(), 1u);
+    EXPECT_EQ(result.rows[0], (std::vector<Value>{std::int64_t{3001}, std::string(), std::int64_t{0}, 0.0, false,
+                                                  std::string()}));
+}
+
+TEST_F(ContentStoreTest, IndexAndCountSelectTheBlock)
+{
+    auto block = run(query(tracksUri, {"id"}, "", "", 10, 3));
+    EXPECT_EQ(block.startIndex, 10u);
+    EXPECT_EQ(block.rows, (std::vector<std::vector<Value>>{{std::int64_t{11}}, {std::int64_t{12}}, {std::int64_t{13}}}));
+
+    auto rest = run(query(tracksUri, {"id"}, "", "", 2995, 0));  // count 0: no limit
+    EXPECT_EQ(rest.rows.size(), 6u);
+
+    auto cut = run(query(tracksUri, {"id"}, "", "", 2999, 200));  // the content ends first
+    EXPECT_EQ(cut.rows.size(), 2u);
+
+    for (int beyond : {3001, 5000, 2147483647}) {
+        auto none = run(query(tracksUri, {"id"}, "", "", beyond, 200));
+        EXPECT_EQ(none.startIndex, static_cast<std::uint64_t>(beyond));
+        EXPECT_TRUE(none.rows.empty());
+    }
+}
+
+TEST_F(ContentStoreTest, FilterAndSortApply)
+{
+    auto result = run(query(tracksUri, {"id"}, "artist_id=3 AND duration < 100 AND NOT favourite=true", "id DESC"));
+    std::vector<std::int64_t> ids;
+    for (const auto& row : result.rows) ids.push_back(std::get<std::int64_t>(row[0]));
+    // artist 3: ids 3, 10, 17, ... below 100/1.5; not divisible by 3.
+    EXPECT_EQ(ids, (std::vector<std::int64_t>{59, 52, 38, 31, 17, 10}));
+
+    auto nulls = run(query(tracksUri, {"id"}, "cover IS NULL AND id > 2980"));
+    EXPECT_EQ(nulls.rows.size(), 5u);  // 2985, 2990, 2995, 3000, 3001
+
+    auto like = run(query(tracksUri, {"title"}, "title LIKE 'track 0299%'"));
+    EXPECT_EQ(like.rows.size(), 10u);
+}
+
+TEST_F(ContentStoreTest, UnansweredQueriesSayWhy)
+{
+    std::optional<std::size_t> position;
+    EXPECT_EQ(errorOf(query("content://other.authority/tracks")), "unknown authority \"other.authority\"");
+    EXPECT_EQ(errorOf(query("content://com.tavelorix.content/nope")), "unknown table \"nope\"");
+    EXPECT_EQ(errorOf(query("content://com.tavelorix.content/favourites")), "unknown table \"favourites\"");
+    EXPECT_EQ(errorOf(query("content://com.tavelorix.content/sqlite_schema")), "unknown table \"sqlite_schema\"");
+    EXPECT_EQ(errorOf(query("content://com.tavelorix.content")),
+              "uri \"content://com.tavelorix.content\" names no table");
+    EXPECT_EQ(errorOf(query("servicedata://player")), "uri \"servicedata://player\" does not start with content://");
+    EXPECT_EQ(errorOf(query(tracksUri, {"title", "artst"})), "unknown column \"artst\" in table \"tracks\"");
+    EXPECT_EQ(errorOf(query(tracksUri, {}, "", "", -1, 1)), "index must not be negative");
+    EXPECT_EQ(errorOf(query(tracksUri, {}, "", "", 0, -200)), "count must not be negative");
+
+    EXPECT_EQ(errorOf(query(tracksUri, {}, "id=1 AND artst=2"), &position),
+              "filter: unknown column \"artst\" in table \"tracks\"");
+    EXPECT_EQ(position, std::optional<std::size_t>(9));
+    EXPECT_EQ(errorOf(query(tracksUri, {}, "", "title, duration DESC x"), &position),
+              "sort: expected \",\" or the end after \"duration DESC\"");
+    EXPECT_EQ(position, std::optional<std::size_t>(21));
+}
+
+TEST_F(ContentStoreTest, TableAndAuthorityNamesIgnoreCase)
+{
+    EXPECT_EQ(run(query("content://COM.Tavelorix.content/TRACKS", {"id"}, "", "", 0, 1)).rows.size(), 1u);
+}
+
+TEST_F(ContentStoreTest, AnotherAuthorityCanBeServed)
+{
+    ContentStore other(database.string(), "org.example.media");
+    EXPECT_EQ(other.execute(query("content://org.example.media/tracks", {"id"}, "", "", 0, 2)).rows.size(), 2u);
+    EXPECT_THROW(other.execute(query(tracksUri)), QueryError);
+}
+
+TEST_F(ContentStoreTest, InjectionAttemptsLeaveTheDatabaseAlone)
+{
+    const std::vector<std::string> filters = {
+        "title='x'; DROP TABLE tracks; --'",
+        "title='x'' OR ''1''=''1'",
+        "id=1 UNION SELECT name FROM sqlite_schema",
+        "title=x\"; DELETE FROM tracks; --",
+        "id=1) OR (1=1",
+    };
+    for (const auto& filter : filters) {
+        SCOPED_TRACE(filter);
+        try {
+            auto result = run(query(tracksUri, {"id"}, filter));
+            EXPECT_TRUE(result.rows.empty());  // taken as a value at most: no row has it
+        } catch (const QueryError&) {
+        }
+    }
+    EXPECT_THROW(run(query("content://com.tavelorix.content/tracks; DROP TABLE tracks")), QueryError);
+    EXPECT_THROW(run(query(tracksUri, {"id FROM tracks; DROP TABLE tracks; --"})), QueryError);
+    EXPECT_THROW(run(query(tracksUri, {}, "", "id; DROP TABLE tracks")), QueryError);
+
+    auto check = SqliteDatabase::openReadWrite(database.string()).prepare("SELECT count(*) FROM tracks");
+    ASSERT_TRUE(check.step());
+    EXPECT_EQ(check.integer(0), 3001);
+}
+
+TEST_F(ContentStoreTest, ChangesByOthersAreSeen)
+{
+    auto deep = query(tracksUri, {"id"}, "", "title DESC", 2900, 3);
+    EXPECT_EQ(std::get<std::int64_t>(run(deep).rows[0][0]), 100);  // NULL title sorts last descending
+
+    {
+        auto writer = SqliteDatabase::openReadWrite(database.string());
+        writer.execute("DELETE FROM tracks WHERE id <= 1000; CREATE TABLE later(x INTEGER); INSERT INTO later VALUES (7);");
+    }
+    EXPECT_TRUE(run(deep).rows.empty());
+    EXPECT_EQ(std::get<std::int64_t>(run(query(tracksUri, {"id"}, "", "title DESC", 1900, 1)).rows[0][0]), 1100);
+    EXPECT_EQ(run(query("content://com.tavelorix.content/later")).rows.size(), 1u);
+}
+
+struct Ordering {
+    std::string table;
+    std::string filter;
+    std::string sort;
+};
+
+std::vector<Ordering> orderings()
+{
+    return {
+        {"tracks", "", ""},
+        {"tracks", "artist_id=3", ""},
+        {"tracks", "", "title DESC"},
+        {"tracks", "", "artist_id, duration DESC"},
+        {"tracks", "", "cover"},                          // NULLs first, then text
+        {"tracks", "favourite=true OR cover IS NULL", "cover DESC"},  // NULLs last
+        {"tracks", "", "favourite DESC, artist_id DESC"},
+        {"scores", "", "grp, value DESC"},                // many duplicates and NULLs
+        {"scores", "", "value"},
+        {"scores", "name LIKE 'n1%'", "grp DESC, name"},
+        {"tags", "", "weight DESC"},                      // WITHOUT ROWID: the key breaks ties
+        {"odd", "", "v"},                                 // no rowid to break ties with
+    };
+}
+
+TEST_F(ContentStoreTest, DeepBlocksEqualThePlainScanInAnyOrderOfAccess)
+{
+    std::mt19937 random(7);
+    for (const auto& ordering : orderings()) {
+        SCOPED_TRACE(ordering.table + " / " + ordering.filter + " / " + ordering.sort);
+        std::string uri = "content://com.tavelorix.content/" + ordering.table;
+        ContentStore fresh(database.string(), defaultAuthority);
+        auto all = fresh.execute(query(uri, {}, ordering.filter, ordering.sort)).rows;
+        ASSERT_GT(all.size(), 300u);
+
+        const int blockSize = 50;
+        int blocks = static_cast<int>((all.size() + blockSize - 1) / blockSize) + 1;
+        std::vector<int> order(static_cast<std::size_t>(blocks));
+        for (int i = 0; i < blocks; ++i) order[static_cast<std::size_t>(i)] = i;
+        std::shuffle(order.begin(), order.end(), random);
+        for (int block : order) {
+            int index = block * blockSize;
+            auto rows = fresh.execute(query(uri, {}, ordering.filter, ordering.sort, index, blockSize)).rows;
+            auto from = std::min(all.size(), static_cast<std::size_t>(index));
+            auto to = std::min(all.size(), from + blockSize);
+            ASSERT_EQ(rows, std::vector<std::vector<Value>>(all.begin() + static_cast<long>(from),
+                                                            all.begin() + static_cast<long>(to)))
+                << "block at " << index;
+        }
+        // Odd offsets too, between the index's checkpoints.
+        for (int index : {127, 128, 129, 255, 256, 257, static_cast<int>(all.size()) - 1}) {
+            auto rows = fresh.execute(query(uri, {}, ordering.filter, ordering.sort, index, 1)).rows;
+            ASSERT_EQ(rows.size(), 1u) << index;
+            EXPECT_EQ(rows[0], all[static_cast<std::size_t>(index)]) << index;
+        }
+    }
+}
+
+TEST_F(ContentStoreTest, ConsecutiveBlocksNeitherOverlapNorSkipAmongTies)
+{
+    // scores has only 13 distinct values: the tie-breaker alone decides
+    // which row of a tie falls into which block.
+    std::multiset<std::string> seen;
+    for (int index = 0; index < 1500; index += 64) {
+        auto rows = run(query("content://com.tavelorix.content/scores", {"name", "value", "grp"}, "", "value DESC",
+                              index, 64)).rows;
+        for (const auto& row : rows) {
+            seen.insert(std::get<std::string>(row[0]) + "/" + std::to_string(std::get<std::int64_t>(row[1])) + "/" +
+                        std::get<std::string>(row[2]));
+        }
+    }
+    auto all = run(query("content://com.tavelorix.content/scores", {"name", "value", "grp"})).rows;
+    std::multiset<std::string> expected;
+    for (const auto& row : all) {
+        expected.insert(std::get<std::string>(row[0]) + "/" + std::to_string(std::get<std::int64_t>(row[1])) + "/" +
+                        std::get<std::string>(row[2]));
+    }
+    EXPECT_EQ(seen, expected);
+}
+
+TEST_F(ContentStoreTest, DeepBlocksReuseOneIndexPerOrdering)
+{
+    run(query(tracksUri, {"id"}, "", "title", 2800, 10));
+    run(query(tracksUri, {"id", "title"}, "", "title", 2000, 10));  // other columns, same rows: same index
+    EXPECT_EQ(store->offsetIndexes().size(), 1u);
+    run(query(tracksUri, {"id"}, "artist_id=2", "title", 200, 10));
+    run(query(tracksUri, {"id"}, "artist_id=3", "title", 200, 10));
+    EXPECT_EQ(store->offsetIndexes().size(), 3u);
+    run(query(tracksUri, {"id"}, "artist_id=3", "title", 10, 10));  // shallow blocks need none
+    EXPECT_EQ(store->offsetIndexes().size(), 3u);
+}
+
+}  // namespace
+}  // namespace tethrix::service

@@ -1,0 +1,59 @@
+#include "options.h"
+
+#include "test_database.h"
+
+#include <gtest/gtest.h>
+
+namespace tethrix::service {
+namespace {
+
+TEST(OptionsTest, ReadsEveryOption)
+{
+    testing::TemporaryDirectory directory;
+    auto line = parseCommandLine({"--db", "media.db", "--port=8080", "--bind", "0.0.0.0", "--files",
+                                  directory.path().string(), "--authority=org.example", "--log-queries"});
+    EXPECT_FALSE(line.help);
+    EXPECT_EQ(line.options.database, "media.db");
+    EXPECT_EQ(line.options.port, 8080);
+    EXPECT_EQ(line.options.bind, "0.0.0.0");
+    EXPECT_EQ(line.options.files, std::optional(directory.path()));
+    EXPECT_EQ(line.options.authority, "org.example");
+    EXPECT_TRUE(line.options.logQueries);
+}
+
+TEST(OptionsTest, DefaultsServeTheLocalHostOnAFreePort)
+{
+    auto line = parseCommandLine({"--db", "media.db"});
+    EXPECT_EQ(line.options.bind, "127.0.0.1");
+    EXPECT_EQ(line.options.port, 0);
+    EXPECT_EQ(line.options.authority, "com.tavelorix.content");
+    EXPECT_FALSE(line.options.files);
+    EXPECT_FALSE(line.options.logQueries);
+    EXPECT_TRUE(parseCommandLine({"--help"}).help);
+}
+
+TEST(OptionsTest, BadCommandLinesSayWhatIsWrong)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{}, "--db FILE is required"},
+        {{"--db"}, "--db needs a value"},
+        {{"--db", "x", "--port", "65536"}, "--port needs a number from 0 to 65535, not \"65536\""},
+        {{"--db", "x", "--port", "80x"}, "--port needs a number from 0 to 65535, not \"80x\""},
+        {{"--db", "x", "--port", "-1"}, "--port needs a number from 0 to 65535, not \"-1\""},
+        {{"--db", "x", "--verbose"}, "unknown option \"--verbose\" (see --help)"},
+        {{"--db", "x", "--log-queries=yes"}, "--log-queries takes no value"},
+        {{"--db", "x", "--authority", "a/b"}, "--authority needs a name without \"/\", not \"a/b\""},
+        {{"--db", "x", "--files", "/no/such/directory"}, "--files: \"/no/such/directory\" is not a directory"},
+    };
+    for (const auto& [arguments, reason] : cases) {
+        try {
+            parseCommandLine(arguments);
+            ADD_FAILURE() << reason;
+        } catch (const std::invalid_argument& error) {
+            EXPECT_EQ(error.what(), reason);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace tethrix::service

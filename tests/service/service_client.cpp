@@ -1,0 +1,148 @@
+#include "service_client.h"
+
+#include <gtest/gtest.h>
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/ip/tcp.hpp>
+
+namespace tethrix::service::testing {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace http = beast::http;
+using tcp = asio::ip::tcp;
+
+RunningService::RunningService(const ServiceOptions& options) : service(std::make_unique<Service>(options))
+{
+    boundPort = service->endpoint().port();
+    thread = std::thread([this] { service->run(); });
+}
+
+RunningService::~RunningService()
+{
+    stop();
+}
+
+void RunningService::stop()
+{
+    if (!service) return;
+    service->stop();
+    thread.join();
+    service.reset();
+}
+
+TestClient::TestClient(unsigned short port, bool greet) : socket(io)
+{
+    beast::get_lowest_layer(socket).connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
+    socket.handshake("127.0.0.1:" + std::to_string(port), protocol::webSocketPath);
+    socket.read_message_max(protocol::maxResultFrameBytes);
+    if (!greet) return;
+    send(protocol::Hello{protocol::protocolVersion, "tests", ""});
+    hello = receiveAs<protocol::Hello>();
+}
+
+void TestClient::send(const protocol::Message& message)
+{
+    sendText(protocol::encode(message));
+}
+
+void TestClient::sendText(const std::string& frame)
+{
+    socket.text(true);
+    socket.write(asio::buffer(frame));
+}
+
+void TestClient::sendBinary(const std::string& frame)
+{
+    socket.binary(true);
+    socket.write(asio::buffer(frame));
+    socket.text(true);
+}
+
+bool TestClient::runUntil(const bool& done)
+{
+    io.restart();
+    auto deadline = std::chrono::steady_clock::now() + receiveTimeout;
+    while (!done && std::chrono::steady_clock::now() < deadline) {
+        io.run_one_until(deadline);
+    }
+    if (done) return true;
+    beast::get_lowest_layer(socket).cancel();
+    io.restart();
+    io.run();
+    return false;
+}
+
+protocol::Message TestClient::receive()
+{
+    bool done = false;
+    beast::error_code error;
+    buffer.consume(buffer.size());
+    socket.async_read(buffer, [&](beast::error_code e, std::size_t) {
+        error = e;
+        done = true;
+    });
+    if (!runUntil(done)) {
+        ADD_FAILURE() << "no message within the timeout";
+        return protocol::Error{std::nullopt, "timeout", std::nullopt};
+    }
+    if (error) {
+        ADD_FAILURE() << "read failed: " << error.message();
+        return protocol::Error{std::nullopt, "read failed", std::nullopt};
+    }
+    std::string frame = beast::buffers_to_string(buffer.data());
+    protocol::Decoded decoded = protocol::decode(frame, protocol::maxResultFrameBytes);
+    if (!decoded) {
+        ADD_FAILURE() << "undecodable frame: " << decoded.error.reason;
+        return protocol::Error{std::nullopt, "undecodable", std::nullopt};
+    }
+    return *decoded.message;
+}
+
+std::optional<int> TestClient::awaitClose()
+{
+    for (;;) {
+        bool done = false;
+        beast::error_code error;
+        buffer.consume(buffer.size());
+        socket.async_read(buffer, [&](beast::error_code e, std::size_t) {
+            error = e;
+            done = true;
+        });
+        if (!runUntil(done)) return std::nullopt;
+        if (!error) continue;
+        // The close frame counts even if the connection was gone before the
+        // close handshake could finish.
+        if (socket.reason().code != beast::websocket::close_code::none) return static_cast<int>(socket.reason().code);
+        return -1;
+    }
+}
+
+void TestClient::failUnexpected(const protocol::Message& message)
+{
+    ADD_FAILURE() << "unexpected message: " << protocol::encode(message);
+}
+
+HttpReply httpRequest(unsigned short port, const std::string& method, const std::string& target)
+{
+    asio::io_context io;
+    beast::tcp_stream stream(io);
+    stream.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
+    stream.expires_after(receiveTimeout);
+    // Written by hand: a client library would clean up a target like /../x.
+    std::string request = method + " " + target + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n\r\n";
+    asio::write(stream.socket(), asio::buffer(request));
+    beast::flat_buffer buffer;
+    http::response_parser<http::string_body> parser;
+    parser.skip(method == "HEAD");
+    http::read(stream, buffer, parser);
+    auto& response = parser.get();
+    HttpReply reply;
+    reply.status = static_cast<int>(response.result_int());
+    reply.contentType = std::string(response[http::field::content_type]);
+    reply.contentLength = std::string(response[http::field::content_length]);
+    reply.body = response.body();
+    return reply;
+}
+
+}  // namespace tethrix::service::testing

@@ -1,0 +1,301 @@
+// The service over real sockets on 127.0.0.1: the protocol conversation,
+// several clients, cancelling, hostile frames, and files over HTTP.
+#include "service_client.h"
+#include "test_database.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+namespace tethrix::service {
+namespace {
+
+using testing::RunningService;
+using testing::TestClient;
+
+const std::string tracksUri = "content://com.tavelorix.content/tracks";
+const std::string bigUri = "content://com.tavelorix.content/big";
+
+protocol::Query query(protocol::RequestId id, const std::string& uri, std::vector<std::string> columns,
+                      std::string filter = "", std::string sort = "", int index = 0, int count = 0)
+{
+    return protocol::Query{id, uri, std::move(columns), std::move(filter), std::move(sort), index, count};
+}
+
+/// Keeps the query worker busy for a while: a scan of 400,000 rows with two
+/// LIKE patterns and a sort of what matches.
+protocol::Query slowQuery(protocol::RequestId id)
+{
+    return query(id, bigUri, {"id"}, "word LIKE '%zz%' OR word LIKE '%yy%' OR word LIKE '%xx%'", "n DESC, word", 0, 1);
+}
+
+class ServiceEndToEndTest : public ::testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        directory = new testing::TemporaryDirectory();
+        auto files = directory->path() / "files";
+        std::filesystem::create_directories(files / "covers");
+        std::ofstream(files / "covers" / "a b.png", std::ios::binary) << "\x89PNG\r\n\x1a\nfake";
+        std::ofstream(files / "notes.txt") << "hello";
+        std::ofstream(directory->path() / "secret.txt") << "secret";
+        std::filesystem::create_symlink(directory->path() / "secret.txt", files / "link.txt");
+        testing::createDatabase(directory->path() / "media.db",
+                                testing::tracksScript(1000) +
+                                    "CREATE TABLE big(id INTEGER PRIMARY KEY, word TEXT, n INTEGER);"
+                                    "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 400000)"
+                                    " INSERT INTO big SELECT i, printf('w%08x', i * 2654435761 % 4294967296),"
+                                    " i % 1000 FROM n;");
+    }
+
+    static void TearDownTestSuite()
+    {
+        delete directory;
+        directory = nullptr;
+    }
+
+    static ServiceOptions options()
+    {
+        ServiceOptions o;
+        o.database = (directory->path() / "media.db").string();
+        o.files = directory->path() / "files";
+        return o;
+    }
+
+    static testing::TemporaryDirectory* directory;
+    RunningService service{options()};
+};
+
+testing::TemporaryDirectory* ServiceEndToEndTest::directory = nullptr;
+
+TEST_F(ServiceEndToEndTest, HelloTellsTheVersionAndWhereFilesAre)
+{
+    TestClient client(service.port());
+    EXPECT_EQ(client.serverHello().version, protocol::protocolVersion);
+    EXPECT_EQ(client.serverHello().software, "tethrix-service");
+    EXPECT_EQ(client.serverHello().filesBaseUrl, "http://127.0.0.1:" + std::to_string(service.port()) + "/");
+}
+
+TEST_F(ServiceEndToEndTest, WithoutFilesNoBaseUrlIsGiven)
+{
+    ServiceOptions o = options();
+    o.files.reset();
+    RunningService bare(o);
+    TestClient client(bare.port());
+    EXPECT_EQ(client.serverHello().filesBaseUrl, "");
+    EXPECT_EQ(testing::httpRequest(bare.port(), "GET", "/notes.txt").status, 404);
+}
+
+TEST_F(ServiceEndToEndTest, QueriesAreAnsweredWithResultsOrErrors)
+{
+    TestClient client(service.port());
+    client.send(query(1, tracksUri, {"id", "title"}, "artist_id=2", "id DESC", 1, 2));
+    auto result = client.receiveAs<protocol::Result>();
+    EXPECT_EQ(result.id, 1u);
+    EXPECT_EQ(result.startIndex, 1u);
+    EXPECT_EQ(result.columns, (std::vector<protocol::Column>{{"id", protocol::ColumnType::integer},
+                                                             {"title", protocol::ColumnType::text}}));
+    EXPECT_EQ(result.rows, (std::vector<std::vector<protocol::Value>>{{std::int64_t{989}, std::string("Track 00989")},
+                                                                      {std::int64_t{982}, std::string("Track 00982")}}));
+
+    client.send(query(2, "content://com.tavelorix.content/albums", {}));
+    auto unknown = client.receiveAs<protocol::Error>();
+    EXPECT_EQ(unknown.id, std::optional<protocol::RequestId>(2));
+    EXPECT_EQ(unknown.reason, "unknown table \"albums\"");
+
+    client.send(query(3, tracksUri, {"id"}, "id = 'unterminated"));
+    auto bad = client.receiveAs<protocol::Error>();
+    EXPECT_EQ(bad.id, std::optional<protocol::RequestId>(3));
+    EXPECT_EQ(bad.reason, "filter: unterminated string");
+    EXPECT_EQ(bad.position, std::optional<std::uint64_t>(5));
+}
+
+TEST_F(ServiceEndToEndTest, ClientsAreServedSideBySide)
+{
+    std::vector<std::unique_ptr<TestClient>> clients;
+    for (int i = 0; i < 4; ++i) clients.push_back(std::make_unique<TestClient>(service.port()));
+    // Every client uses the same ids; each gets its own answers.
+    for (int i = 0; i < 4; ++i) {
+        clients[i]->send(query(1, tracksUri, {"id"}, "", "", i * 100, 1));
+        clients[i]->send(query(2, tracksUri, {"id"}, "", "", i * 100 + 1, 1));
+    }
+    for (int i = 0; i < 4; ++i) {
+        for (protocol::RequestId id : {1u, 2u}) {
+            auto result = clients[i]->receiveAs<protocol::Result>();
+            EXPECT_EQ(result.id, id);
+            ASSERT_EQ(result.rows.size(), 1u);
+            EXPECT_EQ(std::get<std::int64_t>(result.rows[0][0]), i * 100 + static_cast<int>(id));
+        }
+    }
+}
+
+TEST_F(ServiceEndToEndTest, PingIsAnsweredWhileTheDatabaseIsBusy)
+{
+    TestClient client(service.port());
+    client.send(slowQuery(1));
+    client.send(protocol::Ping{77});
+    EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 77u);
+    EXPECT_EQ(client.receiveAs<protocol::Result>().id, 1u);
+}
+
+TEST_F(ServiceEndToEndTest, CancelDropsTheAnswer)
+{
+    TestClient client(service.port());
+    client.send(slowQuery(1));                                // keeps the worker busy
+    client.send(query(2, tracksUri, {"id"}, "", "", 0, 1));  // waits behind it
+    client.send(protocol::Cancel{2});
+    client.send(protocol::Cancel{999});                       // unknown: nothing happens
+    client.send(query(3, tracksUri, {"id"}, "", "", 5, 1));
+    // Answers come in order; had query 2 been answered, it would be here.
+    EXPECT_EQ(client.receiveAs<protocol::Result>().id, 1u);
+    auto third = client.receiveAs<protocol::Result>();
+    EXPECT_EQ(third.id, 3u);
+}
+
+TEST_F(ServiceEndToEndTest, CancellingARunningQueryFreesTheWorker)
+{
+    TestClient client(service.port());
+    client.send(slowQuery(1));
+    client.send(protocol::Cancel{1});
+    client.send(query(1, tracksUri, {"id"}, "", "", 7, 1));  // the id is free again
+    auto result = client.receiveAs<protocol::Result>();
+    EXPECT_EQ(result.id, 1u);
+    ASSERT_EQ(result.rows.size(), 1u);
+    EXPECT_EQ(std::get<std::int64_t>(result.rows[0][0]), 8);  // the new query's row, not the slow one's
+}
+
+TEST_F(ServiceEndToEndTest, TakenIdsAreRefusedWithoutDisturbingTheOpenRequest)
+{
+    TestClient client(service.port());
+    client.send(slowQuery(5));
+    client.send(query(5, tracksUri, {"id"}));
+    auto refused = client.receiveAs<protocol::Error>();
+    EXPECT_EQ(refused.id, std::optional<protocol::RequestId>(5));
+    EXPECT_EQ(refused.reason, "request id 5 is already in use");
+    auto result = client.receiveAs<protocol::Result>();
+    EXPECT_EQ(result.id, 5u);
+    EXPECT_EQ(result.columns.size(), 1u);
+}
+
+TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
+{
+    TestClient client(service.port());
+    struct Case {
+        std::string frame;
+        std::optional<protocol::RequestId> id;
+        std::string reasonPart;
+    };
+    const std::vector<Case> cases = {
+        {"not json", std::nullopt, "not JSON"},
+        {R"({"type":"query","id":4,"uri":"x"})", 4, "missing \"columns\""},
+        {R"({"type":"launch"})", std::nullopt, "unknown message type"},
+        {R"({"type":"result","id":1,"startIndex":0,"columns":[],"rows":[]})", std::nullopt,
+         "unexpected message \"result\" from a client"},
+        {R"({"type":"hello","version":1})", std::nullopt, "unexpected message \"hello\""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.frame);
+        client.sendText(c.frame);
+        auto error = client.receiveAs<protocol::Error>();
+        EXPECT_EQ(error.id, c.id);
+        EXPECT_NE(error.reason.find(c.reasonPart), std::string::npos) << error.reason;
+    }
+    client.sendBinary(R"({"type":"ping","id":1})");
+    EXPECT_EQ(client.receiveAs<protocol::Error>().reason, "binary frames are not accepted; send JSON text");
+
+    client.send(protocol::Ping{9});
+    EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 9u);
+}
+
+TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAreRefused)
+{
+    TestClient client(service.port(), false);
+    client.send(query(3, tracksUri, {"id"}));
+    auto error = client.receiveAs<protocol::Error>();
+    EXPECT_EQ(error.id, std::optional<protocol::RequestId>(3));
+    EXPECT_EQ(error.reason, "hello expected first");
+    client.send(protocol::Hello{});
+    client.receiveAs<protocol::Hello>();
+    client.send(query(4, tracksUri, {"id"}, "", "", 0, 1));
+    EXPECT_EQ(client.receiveAs<protocol::Result>().id, 4u);
+}
+
+TEST_F(ServiceEndToEndTest, AnotherProtocolVersionIsRefusedAndClosed)
+{
+    TestClient client(service.port(), false);
+    client.send(protocol::Hello{2, "future", ""});
+    auto error = client.receiveAs<protocol::Error>();
+    EXPECT_EQ(error.id, std::nullopt);
+    EXPECT_EQ(error.reason, "unsupported protocol version 2; this service speaks 1");
+    EXPECT_EQ(client.awaitClose(), std::optional<int>(1002));
+}
+
+TEST_F(ServiceEndToEndTest, OversizedFramesCloseTheConnection)
+{
+    TestClient client(service.port());
+    client.sendText(std::string(protocol::maxRequestFrameBytes + 1, ' '));
+    EXPECT_EQ(client.awaitClose(), std::optional<int>(1009));
+    TestClient next(service.port());  // the service itself is fine
+    next.send(protocol::Ping{1});
+    EXPECT_EQ(next.receiveAs<protocol::Pong>().id, 1u);
+}
+
+TEST_F(ServiceEndToEndTest, RuntimeDataIsNotAvailableYet)
+{
+    TestClient client(service.port());
+    client.send(protocol::Subscribe{8, "servicedata://player"});
+    auto error = client.receiveAs<protocol::Error>();
+    EXPECT_EQ(error.id, std::optional<protocol::RequestId>(8));
+    EXPECT_EQ(error.reason, "runtime data not available");
+    client.send(protocol::Unsubscribe{8});  // nothing to end: no answer
+    client.send(protocol::Ping{1});
+    EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 1u);
+}
+
+TEST_F(ServiceEndToEndTest, StoppingTheServiceClosesConnectionsAsGoingAway)
+{
+    TestClient client(service.port());
+    service.stop();
+    EXPECT_EQ(client.awaitClose(), std::optional<int>(1001));
+}
+
+struct FileCase {
+    std::string method;
+    std::string target;
+    int status;
+    std::string contentType;
+    std::string body;
+};
+
+TEST_F(ServiceEndToEndTest, FilesAreServedFromTheDirectoryOnly)
+{
+    const std::vector<FileCase> cases = {
+        {"GET", "/covers/a%20b.png", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
+        {"GET", "/covers/a%20b.png?size=small", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
+        {"GET", "//covers/./a%20b.png", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
+        {"GET", "/notes.txt", 200, "text/plain; charset=utf-8", "hello"},
+        {"HEAD", "/notes.txt", 200, "text/plain; charset=utf-8", ""},
+        {"GET", "/missing.png", 404, "text/plain; charset=utf-8", "Not Found\n"},
+        {"GET", "/covers", 404, "text/plain; charset=utf-8", "Not Found\n"},
+        {"GET", "/../secret.txt", 403, "text/plain; charset=utf-8", "Forbidden\n"},
+        {"GET", "/covers/../../secret.txt", 403, "text/plain; charset=utf-8", "Forbidden\n"},
+        {"GET", "/%2e%2e/secret.txt", 403, "text/plain; charset=utf-8", "Forbidden\n"},
+        {"GET", "/covers%2f..%2f..%2fsecret.txt", 403, "text/plain; charset=utf-8", "Forbidden\n"},
+        {"GET", "/notes.txt%00.png", 403, "text/plain; charset=utf-8", "Forbidden\n"},
+        {"GET", "/link.txt", 403, "text/plain; charset=utf-8", "Forbidden\n"},
+        {"GET", "/bad%zz", 400, "text/plain; charset=utf-8", "Bad Request\n"},
+        {"POST", "/notes.txt", 405, "text/plain; charset=utf-8", "method not allowed\n"},
+        {"GET", "/tethrix", 426, "text/plain; charset=utf-8", "WebSocket endpoint\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.method + " " + c.target);
+        auto reply = testing::httpRequest(service.port(), c.method, c.target);
+        EXPECT_EQ(reply.status, c.status);
+        EXPECT_EQ(reply.contentType, c.contentType);
+        EXPECT_EQ(reply.body, c.body);
+    }
+    EXPECT_EQ(testing::httpRequest(service.port(), "HEAD", "/notes.txt").contentLength, "5");
+}
+
+}  // namespace
+}  // namespace tethrix::service
