@@ -297,4 +297,23 @@ void TethrixDataObjectList::progressLoadingQueue() {
     loading = contentAdapter->loadItems(signExtend(narrow32(next * blockSize)), blockSize);
 }
 
+void TethrixDataObjectList::releaseAdapters(const std::shared_ptr<DataObject>& tree) {
+    if (!tree) {
+        return;
+    }
+    if (auto list = std::dynamic_pointer_cast<TethrixDataObjectList>(tree)) {
+        for (const auto* rows : {&list->cache.getCreatedItems(), &list->cache.getUnreferencedItems(),
+                                 &list->cache.getReferencedItems()}) {
+            for (const auto& row : *rows) {
+                releaseAdapters(row.second);
+            }
+        }
+        list->contentAdapter.reset();
+    }
+    for (std::size_t i = 0; i < tree->getChildCount(); ++i) {
+        releaseAdapters(tree->getChild(i));
+    }
+    tree->removeAllChildren();
+}
+
 }  // namespace zarvo

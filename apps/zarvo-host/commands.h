@@ -27,6 +27,7 @@ void expectNoMoreArguments(const CommandLine& line);
 
 int runSnapshot(const CommandLine& line);
 int runTree(const CommandLine& line);
+int runLoad(const CommandLine& line);
 
 }  // namespace zarvo::host
 

@@ -2,6 +2,8 @@
 
 #include "service_connection.h"
 
+#include "datasource/tethrix_data_object_list.h"
+
 #include <zarvo/resource_manager.h>
 
 #include <sys/stat.h>
@@ -14,43 +16,39 @@ namespace {
 
 const char* const DATA_SOURCE_TYPE = "ZarvoTethrixDataSource";
 
+void expectFile(const std::string& path) {
+    struct stat status {};
+    if (!path.empty() && ::stat(path.c_str(), &status) != 0) {
+        throw std::runtime_error("no configuration file " + path);
+    }
+}
+
 }  // namespace
 
 HostSession::HostSession(const SourceOptions& options) : sourceOptions(options) {
-    if (!options.configFile.empty()) {
-        struct stat status {};
-        if (::stat(options.configFile.c_str(), &status) != 0) {
-            throw std::runtime_error("no configuration file " + options.configFile);
-        }
-    }
-    if (!options.serviceUrl.empty()) {
-        connectToService(hostDomain, options.serviceUrl);
-    }
+    expectFile(options.configFile);
+    engine = std::make_unique<EngineHost>(options.pluginPath, options.serviceUrl);
 
-    plugin = std::make_unique<PluginLibrary>(options.pluginPath.empty() ? PluginLibrary::defaultPath()
-                                                                        : options.pluginPath);
-    Module& module = plugin->module();
-    module.domain = &hostDomain;
-    for (const Metaclass* metaclass : module.getMetaclassesOverride()) {
-        factory.registerMetaclass(metaclass);
-    }
-    module.registerMetadataOverride(factory);
-
-    dataSource = std::dynamic_pointer_cast<DataSource>(factory.create(DATA_SOURCE_TYPE, &hostDomain, options.name));
+    dataSource = std::dynamic_pointer_cast<DataSource>(
+        engine->factory().create(DATA_SOURCE_TYPE, &engine->domain(), options.name));
     if (!dataSource) {
         throw std::runtime_error(std::string("the plug-in's ") + DATA_SOURCE_TYPE + " is no data source");
     }
     setStringProperty("ZarvoTethrixDataSource.XmlFileName", options.configFile);
     setStringProperty("ZarvoTethrixDataSource.XmlDeclaration", options.declaration);
-    hostDomain.getResourceManager()->registerResource(options.name, dataSource);
+    engine->domain().getResourceManager()->registerResource(options.name, dataSource);
     dataSource->loadFromZVB(nullptr, nullptr, nullptr);
 }
 
 HostSession::~HostSession() {
-    if (dataSource) {
-        dataSource->unloadOverride();
-        hostDomain.getResourceManager()->unregisterResource(sourceOptions.name);
+    if (!dataSource) {
+        return;
     }
+    // The lists and their adapters would keep each other alive past the end.
+    std::shared_ptr<DataObject> tree = dataSource->getData();
+    dataSource->unloadOverride();
+    TethrixDataObjectList::releaseAdapters(tree);
+    engine->domain().getResourceManager()->unregisterResource(sourceOptions.name);
 }
 
 void HostSession::setStringProperty(const std::string& propertyName, const std::string& value) {
@@ -67,7 +65,7 @@ void HostSession::settle() {
     if (sourceOptions.serviceUrl.empty()) {
         return;
     }
-    waitUntilSettled(hostDomain, sourceOptions.wait);
+    waitUntilSettled(domain(), sourceOptions.wait);
 }
 
 }  // namespace zarvo::host

@@ -1,16 +1,12 @@
-// One data source, run as the engine runs it: the plug-in loaded through
-// createModule, its metaclasses registered, the source created by its type
-// name, its two properties set, the resource loaded, and the loop running.
+// One data source, run as the engine runs it: created by its type name, its
+// two properties set, the resource registered and loaded, the loop running.
 #ifndef ZARVO_HOST_HOST_SESSION_H
 #define ZARVO_HOST_HOST_SESSION_H
 
 #include "command_line.h"
-#include "plugin_library.h"
+#include "engine_host.h"
 
 #include <zarvo/data_source.h>
-#include <zarvo/domain.h>
-#include <zarvo/message_dispatcher.h>
-#include <zarvo/module.h>
 
 #include <memory>
 
@@ -21,13 +17,13 @@ public:
     /// Loads the plug-in and the source; throws std::runtime_error or
     /// UsageError saying what is wrong.
     explicit HostSession(const SourceOptions& options);
-    /// Unloads the source.
+    /// Unloads the source and lets its tree go.
     ~HostSession();
     HostSession(const HostSession&) = delete;
     HostSession& operator=(const HostSession&) = delete;
 
-    Domain& domain() { return hostDomain; }
-    ZvuMessageDispatcher& loop() { return *hostDomain.getMessageDispatcher(); }
+    Domain& domain() { return engine->domain(); }
+    ZvuMessageDispatcher& loop() { return engine->loop(); }
     DataSource& source() { return *dataSource; }
     const SourceOptions& options() const { return sourceOptions; }
 
@@ -40,9 +36,7 @@ private:
     void setStringProperty(const std::string& propertyName, const std::string& value);
 
     SourceOptions sourceOptions;
-    Domain hostDomain;
-    ObjectFactory factory;
-    std::unique_ptr<PluginLibrary> plugin;
+    std::unique_ptr<EngineHost> engine;
     std::shared_ptr<DataSource> dataSource;
 };
 

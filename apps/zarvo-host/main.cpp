@@ -3,6 +3,8 @@
 
 #include "commands.h"
 
+#include <curl/curl.h>
+
 #include <iostream>
 #include <stdexcept>
 
@@ -38,6 +40,14 @@ const std::vector<Command>& commands() {
          "Loads the data source and, once it has settled, prints its tree under \"Root\",\n"
          "one object a line, indented, with type and value.\n",
          runTree},
+        {"load", "load one resource URL and print the texture it gives",
+         "Usage: zarvo-host load URL [--timeout-ms N] [--plugin PATH] [--service URL]\n\n"
+         "Loads the resource at URL through the engine's resource manager, with the\n"
+         "plug-in's http and https protocols registered, and prints the width, height and\n"
+         "pixel format of the texture it gives. If there is none, the log lines on\n"
+         "standard error say why and the exit status is 1. --timeout-ms bounds the wait\n"
+         "(default 30000).\n",
+         runLoad},
     };
     return all;
 }
@@ -90,6 +100,8 @@ int run(int argc, char** argv) {
 }  // namespace zarvo::host
 
 int main(int argc, char** argv) {
+    // Once per process, before any thread of the resource loader transfers.
+    curl_global_init(CURL_GLOBAL_DEFAULT);
     try {
         return zarvo::host::run(argc, argv);
     } catch (const zarvo::host::UsageError& error) {

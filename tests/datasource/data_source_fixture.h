@@ -20,39 +20,14 @@
 namespace zarvo {
 namespace test {
 
-/// A list and its adapter hold each other for as long as they live, by
-/// design; a test that made one lets go of the pairs below `object` with this,
-/// so that the leak checker sees only real leaks.
-inline void releaseListPairs(const std::shared_ptr<DataObject>& object) {
-    if (!object) {
-        return;
-    }
-    if (auto list = std::dynamic_pointer_cast<TethrixDataObjectList>(object)) {
-        const TethrixDataObjectList::Cache& cache = list->getCache();
-        for (const auto* rows : {&cache.getCreatedItems(), &cache.getUnreferencedItems(), &cache.getReferencedItems()}) {
-            for (const auto& row : *rows) {
-                releaseListPairs(row.second);
-            }
-        }
-        const std::shared_ptr<ContentAdapter> adapter = list->getContentAdapter();
-        if (adapter && adapter->getDataObject() == list) {
-            adapter->initialize(nullptr, false);
-        }
-    }
-    for (std::size_t i = 0; i < object->getChildCount(); ++i) {
-        releaseListPairs(object->getChild(i));
-    }
-    object->removeAllChildren();
-}
-
 class DataSourceFixture : public ::testing::Test {
 protected:
     void TearDown() override {
         for (const auto& source : sources) {
-            releaseListPairs(source->getData());
+            TethrixDataObjectList::releaseAdapters(source->getData());
             for (const auto& adapter : source->getAdapters()) {
-                releaseListPairs(adapter->getDataObject());
-                releaseListPairs(adapter->getItemTemplate());
+                TethrixDataObjectList::releaseAdapters(adapter->getDataObject());
+                TethrixDataObjectList::releaseAdapters(adapter->getItemTemplate());
             }
         }
         sources.clear();
