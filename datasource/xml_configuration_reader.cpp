@@ -228,8 +228,38 @@ void XmlConfigurationReader::loadFields(const XMLElement* element,
 }
 
 boost::optional<std::shared_ptr<ContentAdapterConfiguration>> XmlConfigurationReader::loadRuntimeConfiguration(
-    const XMLElement* /*element*/, std::string /*service*/) const {
-    return boost::none;
+    const XMLElement* element, std::string service) const {
+    const char* name = element->Attribute("name");
+    const char* uri = element->Attribute("uri");
+    if (name == nullptr && uri == nullptr && service.empty()) {
+        return boost::none;
+    }
+
+    auto config = std::make_shared<ContentAdapterConfiguration>();
+    // The top of the tree carries no data of its own.
+    config->runtimeData = std::make_shared<RuntimeDataObject>(nullptr, std::string(), std::string());
+    // Unlike a content source, a runtime source's name is never derived.
+    config->name = name != nullptr ? name : "noname";
+    if (uri != nullptr) {
+        config->uri = uri;  // as it stands: no scheme is added
+    }
+    if (!service.empty()) {
+        config->uri = RUNTIME_SCHEME + service;
+    }
+
+    std::shared_ptr<RuntimeDataObject> built = RuntimeDataBuilder::build(element);
+    if (!built) {
+        // The source exists, gets an adapter and subscribes, with no objects.
+        ZARVO_LOG_ERROR("tethrix", "Failed to create runtime data from xml.");
+        return config;
+    }
+    if (built->beginChildren() == built->endChildren()) {
+        return boost::none;  // an element that describes nothing is no source
+    }
+    for (auto child = built->beginChildren(); child != built->endChildren(); ++child) {
+        config->runtimeData->addChild(*child);
+    }
+    return config;
 }
 
 void XmlConfigurationReader::appendConfig(std::shared_ptr<ContentAdapterConfiguration> config,

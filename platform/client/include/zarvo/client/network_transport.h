@@ -1,0 +1,67 @@
+// The transport to a real tethrix-service: one WebSocket connection, kept on
+// an I/O thread of its own and speaking the protocol of docs/protocol.md.
+//
+//     auto context = zarvo::Context::instance(domain, nullptr);
+//     auto options = zarvo::client::parseServiceUrl("ws://127.0.0.1:8080/tethrix");
+//     zarvo::client::installTransport(*context, std::make_shared<zarvo::client::NetworkTransport>(*options));
+//
+// The connection is reported up (state 1) once the service has answered the
+// handshake, and lost (state 2) when it breaks or the first attempt fails.
+// While it is down the transport tries again, waiting longer after each
+// failure. Requests made while it is down fail at once with a reason, and
+// requests open when it breaks fail with one: the data sources start over
+// when the connection is reported up again.
+#ifndef ZARVO_CLIENT_NETWORK_TRANSPORT_H
+#define ZARVO_CLIENT_NETWORK_TRANSPORT_H
+
+#include <zarvo/client/transport.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace zarvo {
+namespace client {
+
+struct NetworkTransportOptions {
+    std::string host = "127.0.0.1";
+    unsigned short port = 0;
+    std::string path = "/tethrix";
+    /// Wait before the first attempt to reconnect; doubled after each
+    /// failure, up to maxReconnectDelay.
+    std::chrono::milliseconds firstReconnectDelay{100};
+    std::chrono::milliseconds maxReconnectDelay{5000};
+};
+
+/// Reads "ws://HOST:PORT[/PATH]" or "HOST:PORT"; empty if it is neither.
+std::optional<NetworkTransportOptions> parseServiceUrl(const std::string& url);
+
+class NetworkTransport : public Transport {
+public:
+    explicit NetworkTransport(NetworkTransportOptions options);
+    /// Detaches if that has not happened yet.
+    ~NetworkTransport() override;
+    NetworkTransport(const NetworkTransport&) = delete;
+    NetworkTransport& operator=(const NetworkTransport&) = delete;
+
+    /// Starts the I/O thread and the first connection attempt.
+    void attach(std::shared_ptr<TransportReceiver> receiver) override;
+    /// Closes the connection and joins the I/O thread.
+    void detach() override;
+
+    void sendQuery(std::uint64_t loaderId, std::uint64_t queryId, const ContentQueryArguments& arguments) override;
+    void cancelQuery(std::uint64_t queryId) override;
+    void subscribeRuntimeData(std::uint64_t loaderId, std::uint64_t subscriptionId, const std::string& uri) override;
+    void unsubscribe(std::uint64_t subscriptionId) override;
+
+private:
+    class Link;
+    NetworkTransportOptions options;
+    std::shared_ptr<Link> link;
+};
+
+}  // namespace client
+}  // namespace zarvo
+
+#endif

@@ -1,0 +1,428 @@
+#include <zarvo/client/network_transport.h>
+
+#include <tethrix/protocol/codec.h>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/websocket.hpp>
+
+#include <algorithm>
+#include <charconv>
+#include <deque>
+#include <set>
+#include <thread>
+
+namespace zarvo {
+namespace client {
+
+namespace asio = boost::asio;
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+namespace protocol = tethrix::protocol;
+using tcp = asio::ip::tcp;
+
+namespace {
+
+constexpr std::chrono::seconds handshakeTimeout{10};
+/// Without any frame for this long (pings included, which the stream sends
+/// at half of it) the connection counts as broken.
+constexpr std::chrono::seconds idleTimeout{20};
+constexpr std::chrono::seconds closeTimeout{1};
+
+QueryResult toQueryResult(protocol::Result&& result) {
+    QueryResult converted;
+    converted.startIndex = static_cast<std::size_t>(result.startIndex);
+    for (const auto& column : result.columns) {
+        converted.columns.push_back({column.name, static_cast<ContentDataType>(static_cast<int>(column.type))});
+    }
+    converted.cells.reserve(result.rows.size() * result.columns.size());
+    for (auto& row : result.rows) {
+        for (auto& cell : row) {
+            // The client's value types: int and float, as ContentResult holds them.
+            if (auto* i = std::get_if<std::int64_t>(&cell)) {
+                converted.cells.emplace_back(static_cast<int>(*i));
+            } else if (auto* d = std::get_if<double>(&cell)) {
+                converted.cells.emplace_back(static_cast<float>(*d));
+            } else if (auto* b = std::get_if<bool>(&cell)) {
+                converted.cells.emplace_back(*b);
+            } else {
+                converted.cells.emplace_back(std::move(std::get<std::string>(cell)));
+            }
+        }
+    }
+    return converted;
+}
+
+}  // namespace
+
+std::optional<NetworkTransportOptions> parseServiceUrl(const std::string& url) {
+    std::string rest = url;
+    const std::string scheme = "ws://";
+    if (rest.compare(0, scheme.size(), scheme) == 0) {
+        rest = rest.substr(scheme.size());
+    }
+    NetworkTransportOptions options;
+    auto slash = rest.find('/');
+    if (slash != std::string::npos) {
+        options.path = rest.substr(slash);
+        rest = rest.substr(0, slash);
+    }
+    auto colon = rest.rfind(':');
+    if (colon == std::string::npos || colon == 0) {
+        return std::nullopt;
+    }
+    options.host = rest.substr(0, colon);
+    if (options.host.size() > 2 && options.host.front() == '[' && options.host.back() == ']') {
+        options.host = options.host.substr(1, options.host.size() - 2);
+    }
+    unsigned port = 0;
+    const char* begin = rest.data() + colon + 1;
+    const char* end = rest.data() + rest.size();
+    auto parsed = std::from_chars(begin, end, port);
+    if (parsed.ec != std::errc() || parsed.ptr != end || port == 0 || port > 65535) {
+        return std::nullopt;
+    }
+    options.port = static_cast<unsigned short>(port);
+    return options;
+}
+
+/// Everything that happens on the I/O thread. Public operations only post
+/// work to it; all members below are touched on that thread alone.
+class NetworkTransport::Link : public std::enable_shared_from_this<Link> {
+public:
+    explicit Link(NetworkTransportOptions options)
+        : options(std::move(options)), work(asio::make_work_guard(io)), resolver(io), retryTimer(io),
+          reconnectDelay(this->options.firstReconnectDelay) {}
+
+    void start(std::shared_ptr<TransportReceiver> newReceiver) {
+        receiver = std::move(newReceiver);
+        thread = std::thread([this] { io.run(); });
+        post([](Link& link) { link.connect(); });
+    }
+
+    /// Ends every operation so that the thread runs out of work and ends.
+    void stop() {
+        post([](Link& link) { link.shutDown(); });
+        if (thread.joinable()) {
+            thread.join();
+        }
+    }
+
+    template <typename Work>
+    void post(Work work) {
+        asio::post(io, [self = shared_from_this(), work = std::move(work)]() mutable { work(*self); });
+    }
+
+    void sendQuery(std::uint64_t id, protocol::Query query) {
+        if (!up) {
+            return receiver->onQueryError(id, "not connected to the service");
+        }
+        openQueries.insert(id);
+        send(protocol::encode(query));
+    }
+
+    void cancelQuery(std::uint64_t id) {
+        if (openQueries.erase(id) != 0 && up) {
+            send(protocol::encode(protocol::Cancel{id}));
+        }
+    }
+
+    void subscribe(std::uint64_t id, const std::string& uri) {
+        if (!up) {
+            return receiver->onSubscriptionError(id, "not connected to the service");
+        }
+        subscriptions.insert(id);
+        send(protocol::encode(protocol::Subscribe{id, uri}));
+    }
+
+    void unsubscribe(std::uint64_t id) {
+        if (subscriptions.erase(id) != 0 && up) {
+            send(protocol::encode(protocol::Unsubscribe{id}));
+        }
+    }
+
+private:
+    /// One connection attempt and what belongs to it alone. Every
+    /// completion holds its attempt, so that an attempt that was given up
+    /// lives until its last operation is done.
+    struct Attempt {
+        explicit Attempt(asio::io_context& io) : socket(io) {}
+        websocket::stream<beast::tcp_stream> socket;
+        beast::flat_buffer buffer;
+        std::deque<std::string> outbox;
+        bool writing = false;
+    };
+
+    void connect() {
+        if (stopping) {
+            return;
+        }
+        current = std::make_shared<Attempt>(io);
+        resolver.async_resolve(options.host, std::to_string(options.port),
+                               [self = shared_from_this(), attempt = current](beast::error_code error,
+                                                                            tcp::resolver::results_type found) {
+                                   if (self->isCurrent(attempt, error)) {
+                                       self->onResolved(found);
+                                   }
+                               });
+    }
+
+    /// Whether a completion still belongs to the live attempt; fails the
+    /// attempt on an error.
+    bool isCurrent(const std::shared_ptr<Attempt>& attempt, const beast::error_code& error) {
+        if (stopping || attempt != current) {
+            return false;
+        }
+        if (error) {
+            fail();
+            return false;
+        }
+        return true;
+    }
+
+    void onResolved(const tcp::resolver::results_type& found) {
+        beast::get_lowest_layer(current->socket).expires_after(handshakeTimeout);
+        beast::get_lowest_layer(current->socket).async_connect(
+            found, [self = shared_from_this(), attempt = current](beast::error_code error, const tcp::endpoint&) {
+                if (self->isCurrent(attempt, error)) {
+                    self->onConnected();
+                }
+            });
+    }
+
+    void onConnected() {
+        beast::get_lowest_layer(current->socket).expires_never();
+        websocket::stream_base::timeout timeouts{};
+        timeouts.handshake_timeout = handshakeTimeout;
+        timeouts.idle_timeout = idleTimeout;
+        timeouts.keep_alive_pings = true;
+        current->socket.set_option(timeouts);
+        current->socket.read_message_max(protocol::maxResultFrameBytes);
+        current->socket.async_handshake(options.host + ":" + std::to_string(options.port), options.path,
+                                [self = shared_from_this(), attempt = current](beast::error_code error) {
+                                    if (self->isCurrent(attempt, error)) {
+                                        self->onHandshake();
+                                    }
+                                });
+    }
+
+    void onHandshake() {
+        current->socket.text(true);
+        send(protocol::encode(protocol::Hello{protocol::protocolVersion, "zarvo client library", ""}));
+        read();
+    }
+
+    void read() {
+        current->buffer.consume(current->buffer.size());
+        current->socket.async_read(current->buffer, [self = shared_from_this(), attempt = current](beast::error_code error,
+                                                                                      std::size_t) {
+            if (self->isCurrent(attempt, error)) {
+                self->onFrame();
+            }
+        });
+    }
+
+    void onFrame() {
+        auto data = current->buffer.cdata();
+        protocol::Decoded decoded = protocol::decode(
+            std::string_view(static_cast<const char*>(data.data()), data.size()), protocol::maxResultFrameBytes);
+        if (decoded) {
+            handle(std::move(*decoded.message));
+        } else if (decoded.error.id) {
+            failRequest(*decoded.error.id, "unreadable answer: " + decoded.error.reason);
+        }
+        if (current) {
+            read();
+        }
+    }
+
+    void handle(protocol::Message&& message) {
+        if (auto* hello = std::get_if<protocol::Hello>(&message)) {
+            return onHello(*hello);
+        }
+        if (auto* result = std::get_if<protocol::Result>(&message)) {
+            if (openQueries.erase(result->id) != 0) {
+                receiver->onQueryResult(result->id, toQueryResult(std::move(*result)));
+            }
+            return;
+        }
+        if (auto* error = std::get_if<protocol::Error>(&message)) {
+            if (error->id) {
+                failRequest(*error->id, error->reason);
+            }
+            return;
+        }
+        if (auto* update = std::get_if<protocol::Update>(&message)) {
+            if (subscriptions.count(update->id) != 0) {
+                receiver->onRuntimeUpdate(update->id, std::move(update->address), std::move(update->data));
+            }
+        }
+    }
+
+    void onHello(const protocol::Hello& hello) {
+        if (up || hello.version != protocol::protocolVersion) {
+            return;
+        }
+        up = true;
+        reportedLost = false;
+        reconnectDelay = options.firstReconnectDelay;
+        receiver->onResourceBaseUrl(hello.filesBaseUrl);
+        receiver->onConnectionState(Connection::StateConnected);
+    }
+
+    void failRequest(std::uint64_t id, const std::string& reason) {
+        if (openQueries.erase(id) != 0) {
+            receiver->onQueryError(id, reason);
+        } else if (subscriptions.erase(id) != 0) {
+            receiver->onSubscriptionError(id, reason);
+        }
+    }
+
+    void send(std::string frame) {
+        current->outbox.push_back(std::move(frame));
+        if (!current->writing) {
+            writeNext();
+        }
+    }
+
+    void writeNext() {
+        if (current->outbox.empty()) {
+            current->writing = false;
+            return;
+        }
+        current->writing = true;
+        current->socket.async_write(asio::buffer(current->outbox.front()),
+                            [self = shared_from_this(), attempt = current](beast::error_code error, std::size_t) {
+                                if (!self->isCurrent(attempt, error)) {
+                                    return;
+                                }
+                                attempt->outbox.pop_front();
+                                self->writeNext();
+                            });
+    }
+
+    /// The connection broke or could not be made: everything open fails,
+    /// the loss is reported once, and a new attempt follows after a while.
+    void fail() {
+        dropConnection();
+        bool wasUp = up;
+        up = false;
+        for (auto id : std::exchange(openQueries, {})) {
+            receiver->onQueryError(id, "connection to the service lost");
+        }
+        for (auto id : std::exchange(subscriptions, {})) {
+            receiver->onSubscriptionError(id, "connection to the service lost");
+        }
+        if (wasUp || !reportedLost) {
+            reportedLost = true;
+            receiver->onConnectionState(Connection::StateLost);
+        }
+        retryTimer.expires_after(reconnectDelay);
+        reconnectDelay = std::min(reconnectDelay * 2, options.maxReconnectDelay);
+        retryTimer.async_wait([self = shared_from_this()](beast::error_code error) {
+            if (!error && !self->stopping) {
+                self->connect();
+            }
+        });
+    }
+
+    void dropConnection() {
+        resolver.cancel();
+        if (!current) {
+            return;
+        }
+        beast::error_code ignored;
+        beast::get_lowest_layer(current->socket).socket().close(ignored);
+        current.reset();
+    }
+
+    void shutDown() {
+        stopping = true;
+        retryTimer.cancel();
+        resolver.cancel();
+        work.reset();
+        if (!current || !up) {
+            dropConnection();
+            return;
+        }
+        // A polite close, bounded in time; the service then ends the session
+        // at once instead of finding a broken connection.
+        beast::get_lowest_layer(current->socket).expires_after(closeTimeout);
+        current->socket.async_close(websocket::close_code::going_away,
+                            [self = shared_from_this(), attempt = current](beast::error_code) {
+                                if (attempt == self->current) {
+                                    self->dropConnection();
+                                }
+                            });
+    }
+
+    NetworkTransportOptions options;
+    asio::io_context io;
+    asio::executor_work_guard<asio::io_context::executor_type> work;
+    tcp::resolver resolver;
+    asio::steady_timer retryTimer;
+    std::thread thread;
+    std::shared_ptr<TransportReceiver> receiver;
+
+    std::shared_ptr<Attempt> current;
+    bool up = false;
+    bool reportedLost = false;
+    bool stopping = false;
+    std::chrono::milliseconds reconnectDelay;
+    std::set<std::uint64_t> openQueries;
+    std::set<std::uint64_t> subscriptions;
+};
+
+NetworkTransport::NetworkTransport(NetworkTransportOptions options) : options(std::move(options)) {}
+
+NetworkTransport::~NetworkTransport() {
+    detach();
+}
+
+void NetworkTransport::attach(std::shared_ptr<TransportReceiver> receiver) {
+    detach();
+    link = std::make_shared<Link>(options);
+    link->start(std::move(receiver));
+}
+
+void NetworkTransport::detach() {
+    if (!link) {
+        return;
+    }
+    link->stop();
+    link.reset();
+}
+
+void NetworkTransport::sendQuery(std::uint64_t, std::uint64_t queryId, const ContentQueryArguments& arguments) {
+    if (!link) {
+        return;
+    }
+    protocol::Query query{queryId,           arguments.getUri(),   arguments.getColumns(), arguments.getFilter(),
+                          arguments.getSort(), arguments.getIndex(), arguments.getCount()};
+    link->post([queryId, query = std::move(query)](Link& l) mutable { l.sendQuery(queryId, std::move(query)); });
+}
+
+void NetworkTransport::cancelQuery(std::uint64_t queryId) {
+    if (link) {
+        link->post([queryId](Link& l) { l.cancelQuery(queryId); });
+    }
+}
+
+void NetworkTransport::subscribeRuntimeData(std::uint64_t, std::uint64_t subscriptionId, const std::string& uri) {
+    if (link) {
+        link->post([subscriptionId, uri](Link& l) { l.subscribe(subscriptionId, uri); });
+    }
+}
+
+void NetworkTransport::unsubscribe(std::uint64_t subscriptionId) {
+    if (link) {
+        link->post([subscriptionId](Link& l) { l.unsubscribe(subscriptionId); });
+    }
+}
+
+}  // namespace client
+}  // namespace zarvo
