@@ -1,5 +1,6 @@
 #include <tethrix/protocol/codec.h>
 
+#include "json_reader.h"
 #include "json_writer.h"
 
 #include <boost/json.hpp>
@@ -456,13 +457,9 @@ private:
 
 json::value parseJson(std::string_view frame)
 {
-    json::parse_options options;
-    options.max_depth = maxJsonDepth;
-    json::parser parser(json::storage_ptr(), options);
-    boost::system::error_code ec;
-    std::size_t consumed = parser.write(frame.data(), frame.size(), ec);
-    if (ec) fail("not JSON: " + ec.message() + " at byte " + std::to_string(consumed));
-    return parser.release();
+    JsonReadResult read = readJson(frame, maxJsonDepth);
+    if (!read.error.empty()) fail(read.error);
+    return std::move(read.value);
 }
 
 Decoded decodeFrame(std::string_view frame, std::size_t maxBytes)

@@ -1,0 +1,229 @@
+// The client library's network transport against a real tethrix-service on
+// 127.0.0.1: the handshake, a query answered with typed values on the loop,
+// the file base URL, and reconnecting after the service went away.
+#include "service.h"
+
+#include <zarvo/client.h>
+#include <zarvo/client/network_transport.h>
+#include <zarvo/content_loader.h>
+#include <zarvo/testkit/test_host.h>
+
+#include <boost/any.hpp>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <thread>
+#include <unistd.h>
+
+namespace zarvo {
+namespace {
+
+namespace service = tethrix::service;
+
+/// The service on a thread of its own, with a small database.
+class ServiceRunner {
+public:
+    explicit ServiceRunner(const std::filesystem::path& directory, unsigned short port = 0)
+    {
+        service::ServiceOptions options;
+        options.database = (directory / "media.db").string();
+        options.files = directory;
+        options.port = port;
+        running = std::make_unique<service::Service>(options);
+        boundPort = running->endpoint().port();
+        thread = std::thread([this] { running->run(); });
+    }
+    ~ServiceRunner()
+    {
+        running->stop();
+        thread.join();
+    }
+    unsigned short port() const { return boundPort; }
+
+private:
+    std::unique_ptr<service::Service> running;
+    unsigned short boundPort = 0;
+    std::thread thread;
+};
+
+class Recorder : public ContentLoader::Observer {
+public:
+    void onContentLoaded(ContentLoader*, ContentResult* result) override
+    {
+        onLoop = onLoop && std::this_thread::get_id() == loopThread;
+        result->setRowIndex(0);
+        startIndex = result->getStartIndex();
+        rows = result->getRowCount();
+        values.clear();
+        for (std::size_t c = 0; c < result->getColumnCount(); ++c) values.push_back(result->getValueAny(c));
+        ++loaded;
+    }
+    void onContentInvalidated(ContentLoader*) override {}
+    void onRuntimeDataUpdateReceived(ContentLoader*, const std::string&, const std::string&) override {}
+
+    std::thread::id loopThread = std::this_thread::get_id();
+    bool onLoop = true;
+    int loaded = 0;
+    std::size_t startIndex = 0;
+    std::size_t rows = 0;
+    std::vector<boost::any> values;
+};
+
+class NetworkTransportTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        directory = std::filesystem::temp_directory_path() /
+                    ("tethrix-transport-" + std::to_string(::getpid()) + "-" +
+                     ::testing::UnitTest::GetInstance()->current_test_info()->name());
+        std::filesystem::create_directories(directory);
+        auto database = service::SqliteDatabase::openReadWrite((directory / "media.db").string());
+        database.execute("CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT, duration REAL, favourite BOOL);"
+                         "INSERT INTO tracks VALUES (1, 'Blue Hour', 215.5, 1), (2, 'Cold Light', 187, 0);");
+        context = Context::instance(host.domain(), nullptr);
+        client = context->getClient();
+        token = client->getConnection()->addStateSubscription([this](Connection::State state) {
+            states.push_back(static_cast<int>(state));
+        });
+    }
+
+    void TearDown() override
+    {
+        client->getConnection()->removeStateSubscription(token);
+        client::installTransport(*context, nullptr);
+        std::filesystem::remove_all(directory);
+    }
+
+    void connectTo(unsigned short port)
+    {
+        client::NetworkTransportOptions options;
+        options.port = port;
+        options.firstReconnectDelay = std::chrono::milliseconds(20);
+        options.maxReconnectDelay = std::chrono::milliseconds(100);
+        client::installTransport(*context, std::make_shared<client::NetworkTransport>(options));
+    }
+
+    /// Runs the loop until `done`; the network works on its own thread, so
+    /// this waits for it, within a bound that only a fault reaches.
+    template <typename Predicate>
+    bool pumpUntil(Predicate done)
+    {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (!done()) {
+            if (std::chrono::steady_clock::now() > deadline) return false;
+            host.runUntilIdle();
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        return true;
+    }
+
+    bool reachesState(int state)
+    {
+        return pumpUntil([&] { return !states.empty() && states.back() == state; });
+    }
+
+    std::shared_ptr<DefaultContentLoader> makeLoader(Recorder& recorder)
+    {
+        auto loader =
+            std::make_shared<DefaultContentLoader>(client.get(), client->getConnection()->getMessageDispatcher());
+        loader->addObserver(&recorder);
+        return loader;
+    }
+
+    std::shared_ptr<ContentQueryArguments> tracksQuery(int index)
+    {
+        return std::make_shared<ContentQueryArguments>("content://com.tavelorix.content/tracks",
+                                                       std::vector<std::string>{"id", "title", "duration", "favourite"},
+                                                       "", index, 1, "id");
+    }
+
+    std::filesystem::path directory;
+    testkit::TestHost host;
+    std::shared_ptr<Context> context;
+    std::shared_ptr<Client> client;
+    std::shared_ptr<void> token;
+    std::vector<int> states;
+};
+
+TEST_F(NetworkTransportTest, QueriesAreAnsweredOnTheLoopWithTheClientsValueTypes)
+{
+    ServiceRunner running(directory);
+    connectTo(running.port());
+    ASSERT_TRUE(reachesState(Connection::StateConnected));
+    EXPECT_EQ(client->resolveResourceUrl("covers/a.png", 1),
+              "http://127.0.0.1:" + std::to_string(running.port()) + "/covers/a.png");
+
+    Recorder recorder;
+    auto loader = makeLoader(recorder);
+    loader->load(tracksQuery(1));
+    ASSERT_TRUE(pumpUntil([&] { return recorder.loaded == 1; }));
+    EXPECT_TRUE(recorder.onLoop);
+    EXPECT_EQ(recorder.startIndex, 1u);
+    ASSERT_EQ(recorder.rows, 1u);
+    ASSERT_EQ(recorder.values.size(), 4u);
+    EXPECT_EQ(boost::any_cast<int>(recorder.values[0]), 2);
+    EXPECT_EQ(boost::any_cast<std::string>(recorder.values[1]), "Cold Light");
+    EXPECT_EQ(boost::any_cast<float>(recorder.values[2]), 187.0f);
+    EXPECT_EQ(boost::any_cast<bool>(recorder.values[3]), false);
+    loader->removeObserver(&recorder);
+}
+
+TEST_F(NetworkTransportTest, ALostServiceIsReportedAndReconnectedTo)
+{
+    unsigned short port = 0;
+    {
+        ServiceRunner running(directory);
+        port = running.port();
+        connectTo(port);
+        ASSERT_TRUE(reachesState(Connection::StateConnected));
+    }
+    ASSERT_TRUE(reachesState(Connection::StateLost));
+
+    ServiceRunner again(directory, port);
+    ASSERT_TRUE(reachesState(Connection::StateConnected));
+    // Lost is told once, however many attempts failed meanwhile.
+    EXPECT_EQ(states, (std::vector<int>{1, 2, 1}));
+
+    Recorder recorder;
+    auto loader = makeLoader(recorder);
+    loader->load(tracksQuery(0));
+    ASSERT_TRUE(pumpUntil([&] { return recorder.loaded == 1; }));
+    EXPECT_EQ(boost::any_cast<std::string>(recorder.values[1]), "Blue Hour");
+    loader->removeObserver(&recorder);
+}
+
+TEST_F(NetworkTransportTest, NoServiceAtFirstIsALostConnection)
+{
+    unsigned short port = 0;
+    {
+        ServiceRunner probe(directory);  // a port that is free again once it stops
+        port = probe.port();
+    }
+    connectTo(port);
+    ASSERT_TRUE(reachesState(Connection::StateLost));
+    ServiceRunner running(directory, port);
+    ASSERT_TRUE(reachesState(Connection::StateConnected));
+    EXPECT_EQ(states, (std::vector<int>{2, 1}));
+}
+
+TEST_F(NetworkTransportTest, ServiceUrlsAreRead)
+{
+    auto full = client::parseServiceUrl("ws://example.org:8080/tethrix");
+    ASSERT_TRUE(full);
+    EXPECT_EQ(full->host, "example.org");
+    EXPECT_EQ(full->port, 8080);
+    EXPECT_EQ(full->path, "/tethrix");
+    auto shortForm = client::parseServiceUrl("127.0.0.1:9000");
+    ASSERT_TRUE(shortForm);
+    EXPECT_EQ(shortForm->path, "/tethrix");
+    auto v6 = client::parseServiceUrl("ws://[::1]:9000/");
+    ASSERT_TRUE(v6);
+    EXPECT_EQ(v6->host, "::1");
+    for (const char* bad : {"", "ws://host", "host:", "host:0", "host:70000", "host:80x", ":80"}) {
+        EXPECT_FALSE(client::parseServiceUrl(bad)) << bad;
+    }
+}
+
+}  // namespace
+}  // namespace zarvo
