@@ -1,6 +1,7 @@
 #include "datasource/tethrix_data_object_list.h"
 
 #include "datasource/content_adapter.h"
+#include "datasource/tethrix_runtime_data_object_list.h"
 
 #include <boost/lexical_cast.hpp>
 
@@ -309,6 +310,9 @@ void TethrixDataObjectList::releaseAdapters(const std::shared_ptr<DataObject>& t
             }
         }
         list->contentAdapter.reset();
+    }
+    if (auto runtimeList = std::dynamic_pointer_cast<TethrixRuntimeDataObjectList>(tree)) {
+        runtimeList->releaseRuntimeList();
     }
     for (std::size_t i = 0; i < tree->getChildCount(); ++i) {
         releaseAdapters(tree->getChild(i));

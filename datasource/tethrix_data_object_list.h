@@ -106,8 +106,9 @@ public:
 
     /// For an owner that throws a whole tree away, such as a host at exit: a
     /// list and its adapter hold each other for as long as they live, so the
-    /// pairs below `tree` are let go here, and the tree's objects lose their
-    /// children. Nothing of the data source calls this.
+    /// pairs below `tree` are let go here, runtime lists included, and the
+    /// tree's objects lose their children. Nothing of the data source calls
+    /// this.
     static void releaseAdapters(const std::shared_ptr<DataObject>& tree);
     bool isLoading() const { return loading; }
     const std::set<std::uint64_t>& getLoadingQueue() const { return loadingQueue; }

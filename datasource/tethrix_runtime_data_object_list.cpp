@@ -1,6 +1,7 @@
 #include "datasource/tethrix_runtime_data_object_list.h"
 
 #include "datasource/content_adapter.h"
+#include "datasource/tethrix_data_object_list.h"
 
 #include <zarvo/log.h>
 
@@ -60,6 +61,17 @@ std::shared_ptr<DataObject> TethrixRuntimeDataObjectList::getItemTemplate() {
             ContentAdapter::createDataObjectRecursively(rowTemplate, nullptr, getDomain(), contentAdapter);
     }
     return runtimeList->itemTemplateDataObject;
+}
+
+void TethrixRuntimeDataObjectList::releaseRuntimeList() {
+    // The template's mirror is in no tree, and its lists hold the adapter.
+    if (runtimeList) {
+        TethrixDataObjectList::releaseAdapters(runtimeList->itemTemplateDataObject);
+    }
+    // The runtime list keeps its link to this list; with these two gone,
+    // nothing leads back from here, and the ring is open.
+    runtimeList.reset();
+    contentAdapter.reset();
 }
 
 }  // namespace zarvo

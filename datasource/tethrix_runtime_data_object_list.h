@@ -29,6 +29,12 @@ public:
     /// the runtime list; "empty" if it has none.
     std::shared_ptr<DataObject> getItemTemplate() override;
 
+    /// For an owner that throws a whole tree away (see
+    /// TethrixDataObjectList::releaseAdapters): the list, its adapter and the
+    /// runtime list, whose bound data object is this list, hold each other;
+    /// this lets go of both. The list has no rows afterwards.
+    void releaseRuntimeList();
+
 private:
     std::shared_ptr<DataObject> emptyItem;
     std::shared_ptr<RuntimeDataObjectList> runtimeList;

@@ -1,7 +1,8 @@
 #include <tethrix/protocol/codec.h>
 
 #include "json_reader.h"
-#include "json_writer.h"
+
+#include <tethrix/protocol/json_writer.h>
 
 #include <boost/json.hpp>
 

@@ -1,6 +1,6 @@
 #include "json_reader.h"
 
-#include "json_writer.h"
+#include <tethrix/protocol/json_writer.h>
 
 #include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/value_stack.hpp>

@@ -1,4 +1,4 @@
-#include "json_writer.h"
+#include <tethrix/protocol/json_writer.h>
 
 #include <array>
 #include <charconv>
@@ -163,6 +163,12 @@ void JsonWriter::real(double number)
     }
     separate();
     appendNumber(out, number);
+}
+
+void JsonWriter::number(std::string_view text)
+{
+    separate();
+    out += text;
 }
 
 void JsonWriter::boolean(bool value)

@@ -1,5 +1,6 @@
 #include "http_session.h"
 
+#include "runtime_endpoint.h"
 #include "websocket_session.h"
 
 #include <tethrix/protocol/messages.h>
@@ -18,8 +19,9 @@ namespace {
 /// An idle or slow HTTP client is dropped after this; WebSocket sessions
 /// have their own timeouts.
 constexpr std::chrono::seconds requestTimeout{30};
-/// Requests for files carry no body worth the name.
-constexpr std::uint64_t maxRequestBody = 64 * 1024;
+/// Requests for files carry no body; update text is published in one, up
+/// to the size of a protocol frame.
+constexpr std::uint64_t maxRequestBody = protocol::maxRequestFrameBytes;
 
 std::string_view pathOf(std::string_view target)
 {
@@ -49,6 +51,7 @@ void HttpSession::readRequest()
 void HttpSession::onRead(beast::error_code error, std::size_t)
 {
     if (error == http::error::end_of_stream) return close();
+    if (error == http::error::body_limit) return refuseBody();
     if (error) return;  // timeout, reset or garbage: drop the connection
     HttpRequest request = parser->release();
 
@@ -61,11 +64,24 @@ void HttpSession::onRead(beast::error_code error, std::size_t)
                                   beast::bind_front_handler(&HttpSession::onWrite, shared_from_this(), false));
     }
     bool keepAlive = request.keep_alive();
-    auto response = pathOf(request.target()) == protocol::webSocketPath
+    const std::string_view path = pathOf(request.target());
+    auto response = path == protocol::webSocketPath
                         ? textResponse(request, http::status::upgrade_required, "WebSocket endpoint")
-                        : context.files.respond(request);
+                    : isRuntimePath(path) ? respondRuntime(request, path, context.runtimeData)
+                                          : context.files.respond(request);
     beast::async_write(stream, std::move(response),
                        beast::bind_front_handler(&HttpSession::onWrite, shared_from_this(), keepAlive));
+}
+
+void HttpSession::refuseBody()
+{
+    // The rest of the body is still on its way: answer and close.
+    HttpRequest request = parser->release();
+    request.keep_alive(false);
+    auto response = textResponse(request, http::status::payload_too_large,
+                                 "request body larger than " + std::to_string(maxRequestBody) + " bytes");
+    beast::async_write(stream, std::move(response),
+                       beast::bind_front_handler(&HttpSession::onWrite, shared_from_this(), false));
 }
 
 void HttpSession::upgrade(HttpRequest request)

@@ -1,6 +1,7 @@
-// A fresh TCP connection: plain HTTP requests for files, until a request
-// asks for the WebSocket upgrade on the protocol's path, which hands the
-// connection over to a WebSocketSession.
+// A fresh TCP connection: plain HTTP requests for files and runtime data
+// (runtime_endpoint.h), until a request asks for the WebSocket upgrade on
+// the protocol's path, which hands the connection over to a
+// WebSocketSession.
 #ifndef TETHRIX_SERVICE_HTTP_SESSION_H
 #define TETHRIX_SERVICE_HTTP_SESSION_H
 
@@ -23,6 +24,7 @@ public:
 private:
     void readRequest();
     void onRead(boost::beast::error_code error, std::size_t bytes);
+    void refuseBody();
     void upgrade(HttpRequest request);
     void onWrite(bool keepAlive, boost::beast::error_code error, std::size_t bytes);
     void close();

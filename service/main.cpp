@@ -1,5 +1,7 @@
-// tethrix-service: content from an SQLite database, files over HTTP.
+// tethrix-service: content from an SQLite database, runtime data, files
+// over HTTP; and its publish command.
 #include "options.h"
+#include "publish_command.h"
 #include "service.h"
 
 #include <boost/asio/signal_set.hpp>
@@ -12,8 +14,13 @@
 int main(int argc, char** argv)
 {
     using namespace tethrix::service;
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    if (!arguments.empty() && arguments.front() == "publish") {
+        return runPublishCommand(std::vector<std::string>(arguments.begin() + 1, arguments.end()), std::cout,
+                                 std::cerr);
+    }
     try {
-        CommandLine line = parseCommandLine(std::vector<std::string>(argv + 1, argv + argc));
+        CommandLine line = parseCommandLine(arguments);
         if (line.help) {
             std::cout << usage();
             return 0;

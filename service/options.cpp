@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include "publish_command.h"
+
 #include <charconv>
 #include <filesystem>
 #include <stdexcept>
@@ -71,6 +73,10 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
             options.files = value();
         } else if (name == "--authority") {
             options.authority = value();
+        } else if (name == "--runtime") {
+            options.runtimeFiles.push_back(value());
+        } else if (name == "--simulate") {
+            options.simulate.push_back(value());
         } else if (name == "--log-queries") {
             flag();
             options.logQueries = true;
@@ -84,10 +90,11 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
 
 std::string usage()
 {
-    return "usage: tethrix-service --db FILE [options]\n"
+    return std::string("usage: tethrix-service --db FILE [options]\n"
            "\n"
            "Serves the tables of an SQLite database as content://<authority>/<table>\n"
-           "over WebSocket (path /tethrix), and files over HTTP on the same port.\n"
+           "and runtime data trees as servicedata://<name> over WebSocket (path\n"
+           "/tethrix), and files and runtime data over HTTP on the same port.\n"
            "\n"
            "  --db FILE          the SQLite database, opened read-only (required)\n"
            "  --port N           port to listen on; 0 picks a free one (default 0)\n"
@@ -95,9 +102,17 @@ std::string usage()
            "  --files DIR        serve the files under DIR over HTTP\n"
            "  --authority NAME   the content authority served (default com.tavelorix.content)\n"
            "  --log-queries      one line per query on standard error\n"
+           "  --runtime FILE     publish the runtime data trees of FILE (repeatable)\n"
+           "  --simulate NAME    let a simulated player drive the tree NAME (repeatable)\n"
            "  --help             this text\n"
            "\n"
-           "Prints \"listening on ADDRESS:PORT\" once ready. Stops on SIGINT or SIGTERM.\n";
+           "Prints \"listening on ADDRESS:PORT\" once ready. Stops on SIGINT or SIGTERM.\n"
+           "\n") +
+           publishUsage +
+           "\n"
+           "\n"
+           "Publishes update text (or that of FILE; @- reads standard input) to the\n"
+           "runtime data tree NAME of the service at URL (http://HOST:PORT or HOST:PORT).\n";
 }
 
 }  // namespace tethrix::service

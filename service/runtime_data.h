@@ -1,8 +1,8 @@
 // Runtime data: trees of typed values per service name that the service
-// keeps current and pushes to subscribers. Sessions talk to it through this
-// interface only, so that a real provider can replace the placeholder
-// without touching the network code. Everything here runs on the network
-// thread.
+// keeps current and pushes to subscribers. Sessions, WebSocket and HTTP
+// alike, talk to it through this interface only, so that another provider
+// can replace the trees loaded from files without touching the network
+// code. Everything here runs on the network thread.
 #ifndef TETHRIX_SERVICE_RUNTIME_DATA_H
 #define TETHRIX_SERVICE_RUNTIME_DATA_H
 
@@ -10,6 +10,7 @@
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace tethrix::service {
 
@@ -20,6 +21,14 @@ public:
 
 protected:
     ~RuntimeDataSubscriber() = default;
+};
+
+/// What became of a published update.
+struct PublishOutcome {
+    enum class Status { published, unknownName, refused };
+    Status status = Status::published;
+    /// One line: who got it, or why nobody did.
+    std::string message;
 };
 
 class RuntimeData {
@@ -34,17 +43,13 @@ public:
     virtual void unsubscribe(RuntimeDataSubscriber& subscriber, protocol::RequestId id) = 0;
     /// The subscriber goes away; nothing may be delivered to it afterwards.
     virtual void unsubscribeAll(RuntimeDataSubscriber& subscriber) = 0;
-};
 
-/// Refuses every subscription: the service has no runtime data yet.
-class UnavailableRuntimeData : public RuntimeData {
-public:
-    std::optional<std::string> subscribe(RuntimeDataSubscriber&, protocol::RequestId, const std::string&) override
-    {
-        return std::string("runtime data not available");
-    }
-    void unsubscribe(RuntimeDataSubscriber&, protocol::RequestId) override {}
-    void unsubscribeAll(RuntimeDataSubscriber&) override {}
+    /// Applies update text to the tree `name` and passes it on to every
+    /// subscriber of it, or refuses it whole and changes nothing.
+    virtual PublishOutcome publish(const std::string& name, std::string_view text) = 0;
+    /// The current state of the tree `name` as update text; none if there
+    /// is no such tree.
+    virtual std::optional<std::string> state(const std::string& name) const = 0;
 };
 
 }  // namespace tethrix::service

@@ -1,12 +1,14 @@
 #include "service.h"
 
 #include "http_session.h"
+#include "runtime_file.h"
 #include "websocket_session.h"
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include <chrono>
+#include <cstdio>
 #include <stdexcept>
 
 namespace tethrix::service {
@@ -48,7 +50,7 @@ Service::Service(const ServiceOptions& options)
     } catch (const SqliteError& error) {
         throw std::runtime_error(error.what());
     }
-    runtimeData = std::make_unique<UnavailableRuntimeData>();
+    loadRuntimeData(options);
     try {
         files = std::make_unique<FileServer>(options.files);
     } catch (const std::filesystem::filesystem_error& error) {
@@ -56,6 +58,7 @@ Service::Service(const ServiceOptions& options)
                                  error.code().message());
     }
     ioContext = std::make_unique<asio::io_context>(1);
+    setUpSimulations(options, *store);
     worker = std::make_unique<QueryWorker>(std::move(store), options.logQueries);
     context = std::make_unique<ServiceContext>(ServiceContext{*ioContext, *worker, *runtimeData, *files, {}, false});
 
@@ -71,6 +74,7 @@ Service::Service(const ServiceOptions& options)
     }
     bound = acceptor->local_endpoint();
     accept();
+    for (auto& simulation : simulations) scheduleTick(*simulation);
 }
 
 Service::~Service()
@@ -79,6 +83,7 @@ Service::~Service()
     // refer to must still be there, and the worker must not post any more.
     acceptor.reset();
     worker.reset();
+    simulations.clear();
     ioContext.reset();
 }
 
@@ -97,6 +102,10 @@ void Service::accept()
     acceptor->async_accept([this](boost::system::error_code error, tcp::socket socket) {
         if (error == asio::error::operation_aborted || !acceptor->is_open()) return;
         if (!error) {
+            // Results and pongs go out at once: waiting to coalesce them
+            // with more data would stall a client on its delayed ACK.
+            boost::system::error_code ignored;
+            socket.set_option(tcp::no_delay(true), ignored);
             std::make_shared<HttpSession>(std::move(socket), *context)->run();
             return accept();
         }
@@ -114,10 +123,62 @@ void Service::shutdown()
     context->shuttingDown = true;
     boost::system::error_code ignored;
     acceptor->close(ignored);
+    for (auto& simulation : simulations) simulation->timer.cancel();
     for (auto& weak : context->sessions) {
         if (auto session = weak.lock()) session->shutdown();
     }
     waitForSessions(std::chrono::steady_clock::now() + closingGrace);
+}
+
+void Service::loadRuntimeData(const ServiceOptions& options)
+{
+    runtimeData = std::make_unique<RuntimeDataHub>();
+    for (const auto& file : options.runtimeFiles) {
+        for (auto& tree : loadRuntimeFile(file)) {
+            try {
+                runtimeData->add(tree.name, tree.root);
+            } catch (const std::invalid_argument& error) {
+                throw std::runtime_error(file + ": " + error.what());
+            }
+        }
+    }
+}
+
+void Service::setUpSimulations(const ServiceOptions& options, ContentStore& store)
+{
+    if (options.simulate.empty()) return;
+    const auto tracks = simulatedTracks(store, options.authority);
+    for (const auto& name : options.simulate) {
+        if (!runtimeData->has(name)) {
+            throw std::runtime_error("--simulate " + name + ": no runtime data \"" + name +
+                                     "\" was loaded; give its tree with --runtime, e.g. examples/player.xml");
+        }
+        auto simulation =
+            std::make_unique<Simulation>(Simulation{name, PlayerSimulator(tracks), asio::steady_timer(*ioContext)});
+        // The first state shows at once whether the tree fits the player.
+        PublishOutcome first = runtimeData->publish(name, simulation->player.fullState());
+        if (first.status != PublishOutcome::Status::published) {
+            throw std::runtime_error("--simulate " + name + ": the tree does not fit the player: " + first.message);
+        }
+        simulations.push_back(std::move(simulation));
+    }
+}
+
+void Service::scheduleTick(Simulation& simulation)
+{
+    simulation.timer.expires_after(PlayerSimulator::tickInterval);
+    simulation.timer.async_wait([this, &simulation](boost::system::error_code error) {
+        if (error || context->shuttingDown) return;
+        PublishOutcome outcome = runtimeData->publish(simulation.name, simulation.player.tick());
+        if (outcome.status == PublishOutcome::Status::refused) {
+            // Someone else changed the queue under the player: start over
+            // from its full state.
+            std::fprintf(stderr, "tethrix-service: simulation of %s: %s\n", simulation.name.c_str(),
+                         outcome.message.c_str());
+            simulation.player.resync();
+        }
+        scheduleTick(simulation);
+    });
 }
 
 void Service::waitForSessions(std::chrono::steady_clock::time_point deadline)

@@ -1,5 +1,6 @@
 // The whole service in one object: the database behind a query worker, the
-// file server, runtime data and the listening socket, on one io_context.
+// file server, runtime data with its simulations and the listening socket,
+// on one io_context.
 // main() runs it; tests run it on a thread of their own.
 #ifndef TETHRIX_SERVICE_SERVICE_H
 #define TETHRIX_SERVICE_SERVICE_H
@@ -7,17 +8,20 @@
 #include "content_store.h"
 #include "file_server.h"
 #include "query_worker.h"
-#include "runtime_data.h"
+#include "player_simulator.h"
+#include "runtime_data_hub.h"
 #include "session_registry.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include <chrono>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace tethrix::service {
 
@@ -28,12 +32,17 @@ struct ServiceOptions {
     std::optional<std::filesystem::path> files;
     std::string authority = defaultAuthority;
     bool logQueries = false;
+    /// Files of runtime data trees (see runtime_file.h).
+    std::vector<std::string> runtimeFiles;
+    /// Trees that the player simulator drives.
+    std::vector<std::string> simulate;
 };
 
 class Service {
 public:
-    /// Opens the database and binds the socket. Throws std::runtime_error
-    /// with a one-line reason when either fails.
+    /// Opens the database, reads the runtime data trees, sets up the
+    /// simulations and binds the socket. Throws std::runtime_error with a
+    /// one-line reason when any of that fails.
     explicit Service(const ServiceOptions& options);
     ~Service();
     Service(const Service&) = delete;
@@ -54,13 +63,25 @@ private:
     void shutdown();
     void waitForSessions(std::chrono::steady_clock::time_point deadline);
 
-    std::unique_ptr<UnavailableRuntimeData> runtimeData;
+    struct Simulation {
+        std::string name;
+        PlayerSimulator player;
+        boost::asio::steady_timer timer;
+    };
+    void loadRuntimeData(const ServiceOptions& options);
+    void setUpSimulations(const ServiceOptions& options, ContentStore& store);
+    void scheduleTick(Simulation& simulation);
+
+    std::unique_ptr<RuntimeDataHub> runtimeData;
     std::unique_ptr<FileServer> files;
     std::unique_ptr<boost::asio::io_context> ioContext;
     std::unique_ptr<QueryWorker> worker;
     std::unique_ptr<ServiceContext> context;
     std::unique_ptr<boost::asio::ip::tcp::acceptor> acceptor;
     boost::asio::ip::tcp::endpoint bound;
+    /// In a list, so that a simulation stays where its timer's handler
+    /// expects it.
+    std::vector<std::unique_ptr<Simulation>> simulations;
 };
 
 }  // namespace tethrix::service

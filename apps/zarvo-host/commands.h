@@ -28,6 +28,8 @@ void expectNoMoreArguments(const CommandLine& line);
 int runSnapshot(const CommandLine& line);
 int runTree(const CommandLine& line);
 int runLoad(const CommandLine& line);
+int runScroll(const CommandLine& line);
+int runWatch(const CommandLine& line);
 
 }  // namespace zarvo::host
 

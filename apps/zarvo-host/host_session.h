@@ -28,8 +28,10 @@ public:
     const SourceOptions& options() const { return sourceOptions; }
 
     /// Runs the loop until the source has settled: at once without a
-    /// service; with one, once the connection is up and no query has been
-    /// open for a short quiet time, or when --wait-ms has passed.
+    /// service; with one, once the connection is up and neither a query nor
+    /// a resource load has been open for a short quiet time, or when
+    /// --wait-ms has passed. A service not reached, or a source still
+    /// loading, is told in one line on standard error; it is no failure.
     void settle();
 
 private:

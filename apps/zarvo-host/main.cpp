@@ -48,6 +48,34 @@ const std::vector<Command>& commands() {
          "standard error say why and the exit status is 1. --timeout-ms bounds the wait\n"
          "(default 30000).\n",
          runLoad},
+        {"scroll", "scroll a list of the source as a list view would",
+         "Usage: zarvo-host scroll PATH [--to N] [--window W] [--step K] [--frame-ms F]\n"
+         "                        [--jump INDEX]... [--print-every K] [options]\n\n"
+         "Loads the data source and, once it has settled, acts as a list view on the list\n"
+         "at PATH in its tree (such as tracks): a window of W rows (default 20) starts at\n"
+         "row 0 and moves on by K rows (default 4) each frame of F milliseconds (default\n"
+         "16; 0: as fast as the loop turns), acquiring the rows that enter and releasing\n"
+         "those that leave while the loop runs. It goes until row N is shown (default:\n"
+         "to the end, following the list as it grows) and waits there until the rows\n"
+         "shown are filled. Then it jumps to each --jump INDEX in turn and waits there\n"
+         "likewise. --print-every K prints each row whose index is a multiple of K once\n"
+         "it is filled.\n\n"
+         "The report on standard output gives the rows seen and how many of them were\n"
+         "filled while shown, the queries sent, the most rows the list held at once, and\n"
+         "the time taken. --wait-ms bounds the settling and every wait in which nothing\n"
+         "changes (default 10000); rows left unfilled make the exit status 1.\n",
+         runScroll},
+        {"watch", "print every change in the source's tree as it happens",
+         "Usage: zarvo-host watch [--for SECONDS] [--rows N] [options]\n\n"
+         "Loads the data source and prints one line for every notification in its tree,\n"
+         "as it happens, until SECONDS have passed (fractions allowed) or SIGINT comes:\n"
+         "  Root.connected = true               a value changed\n"
+         "  Root.tracks (list, 200 rows)         a list changed\n"
+         "  Root.tracks[3] title=\"Cold Light\"   a row came into view, with its fields\n"
+         "  DataSource (tree replaced)           the source built a new tree\n"
+         "The first N rows of each list (default 10) are held as a list view would, so\n"
+         "that their values are watched too.\n",
+         runWatch},
     };
     return all;
 }

@@ -1,13 +1,71 @@
 #include "service_connection.h"
 
-#include <stdexcept>
+#include "command_line.h"
+
+#include <zarvo/client.h>
+#include <zarvo/client/client_core.h>
+#include <zarvo/client/network_transport.h>
+#include <zarvo/message_dispatcher.h>
+#include <zarvo/resource_manager.h>
+
+#include <memory>
 
 namespace zarvo::host {
 
-void connectToService(Domain& /*domain*/, const std::string& url) {
-    throw std::runtime_error("cannot connect to " + url + ": this build has no network transport for the service");
+const std::chrono::milliseconds DEFAULT_SETTLE_LIMIT(10000);
+const std::chrono::milliseconds QUIET_TIME(300);
+
+namespace {
+
+// The loop sleeps until work or a timer is due; this timer wakes it often
+// enough to notice a quiet time that has passed.
+const std::chrono::milliseconds POLL_INTERVAL(20);
+
+client::ClientCore& coreOf(Domain& domain) { return Context::instance(domain, nullptr)->getClient()->core(); }
+
+bool isConnected(Domain& domain) {
+    return Context::instance(domain, nullptr)->getClient()->getConnection()->getState() ==
+           Connection::StateConnected;
 }
 
-void waitUntilSettled(Domain& /*domain*/, std::optional<std::chrono::milliseconds> /*limit*/) {}
+}  // namespace
+
+void connectToService(Domain& domain, const std::string& url) {
+    const std::optional<client::NetworkTransportOptions> options = client::parseServiceUrl(url);
+    if (!options) {
+        throw UsageError("not a service URL: \"" + url + "\"; expected ws://HOST:PORT[/PATH] or HOST:PORT");
+    }
+    client::installTransport(*Context::instance(domain, nullptr),
+                             std::make_shared<client::NetworkTransport>(*options));
+}
+
+bool isIdle(Domain& domain) {
+    return isConnected(domain) && coreOf(domain).openQueryCount() == 0 &&
+           domain.getResourceManager()->pendingLoadCount() == 0;
+}
+
+std::uint64_t sentQueryCount(Domain& domain) { return coreOf(domain).sentQueryCount(); }
+
+SettleOutcome waitUntilSettled(Domain& domain, std::optional<std::chrono::milliseconds> limit) {
+    using Clock = std::chrono::steady_clock;
+    ZvuMessageDispatcher& loop = *domain.getMessageDispatcher();
+    const std::shared_ptr<void> poll = loop.addTimer(POLL_INTERVAL, ZvuTimerMessageModeRepeat, [](const auto&) {});
+    Clock::time_point lastBusy = Clock::now();
+    const bool settled = loop.runUntil(
+        [&domain, &lastBusy]() {
+            const Clock::time_point now = Clock::now();
+            if (!isIdle(domain)) {
+                lastBusy = now;
+                return false;
+            }
+            return now - lastBusy >= QUIET_TIME;
+        },
+        limit.value_or(DEFAULT_SETTLE_LIMIT));
+    loop.removeTimer(poll);
+    if (settled) {
+        return SettleOutcome::Settled;
+    }
+    return isConnected(domain) ? SettleOutcome::Busy : SettleOutcome::Unreachable;
+}
 
 }  // namespace zarvo::host

@@ -17,6 +17,12 @@ void printTree(std::ostream& out, const std::shared_ptr<DataObject>& object, int
 const char* typeName(DataObject::Type type);
 /// The value of a typed data object as text; empty for other objects.
 std::string valueText(const DataObject& object);
+/// An object on one line: `title="Blue Hour" duration=215.5`, a list as
+/// `albums=(list, 3 rows)`, an object as `name=(object)`.
+std::string fieldsText(const DataObject& object);
+/// A value as `= value`, a list as `(list, N rows)`, an object as `(object)`:
+/// what follows a name or path on a line.
+std::string describe(DataObject& object);
 
 }  // namespace zarvo::host
 

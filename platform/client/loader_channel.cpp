@@ -32,6 +32,7 @@ void LoaderChannel::load(const ContentQueryArguments& arguments) {
     }
     const std::uint32_t sequence = nextSequence++;
     openQueries.emplace(sequence, arguments.getUri());
+    core->countSentQuery();
     transport->sendQuery(loaderId, RequestId::make(loaderId, sequence), arguments);
 }
 

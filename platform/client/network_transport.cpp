@@ -196,6 +196,10 @@ private:
 
     void onConnected() {
         beast::get_lowest_layer(current->socket).expires_never();
+        // A query goes out at once, not held back until the previous one
+        // is acknowledged.
+        beast::error_code ignored;
+        beast::get_lowest_layer(current->socket).socket().set_option(tcp::no_delay(true), ignored);
         websocket::stream_base::timeout timeouts{};
         timeouts.handshake_timeout = handshakeTimeout;
         timeouts.idle_timeout = idleTimeout;
@@ -350,8 +354,14 @@ private:
             return;
         }
         // A polite close, bounded in time; the service then ends the session
-        // at once instead of finding a broken connection.
-        beast::get_lowest_layer(current->socket).expires_after(closeTimeout);
+        // at once instead of finding a broken connection. The bound is the
+        // stream's own close timeout: a read is always pending, and a write
+        // may be (an unsubscribe on the way out), and the TCP stream's timer
+        // must not be moved under both.
+        websocket::stream_base::timeout timeouts{};
+        current->socket.get_option(timeouts);
+        timeouts.handshake_timeout = closeTimeout;
+        current->socket.set_option(timeouts);
         current->socket.async_close(websocket::close_code::going_away,
                             [self = shared_from_this(), attempt = current](beast::error_code) {
                                 if (attempt == self->current) {

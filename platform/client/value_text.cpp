@@ -1,5 +1,7 @@
 #include <zarvo/client/value_text.h>
 
+#include <tethrix/protocol/value_text.h>
+
 #include <charconv>
 #include <limits>
 #include <system_error>
@@ -17,32 +19,10 @@ std::string formatWithCharconv(T value) {
     return std::string(buffer, end);
 }
 
-/// from_chars takes no '+'; a sign before a sign stays an error.
-const char* skipPlus(const std::string& text) {
-    const char* begin = text.data();
-    if (text.size() > 1 && text[0] == '+' && text[1] != '-' && text[1] != '+') {
-        ++begin;
-    }
-    return begin;
-}
-
-template <typename T>
-bool parseWhole(const std::string& text, T& out) {
-    const char* begin = skipPlus(text);
-    const char* end = text.data() + text.size();
-    T value{};
-    const auto parsed = std::from_chars(begin, end, value);
-    if (parsed.ec != std::errc() || parsed.ptr != end) {
-        return false;
-    }
-    out = value;
-    return true;
-}
-
 }  // namespace
 
-std::string formatInteger(long long value) { return formatWithCharconv(value); }
-std::string formatReal(double value) { return formatWithCharconv(value); }
+std::string formatInteger(long long value) { return tethrix::protocol::formatInteger(value); }
+std::string formatReal(double value) { return tethrix::protocol::formatReal(value); }
 std::string formatReal(float value) { return formatWithCharconv(value); }
 
 std::string formatAny(const boost::any& value) {
@@ -60,21 +40,13 @@ std::string formatAny(const boost::any& value) {
     return std::string();
 }
 
-bool parseInteger(const std::string& text, int& out) { return parseWhole(text, out); }
+// One reading of values for the whole system: the service reads the same
+// runtime tree files.
+bool parseInteger(const std::string& text, int& out) { return tethrix::protocol::parseInteger(text, out); }
 
-bool parseReal(const std::string& text, double& out) { return parseWhole(text, out); }
+bool parseReal(const std::string& text, double& out) { return tethrix::protocol::parseReal(text, out); }
 
-bool parseBoolean(const std::string& text, bool& out) {
-    if (text == "1" || text == "true") {
-        out = true;
-        return true;
-    }
-    if (text == "0" || text == "false") {
-        out = false;
-        return true;
-    }
-    return false;
-}
+bool parseBoolean(const std::string& text, bool& out) { return tethrix::protocol::parseBoolean(text, out); }
 
 }  // namespace client
 }  // namespace zarvo

@@ -13,6 +13,7 @@ namespace zarvo {
 namespace test {
 namespace {
 
+using ::testing::EndsWith;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
@@ -108,7 +109,7 @@ TEST_F(ZarvoHost, LogRecordsGoToStandardErrorInTheirLineFormat) {
 TEST_F(ZarvoHost, EveryCommandHasHelp) {
     for (const std::vector<std::string>& arguments :
          std::vector<std::vector<std::string>>{{"--help"}, {"snapshot", "--help"}, {"tree", "--help"},
-                                               {"load", "--help"}}) {
+                                               {"load", "--help"}, {"scroll", "--help"}, {"watch", "--help"}}) {
         const ProgramResult result = host(arguments);
         EXPECT_EQ(result.status, 0) << arguments.front();
         EXPECT_THAT(result.out, StartsWith("Usage: zarvo-host")) << arguments.front();
@@ -133,6 +134,10 @@ TEST_F(ZarvoHost, BadInputGivesOneLineAndANonZeroExit) {
         {{"tree", "--name"}, 2, "option --name needs a value"},
         {{"snapshot", "extra"}, 2, "unexpected argument extra"},
         {{"load"}, 2, "load needs a resource URL"},
+        {{"tree", "--service", "nohost"}, 2, "not a service URL: \"nohost\""},
+        {{"scroll"}, 2, "scroll needs the path of a list"},
+        {{"scroll", "tracks", "--step", "0"}, 2, "--window and --step take at least 1"},
+        {{"watch", "--for", "soon"}, 2, "option --for takes a number of seconds"},
     };
     for (const FailureRow& row : rows) {
         const ProgramResult result = host(row.arguments);
@@ -142,6 +147,22 @@ TEST_F(ZarvoHost, BadInputGivesOneLineAndANonZeroExit) {
         EXPECT_THAT(result.err, StartsWith("zarvo-host: " + row.message));
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }
+}
+
+TEST_F(ZarvoHost, ScrollOfAPathThatIsNoListSaysSo) {
+    const ProgramResult result = host({"scroll", "now", "--declaration", DECLARATION});
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, EndsWith("\nzarvo-host: no list at now in the tree of DataSource\n"));
+}
+
+TEST_F(ZarvoHost, AServiceThatCannotBeReachedIsOneLineAndTheSourceIsShownWithoutIt) {
+    // Nothing listens on port 1 of the loopback.
+    const ProgramResult result =
+        host({"snapshot", "--declaration", DECLARATION, "--service", "127.0.0.1:1", "--wait-ms", "200"});
+    EXPECT_EQ(result.status, 0);
+    EXPECT_EQ(result.out, SNAPSHOT);
+    EXPECT_THAT(result.err, HasSubstr("zarvo-host: the service at 127.0.0.1:1 could not be reached within 200 ms; "
+                                      "showing what the source holds without it\n"));
 }
 
 TEST_F(ZarvoHost, LoadOfAMissingFileSaysWhy) {

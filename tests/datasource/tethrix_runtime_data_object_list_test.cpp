@@ -171,5 +171,19 @@ TEST_F(TethrixRuntimeDataObjectListTest, AllRowsAtOnce) {
     EXPECT_EQ(plain->acquireItem(0)->getName(), "row");
 }
 
+TEST_F(TethrixRuntimeDataObjectListTest, ReleasingTheTreeOpensTheRingOfListAdapterAndRuntimeTree) {
+    list->acquireItem(0);
+    list->getItemTemplate();  // its dynamic list holds the adapter too
+    std::weak_ptr<ContentAdapter> adapter = manager.getAdapters().front();
+    manager.destroyAllAdapters();
+    ASSERT_FALSE(adapter.expired());  // the list keeps it, by design
+
+    TethrixDataObjectList::releaseAdapters(root);
+
+    EXPECT_TRUE(adapter.expired());
+    EXPECT_EQ(list->itemCount(), 0u);
+    EXPECT_EQ(list->getChildCount(), 0u);
+}
+
 }  // namespace
 }  // namespace zarvo

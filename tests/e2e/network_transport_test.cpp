@@ -1,7 +1,7 @@
 // The client library's network transport against a real tethrix-service on
 // 127.0.0.1: the handshake, a query answered with typed values on the loop,
 // the file base URL, and reconnecting after the service went away.
-#include "service.h"
+#include "e2e_support.h"
 
 #include <zarvo/client.h>
 #include <zarvo/client/network_transport.h>
@@ -20,32 +20,7 @@ namespace zarvo {
 namespace {
 
 namespace service = tethrix::service;
-
-/// The service on a thread of its own, with a small database.
-class ServiceRunner {
-public:
-    explicit ServiceRunner(const std::filesystem::path& directory, unsigned short port = 0)
-    {
-        service::ServiceOptions options;
-        options.database = (directory / "media.db").string();
-        options.files = directory;
-        options.port = port;
-        running = std::make_unique<service::Service>(options);
-        boundPort = running->endpoint().port();
-        thread = std::thread([this] { running->run(); });
-    }
-    ~ServiceRunner()
-    {
-        running->stop();
-        thread.join();
-    }
-    unsigned short port() const { return boundPort; }
-
-private:
-    std::unique_ptr<service::Service> running;
-    unsigned short boundPort = 0;
-    std::thread thread;
-};
+using test::ServiceRunner;
 
 class Recorder : public ContentLoader::Observer {
 public:
@@ -94,6 +69,8 @@ protected:
         client::installTransport(*context, nullptr);
         std::filesystem::remove_all(directory);
     }
+
+    std::string database() const { return (directory / "media.db").string(); }
 
     void connectTo(unsigned short port)
     {
@@ -148,7 +125,7 @@ protected:
 
 TEST_F(NetworkTransportTest, QueriesAreAnsweredOnTheLoopWithTheClientsValueTypes)
 {
-    ServiceRunner running(directory);
+    ServiceRunner running(database());
     connectTo(running.port());
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     EXPECT_EQ(client->resolveResourceUrl("covers/a.png", 1),
@@ -173,14 +150,14 @@ TEST_F(NetworkTransportTest, ALostServiceIsReportedAndReconnectedTo)
 {
     unsigned short port = 0;
     {
-        ServiceRunner running(directory);
+        ServiceRunner running(database());
         port = running.port();
         connectTo(port);
         ASSERT_TRUE(reachesState(Connection::StateConnected));
     }
     ASSERT_TRUE(reachesState(Connection::StateLost));
 
-    ServiceRunner again(directory, port);
+    ServiceRunner again(database(), port);
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     // Lost is told once, however many attempts failed meanwhile.
     EXPECT_EQ(states, (std::vector<int>{1, 2, 1}));
@@ -197,12 +174,12 @@ TEST_F(NetworkTransportTest, NoServiceAtFirstIsALostConnection)
 {
     unsigned short port = 0;
     {
-        ServiceRunner probe(directory);  // a port that is free again once it stops
+        ServiceRunner probe(database());  // a port that is free again once it stops
         port = probe.port();
     }
     connectTo(port);
     ASSERT_TRUE(reachesState(Connection::StateLost));
-    ServiceRunner running(directory, port);
+    ServiceRunner running(database(), port);
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     EXPECT_EQ(states, (std::vector<int>{2, 1}));
 }

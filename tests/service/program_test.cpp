@@ -139,6 +139,8 @@ TEST_F(ProgramTest, ServesOnAFreePortLogsQueriesAndStopsCleanlyOnSignals)
 TEST_F(ProgramTest, CannotStartSaysWhyInOneLine)
 {
     std::ofstream(directory.path() / "not-a-database") << "plain text, long enough to be no SQLite header at all";
+    std::ofstream(directory.path() / "radio.xml") << "<sources service='radio'>\n<string value='FM 4'/></sources>";
+    std::ofstream(directory.path() / "radio.xml.ok") << "<sources service='radio'><string name='station'/></sources>";
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{}, "tethrix-service: --db FILE is required\n"},
         {{"--db", database.string(), "--frobnicate"}, "tethrix-service: unknown option \"--frobnicate\" (see --help)\n"},
@@ -147,6 +149,16 @@ TEST_F(ProgramTest, CannotStartSaysWhyInOneLine)
         {{"--db", (directory.path() / "not-a-database").string()},
          "tethrix-service: cannot open " + (directory.path() / "not-a-database").string() + ": file is not a database\n"},
         {{"--db", database.string(), "--bind", "localhost:80"}, "tethrix-service: bad bind address \"localhost:80\"\n"},
+        {{"--db", database.string(), "--runtime", (directory.path() / "radio.xml").string()},
+         "tethrix-service: " + (directory.path() / "radio.xml").string() +
+             ": servicedata://radio: line 2, <string>: a node needs a name\n"},
+        {{"--db", database.string(), "--simulate", "player"},
+         "tethrix-service: --simulate player: no runtime data \"player\" was loaded; give its tree with --runtime, "
+         "e.g. examples/player.xml\n"},
+        {{"--db", database.string(), "--runtime", (directory.path() / "radio.xml").string() + ".ok", "--simulate",
+          "radio"},
+         "tethrix-service: --simulate radio: the tree does not fit the player: update refused at the top: no node "
+         "called \"state\"\n"},
     };
     for (const auto& [arguments, message] : cases) {
         Program program(arguments);
@@ -163,6 +175,23 @@ TEST_F(ProgramTest, APortInUseIsRefused)
     Program second({"--db", database.string(), "--port", port});
     EXPECT_EQ(second.readErrors().rfind("tethrix-service: cannot listen on 127.0.0.1:" + port + ": ", 0), 0u);
     EXPECT_EQ(second.wait(), 1);
+}
+
+TEST_F(ProgramTest, PublishTellsTheOutcomeInOneLineWithItsExitStatus)
+{
+    std::ofstream(directory.path() / "player.xml") << "<sources service='player'><integer name='volume'/></sources>";
+    Program service({"--db", database.string(), "--runtime", (directory.path() / "player.xml").string()});
+    const std::string line = service.readLine();
+    const std::string url = "http://" + line.substr(line.rfind(' ') + 1);
+
+    Program published({"publish", "--service", url, "player", R"({"values":{"volume":4}})"});
+    EXPECT_EQ(published.readLine(), "published to servicedata://player (0 subscribers)");
+    EXPECT_EQ(published.wait(), 0);
+
+    Program refused({"publish", "--service", url, "player", R"({"values":{"volume":true}})"});
+    EXPECT_EQ(refused.readErrors(),
+              "tethrix-service publish: update refused at \"volume\": true is not an integer\n");
+    EXPECT_EQ(refused.wait(), 1);
 }
 
 TEST_F(ProgramTest, HelpGoesToStandardOutput)

@@ -240,13 +240,13 @@ TEST_F(ServiceEndToEndTest, OversizedFramesCloseTheConnection)
     EXPECT_EQ(next.receiveAs<protocol::Pong>().id, 1u);
 }
 
-TEST_F(ServiceEndToEndTest, RuntimeDataIsNotAvailableYet)
+TEST_F(ServiceEndToEndTest, RuntimeDataThatIsNotThereIsRefused)
 {
     TestClient client(service.port());
     client.send(protocol::Subscribe{8, "servicedata://player"});
     auto error = client.receiveAs<protocol::Error>();
     EXPECT_EQ(error.id, std::optional<protocol::RequestId>(8));
-    EXPECT_EQ(error.reason, "runtime data not available");
+    EXPECT_EQ(error.reason, "no runtime data \"servicedata://player\"; this service has none");
     client.send(protocol::Unsubscribe{8});  // nothing to end: no answer
     client.send(protocol::Ping{1});
     EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 1u);

@@ -79,6 +79,9 @@ public:
     void registerResource(const std::string& name, std::shared_ptr<Resource> resource);
     /// Host side: forgets the resource under `name`.
     void unregisterResource(const std::string& name);
+    /// Host side: loads started and not yet complete, for a host that waits
+    /// until everything asked for is in.
+    std::size_t pendingLoadCount() const { return pending.size(); }
 
 private:
     struct ProtocolEntry {

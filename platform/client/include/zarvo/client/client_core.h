@@ -61,6 +61,9 @@ public:
     std::size_t openQueryCount() const;
     /// Runtime data subscriptions in force.
     std::size_t subscriptionCount() const;
+    /// Queries handed to a transport since the core was made; programs
+    /// report it to show what scrolling or a reload cost.
+    std::uint64_t sentQueryCount() const { return queriesSent; }
 
     /// Safe from any thread: image loads resolve URLs on loader threads.
     std::string getResourceBaseUrl() const;
@@ -70,6 +73,7 @@ public:
 
     // Used by the loaders' channels, on the loop.
     std::uint32_t registerLoader(LoaderChannel& channel);
+    void countSentQuery() { ++queriesSent; }
     void unregisterLoader(std::uint32_t loaderId);
     /// Null while no transport is installed.
     Transport* currentTransport() const { return transport.get(); }
@@ -91,6 +95,7 @@ private:
     std::shared_ptr<LoopReceiver> receiver;
     std::unordered_map<std::uint32_t, LoaderChannel*> channels;
     std::uint32_t nextLoaderId = 1;
+    std::uint64_t queriesSent = 0;
     mutable std::mutex baseUrlMutex;
     std::string resourceBaseUrl;
 };

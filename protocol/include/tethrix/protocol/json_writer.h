@@ -1,5 +1,6 @@
-// A small JSON text writer for the encoder. Writing straight into a string
-// keeps large results cheap: no intermediate document is built.
+// A small JSON text writer for the encoder and for update text. Writing
+// straight into a string keeps large results cheap: no intermediate
+// document is built.
 #ifndef TETHRIX_PROTOCOL_JSON_WRITER_H
 #define TETHRIX_PROTOCOL_JSON_WRITER_H
 
@@ -22,6 +23,8 @@ public:
     void integer(std::int64_t number);
     void unsignedInteger(std::uint64_t number);
     void real(double number);
+    /// Writes a number already spelt as JSON, e.g. "187.0".
+    void number(std::string_view text);
     void boolean(bool value);
 
     std::string take() { return std::move(out); }

@@ -1,0 +1,241 @@
+// The whole road against a real tethrix-service: a source of the plug-in,
+// loaded as zarvo-host loads it, fills its lists and records over a socket,
+// and the host program's commands show what it holds.
+#include "e2e_support.h"
+
+#include "host_session.h"
+#include "list_view.h"
+#include "service_connection.h"
+#include "tree_printer.h"
+#include "tree_watcher.h"
+
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <sstream>
+
+namespace zarvo {
+namespace test {
+namespace {
+
+using ::testing::HasSubstr;
+
+const std::uint64_t TRACK_COUNT = 1234;
+const std::uint64_t WINDOW = 20;
+
+const char* const TRACKS_SQL =
+    "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT, duration REAL, favourite BOOL);"
+    "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 1233)"
+    " INSERT INTO tracks SELECT i, printf('Track %04d', i), i * 0.5, i % 3 = 0 FROM n;";
+
+const char* const TRACKS_SOURCE =
+    "<tracks uri=\"com.tavelorix.content/tracks\" type=\"list\" block_size=\"100\" sort=\"id\">"
+    "<field name=\"id\" type=\"int\"/><field name=\"title\" type=\"string\"/>"
+    "<field name=\"duration\" type=\"real\"/><field name=\"favourite\" type=\"bool\"/></tracks>";
+
+const char* const LIBRARY_SQL =
+    "CREATE TABLE library(name TEXT, owner TEXT, track_count INTEGER);"
+    "INSERT INTO library VALUES ('Home', 'Ines', 1234);"
+    "CREATE TABLE artists(id INTEGER PRIMARY KEY, name TEXT, album_ids TEXT);"
+    "INSERT INTO artists VALUES (1, 'Anna Trio', '13;11'), (2, 'Ben Band', '12');"
+    "CREATE TABLE albums(id INTEGER PRIMARY KEY, title TEXT, year INTEGER);"
+    "INSERT INTO albums VALUES (11, 'First', 1990), (12, 'Second', 1991), (13, 'Third', 1992);";
+
+const char* const LIBRARY_SOURCES =
+    "<library uri=\"com.tavelorix.content/library\"><field name=\"name\" type=\"string\"/>"
+    "<field name=\"tracks\" column=\"track_count\" type=\"int\"/></library>"
+    "<artists uri=\"com.tavelorix.content/artists\" type=\"list\" sort=\"name\">"
+    "<field name=\"name\" type=\"string\"/>"
+    "<field name=\"albums\" column=\"album_ids\" type=\"list\" dynamic_source=\"albums\" lookup_column=\"id\"/>"
+    "</artists>"
+    "<dynamic_source uri=\"com.tavelorix.content/albums\" name=\"albums\">"
+    "<field name=\"title\" type=\"string\"/><field name=\"year\" type=\"int\"/></dynamic_source>";
+
+/// How a track row reads on one line, as the table above makes it.
+std::string trackText(std::uint64_t index) {
+    char title[16];
+    std::snprintf(title, sizeof(title), "Track %04u", static_cast<unsigned>(index));
+    std::ostringstream text;
+    text << "id=" << index << " title=\"" << title << "\" duration=" << static_cast<double>(index) * 0.5
+         << " favourite=" << (index % 3 == 0 ? "true" : "false");
+    return text.str();
+}
+
+std::string declaration(const std::string& sources) { return "<sources>" + sources + "</sources>"; }
+
+class Road : public ::testing::Test {
+protected:
+    void SetUp() override {
+        unsetenv("TETHRIX_SERVICE_URL");
+        executeSql(database(), TRACKS_SQL);
+        executeSql(database(), LIBRARY_SQL);
+        service = std::make_unique<ServiceRunner>(database());
+    }
+
+    std::string database() const { return directory.file("media.db"); }
+
+    host::SourceOptions sourceOptions(const std::string& sources) const {
+        host::SourceOptions options;
+        options.declaration = declaration(sources);
+        options.serviceUrl = service->url();
+        options.wait = GENEROUS_WAIT;
+        return options;
+    }
+
+    ProgramResult host(std::vector<std::string> arguments, const std::string& sources) const {
+        for (const std::string& option :
+             {std::string("--service"), service->url(), std::string("--declaration"), declaration(sources)}) {
+            arguments.push_back(option);
+        }
+        return runProgram(builtFile("bin/zarvo-host"), arguments);
+    }
+
+    TestDirectory directory;
+    std::unique_ptr<ServiceRunner> service;
+};
+
+TEST_F(Road, AListScrolledToItsEndShowsEveryRowWithItsOwnValues) {
+    host::HostSession session(sourceOptions(TRACKS_SOURCE));
+    session.settle();
+    auto list = std::dynamic_pointer_cast<DataObjectList>(session.source().lookupDataContext("tracks"));
+    ASSERT_TRUE(list);
+    const std::uint64_t queriesBefore = host::sentQueryCount(session.domain());
+    {
+        host::ListView view(list);
+        for (std::uint64_t first = 0;; first = std::min(first + 7, TRACK_COUNT - WINDOW)) {
+            view.moveTo(first, WINDOW);
+            const bool filled = session.loop().runUntil(
+                [&view]() {
+                    view.refresh();
+                    return view.rows().size() == WINDOW && view.unfilledCount() == 0;
+                },
+                GENEROUS_WAIT);
+            ASSERT_TRUE(filled) << "window at row " << first;
+            for (const auto& row : view.rows()) {
+                ASSERT_EQ(host::fieldsText(*row.second), trackText(row.first));
+            }
+            if (first == TRACK_COUNT - WINDOW) {
+                break;
+            }
+        }
+        ASSERT_EQ(host::waitUntilSettled(session.domain(), GENEROUS_WAIT), host::SettleOutcome::Settled);
+        // A block asked for beyond the end adds no rows.
+        EXPECT_EQ(list->itemCount(), TRACK_COUNT);
+    }
+    // One query a block of 100 rows, give or take the read-ahead's repeats;
+    // a list that asked per row or lost its blocks would send hundreds.
+    EXPECT_LE(host::sentQueryCount(session.domain()) - queriesBefore, 2 * (TRACK_COUNT / 100 + 1));
+}
+
+TEST_F(Road, ScrollCommandReportsEveryRowFilledAndJumpsBack) {
+    const ProgramResult result =
+        host({"scroll", "tracks", "--frame-ms", "0", "--step", "13", "--jump", "1000"}, TRACKS_SOURCE);
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr(" to rows 1214 to 1233 of 1234\n  row 1214: " + trackText(1214) + "\n"));
+    EXPECT_THAT(result.out, HasSubstr("jump to row 1000: filled"));
+    EXPECT_THAT(result.out, HasSubstr("  row 1000: " + trackText(1000) + "\n"));
+    EXPECT_THAT(result.out, HasSubstr("rows seen: 1254, filled while shown: 1254 (100.0%)\n"));
+    EXPECT_THAT(result.out, HasSubstr("peak resident rows: "));
+}
+
+TEST_F(Road, SnapshotShowsASingleRecordAndTheDetailRowsOfAMaster) {
+    const ProgramResult result = host({"snapshot"}, LIBRARY_SOURCES);
+    ASSERT_EQ(result.status, 0) << result.err;
+    // The artists come sorted by name; the albums of the first in the order
+    // of its keys, each looked up by id.
+    EXPECT_EQ(result.out,
+              "<root status=\"OK\">\n"
+              "    <source uri=\"content://com.tavelorix.content/library\" name=\"library\">\n"
+              "        <field name=\"name\" type=\"string\">Home</field>\n"
+              "        <field name=\"tracks\" type=\"integer\">1234</field>\n"
+              "    </source>\n"
+              "    <source uri=\"content://com.tavelorix.content/artists\" name=\"artists\">\n"
+              "        <field name=\"row0\" type=\"object\">\n"
+              "            <field name=\"name\" type=\"string\">Anna Trio</field>\n"
+              "            <field name=\"albums\" type=\"list\">\n"
+              "                <field name=\"row0\" type=\"object\">\n"
+              "                    <field name=\"title\" type=\"string\">Third</field>\n"
+              "                    <field name=\"year\" type=\"integer\">1992</field>\n"
+              "                </field>\n"
+              "                <field name=\"row1\" type=\"object\">\n"
+              "                    <field name=\"title\" type=\"string\">First</field>\n"
+              "                    <field name=\"year\" type=\"integer\">1990</field>\n"
+              "                </field>\n"
+              "            </field>\n"
+              "        </field>\n"
+              "    </source>\n"
+              "</root>\n");
+}
+
+TEST_F(Road, EveryDetailListOfAScrolledMasterIsFilled) {
+    host::HostSession session(sourceOptions(LIBRARY_SOURCES));
+    session.settle();
+    auto artists = std::dynamic_pointer_cast<DataObjectList>(session.source().lookupDataContext("artists"));
+    ASSERT_TRUE(artists);
+    host::ListView view(artists);
+    const auto albumTitles = [&view](std::uint64_t index) {
+        std::string titles;
+        const auto row = view.rows().find(index);
+        auto albums = row == view.rows().end() || !row->second->getChild(1)
+                          ? nullptr
+                          : std::dynamic_pointer_cast<DataObjectList>(row->second->getChild(1));
+        for (std::size_t album = 0; albums && album < albums->itemCount(); ++album) {
+            const auto title = albums->acquireItem(album)->getChild(0);
+            titles += (title ? host::valueText(*title) : std::string("?")) + " ";
+            albums->releaseItem(album);
+        }
+        return titles;
+    };
+    ASSERT_TRUE(session.loop().runUntil(
+        [&]() {
+            view.moveTo(0, 2);
+            return albumTitles(0) == "\"Third\" \"First\" " && albumTitles(1) == "\"Second\" ";
+        },
+        GENEROUS_WAIT))
+        << albumTitles(0) << "| " << albumTitles(1);
+}
+
+TEST_F(Road, WatchCommandPrintsChangesAsTheyComeAndEndsAtSigint) {
+    ChildProcess watch(builtFile("bin/zarvo-host"),
+                       {"watch", "--service", service->url(), "--declaration", declaration(LIBRARY_SOURCES)},
+                       directory.file("watch.log"));
+    ASSERT_TRUE(watch.readUntil("Root.library.name = \"Home\"\n")) << watch.outputSoFar();
+    EXPECT_THAT(watch.outputSoFar(), HasSubstr("Root.connected = true\n"));
+    watch.signal(SIGINT);
+    EXPECT_EQ(watch.wait(), 0) << readFile(directory.file("watch.log"));
+}
+
+TEST_F(Road, WatcherPrintsChangesAndFollowsAReplacedTree) {
+    host::HostSession session(sourceOptions(std::string(TRACKS_SOURCE) + LIBRARY_SOURCES));
+    std::ostringstream out;
+    host::TreeWatcher watcher(session.source(), out, 3);
+    const auto printed = [&out](const std::vector<std::string>& lines, std::size_t from) {
+        const std::string text = out.str().substr(std::min(from, out.str().size()));
+        return std::all_of(lines.begin(), lines.end(),
+                           [&text](const std::string& line) { return text.find(line + "\n") != std::string::npos; });
+    };
+    const std::vector<std::string> expected = {
+        "Root.connected = true",
+        "Root.library.name = \"Home\"",
+        "Root.library.tracks = 1234",
+        "Root.tracks (list, 100 rows)",
+        "Root.tracks[2] " + trackText(2),
+    };
+    ASSERT_TRUE(session.loop().runUntil([&]() { return printed(expected, 0); }, GENEROUS_WAIT)) << out.str();
+
+    // A reload builds a new tree; the watcher moves to it.
+    DataSource& source = session.source();
+    source.unloadOverride();
+    const std::size_t mark = out.str().size();
+    source.loadFromZVB(nullptr, nullptr, nullptr);
+    EXPECT_TRUE(printed({"DataSource (tree replaced)"}, mark)) << out.str().substr(mark);
+    ASSERT_TRUE(session.loop().runUntil(
+        [&]() { return printed({"Root.library.name = \"Home\"", "Root.tracks[1] " + trackText(1)}, mark); },
+        GENEROUS_WAIT))
+        << out.str().substr(mark);
+}
+
+}  // namespace
+}  // namespace test
+}  // namespace zarvo

@@ -1,0 +1,204 @@
+// Runtime data over the service's sockets: subscriptions over WebSocket, the
+// HTTP endpoint that publishes and reads trees, and the publish command.
+#include "publish_command.h"
+#include "service_client.h"
+#include "test_database.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/write.hpp>
+
+#include <fstream>
+#include <sstream>
+
+namespace tethrix::service {
+namespace {
+
+using ::testing::HasSubstr;
+using testing::RunningService;
+using testing::TestClient;
+
+const std::string initialState = R"({"values":{"volume":3,"queue":[{"title":"Cold Light"}]}})";
+
+class RuntimeEndpointTest : public ::testing::Test {
+protected:
+    static ServiceOptions options(const testing::TemporaryDirectory& directory)
+    {
+        testing::createDatabase(directory.path() / "media.db", testing::tracksScript(1));
+        std::ofstream(directory.path() / "player.xml") << R"(<sources service="player">
+            <integer name="volume" value="3"/>
+            <list name="queue"><template><string name="title"/></template>
+              <row><string name="title" value="Cold Light"/></row></list>
+          </sources>)";
+        ServiceOptions o;
+        o.database = (directory.path() / "media.db").string();
+        o.runtimeFiles = {(directory.path() / "player.xml").string()};
+        return o;
+    }
+
+    /// The publish command, run in this process.
+    std::pair<int, std::string> publish(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.begin(), {"--service", "http://127.0.0.1:" + std::to_string(service.port())});
+        std::ostringstream out;
+        std::ostringstream err;
+        int code = runPublishCommand(arguments, out, err);
+        return {code, out.str() + err.str()};
+    }
+
+    protocol::Update subscribe(TestClient& client, protocol::RequestId id)
+    {
+        client.send(protocol::Subscribe{id, "servicedata://player"});
+        return client.receiveAs<protocol::Update>();
+    }
+
+    testing::TemporaryDirectory directory;
+    RunningService service{options(directory)};
+};
+
+TEST_F(RuntimeEndpointTest, SubscribersGetTheStateAndThenEveryPublishedUpdate)
+{
+    TestClient first(service.port());
+    TestClient second(service.port());
+    EXPECT_EQ(subscribe(first, 4), (protocol::Update{4, "", initialState}));
+    EXPECT_EQ(subscribe(second, 9).data, initialState);
+
+    const std::string update = R"({"values":{"volume":7}})";
+    EXPECT_EQ(publish({"player", update}),
+              std::make_pair(0, std::string("published to servicedata://player (2 subscribers)\n")));
+    EXPECT_EQ(first.receiveAs<protocol::Update>(), (protocol::Update{4, "", update}));
+    EXPECT_EQ(second.receiveAs<protocol::Update>(), (protocol::Update{9, "", update}));
+
+    // After unsubscribe nothing more comes: the pong is the next message.
+    first.send(protocol::Unsubscribe{4});
+    const std::string row = R"({"rows":[{"list":"queue","insert":1,"row":{"title":"Red Sky"}}]})";
+    std::ofstream(directory.path() / "row.json") << row;
+    EXPECT_EQ(publish({"player", "@" + (directory.path() / "row.json").string()}).first, 0);
+    first.send(protocol::Ping{5});
+    EXPECT_EQ(first.receiveAs<protocol::Pong>().id, 5u);
+    EXPECT_EQ(second.receiveAs<protocol::Update>().data, row);
+
+    // A new subscriber starts from the state that the updates made.
+    TestClient third(service.port());
+    EXPECT_EQ(subscribe(third, 1).data,
+              R"({"values":{"volume":7,"queue":[{"title":"Cold Light"},{"title":"Red Sky"}]}})");
+}
+
+TEST_F(RuntimeEndpointTest, AClosedConnectionIsNoSubscriberAnyMore)
+{
+    {
+        TestClient client(service.port());
+        subscribe(client, 1);
+    }
+    // The service learns of the close on its own time.
+    auto deadline = std::chrono::steady_clock::now() + testing::receiveTimeout;
+    std::string said;
+    while (std::chrono::steady_clock::now() < deadline) {
+        said = publish({"player", "{}"}).second;
+        if (said.find("(0 subscribers)") != std::string::npos) break;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    EXPECT_EQ(said, "published to servicedata://player (0 subscribers)\n");
+}
+
+TEST_F(RuntimeEndpointTest, RefusedUpdatesSayWhyAndChangeNothing)
+{
+    TestClient client(service.port());
+    subscribe(client, 1);
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"player", R"({"values":{"volume":"7"}})"},
+         "tethrix-service publish: update refused at \"volume\": \"7\" is not an integer\n"},
+        {{"player", R"({"values":{"volume":7},"rows":[{"list":"queue","remove":1}]})"},
+         "tethrix-service publish: update refused at \"rows[0]\": row 1 is outside the list \"queue\" of 1 rows\n"},
+        {{"radio", "{}"},
+         "tethrix-service publish: no runtime data \"servicedata://radio\"; this service has \"player\"\n"},
+    };
+    for (const auto& [arguments, message] : cases) EXPECT_EQ(publish(arguments), std::make_pair(1, message));
+    auto state = testing::httpRequest(service.port(), "GET", "/runtime/player");
+    EXPECT_EQ(state.status, 200);
+    EXPECT_EQ(state.contentType, "application/json");
+    EXPECT_EQ(state.body, initialState);
+    // Nothing reached the subscriber.
+    client.send(protocol::Ping{2});
+    EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 2u);
+}
+
+TEST_F(RuntimeEndpointTest, TheHttpEndpointAnswersEachRequestWithItsStatus)
+{
+    const std::vector<std::tuple<std::string, std::string, int, std::string>> cases = {
+        {"GET", "/runtime/player?x=1", 200, initialState},
+        {"HEAD", "/runtime/player", 200, ""},
+        {"GET", "/runtime/radio", 404, "no runtime data \"servicedata://radio\"\n"},
+        {"GET", "/runtime/", 404, "no runtime data \"servicedata://\"\n"},
+        {"PUT", "/runtime/player", 405, "use POST to publish, GET to read the state\n"},
+        {"DELETE", "/runtime", 405, "use POST to publish, GET to read the state\n"},
+    };
+    for (const auto& [method, target, status, body] : cases) {
+        auto reply = testing::httpRequest(service.port(), method, target);
+        EXPECT_EQ(reply.status, status) << method << " " << target;
+        EXPECT_EQ(reply.body, body) << method << " " << target;
+    }
+
+    // A body beyond the limit is refused before it is read.
+    boost::asio::io_context io;
+    boost::beast::tcp_stream stream(io);
+    stream.connect(boost::asio::ip::tcp::endpoint(boost::asio::ip::make_address("127.0.0.1"), service.port()));
+    stream.expires_after(testing::receiveTimeout);
+    boost::asio::write(stream.socket(), boost::asio::buffer(std::string(
+        "POST /runtime/player HTTP/1.1\r\nHost: x\r\nContent-Length: 2000000\r\n\r\n{")));
+    boost::beast::flat_buffer buffer;
+    boost::beast::http::response<boost::beast::http::string_body> response;
+    boost::beast::http::read(stream, buffer, response);
+    EXPECT_EQ(response.result_int(), 413u);
+    EXPECT_EQ(response.body(), "request body larger than 1048576 bytes\n");
+}
+
+TEST(PublishCommandTest, ArgumentsAreCheckedBeforeAnythingIsSent)
+{
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"player", "{}"}, "--service URL is required; usage: tethrix-service publish --service URL NAME TEXT|@FILE"},
+        {{"--service", "http://localhost", "player", "{}"},
+         "--service needs HOST:PORT, e.g. http://127.0.0.1:8080, not \"localhost\""},
+        {{"--service", "127.0.0.1:8080", "player"},
+         "NAME and TEXT are required; usage: tethrix-service publish --service URL NAME TEXT|@FILE"},
+        {{"--service=127.0.0.1:8080", "--dry", "player", "{}"},
+         "unknown option \"--dry\"; usage: tethrix-service publish --service URL NAME TEXT|@FILE"},
+        {{"--service", "127.0.0.1:8080", "player", "@/nonexistent/update.json"},
+         "cannot read \"/nonexistent/update.json\""},
+    };
+    for (const auto& [arguments, message] : cases) {
+        try {
+            parsePublishCommand(arguments);
+            ADD_FAILURE() << "accepted: " << ::testing::PrintToString(arguments);
+        } catch (const std::invalid_argument& error) {
+            EXPECT_EQ(error.what(), message);
+        }
+    }
+    auto request = parsePublishCommand({"--service", "ws://[::1]:9000/tethrix", "player", "{}"});
+    EXPECT_EQ(request.host, "::1");
+    EXPECT_EQ(request.port, "9000");
+}
+
+TEST(PublishCommandTest, AServiceThatIsNotThereIsOneLineAndExitCodeOne)
+{
+    unsigned short port = 0;
+    {
+        testing::TemporaryDirectory directory;
+        testing::createDatabase(directory.path() / "media.db", testing::tracksScript(1));
+        ServiceOptions options;
+        options.database = (directory.path() / "media.db").string();
+        RunningService probe(options);  // a port that is free again once it stops
+        port = probe.port();
+    }
+    std::ostringstream out;
+    std::ostringstream err;
+    const std::string where = "127.0.0.1:" + std::to_string(port);
+    EXPECT_EQ(runPublishCommand({"--service", where, "player", "{}"}, out, err), 1);
+    EXPECT_EQ(out.str(), "");
+    EXPECT_EQ(err.str(), "tethrix-service publish: cannot publish to " + where + ": Connection refused\n");
+}
+
+}  // namespace
+}  // namespace tethrix::service
