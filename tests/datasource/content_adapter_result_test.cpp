@@ -5,6 +5,11 @@
 #include "data_source_fixture.h"
 
 #include "sample_images.h"
+#include "image_server.h"
+
+#include "datasource/http_protocol_handler_actions.h"
+
+#include <zarvo/resource_manager.h>
 
 #include <gmock/gmock.h>
 
@@ -301,6 +306,26 @@ TEST_F(Preload, FieldShowsThePlaceholderUntilTheResourceIsInThenTheValue) {
       <field name="cover" type="string" preload_url="placeholder.png"/></now></sources>)");
     answer("content://com.tavelorix.content/now", {{"cover", ContentDataTypeString}}, {{cover}});
     EXPECT_EQ(value<DataObjectString>("cover"), cover);  // no placeholder, no wait
+}
+
+TEST_F(Preload, RemoteImageOverHttpShowsThePlaceholderThenTheValue) {
+    registerSupportedProtocols(&host.domain());
+    test::ImageServers& servers = test::imageServers();
+    servers.put("preload-cover.png", samplePng());
+    const std::string url = servers.httpUrl("preload-cover.png");
+    start(R"(<sources><now uri="com.tavelorix.content/now">
+      <field name="cover" type="string" preload_url="placeholder.png"/></now></sources>)");
+    std::vector<std::string> shown;
+    auto token = now("cover")->addModifiedSubscription(
+        [&](DataContext& context) { shown.push_back(static_cast<DataObjectString&>(context).getValue()); });
+
+    answer("content://com.tavelorix.content/now", {{"cover", ContentDataTypeString}}, {{url}});
+    ASSERT_TRUE(host.loop().runUntil([&] { return value<DataObjectString>("cover") == url; },
+                                     std::chrono::seconds(20)));
+    now("cover")->removeModifiedSubscription(token);
+
+    EXPECT_THAT(shown, ElementsAre("placeholder.png", url));
+    EXPECT_NE(host.domain().getResourceManager()->acquireLoadedResource(url), nullptr);
 }
 
 }  // namespace
