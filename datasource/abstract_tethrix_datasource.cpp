@@ -1,5 +1,7 @@
 #include "datasource/abstract_tethrix_datasource.h"
 
+#include "datasource/tethrix_data_object_list.h"
+
 #include <zarvo/log.h>
 
 namespace zarvo {
@@ -15,7 +17,12 @@ AbstractTethrixDataSource::AbstractTethrixDataSource(Domain* domain, string_view
 AbstractTethrixDataSource::~AbstractTethrixDataSource() {
     stateSubscription.reset();
     connected.reset();
+    std::shared_ptr<DataObject> oldRoot = std::move(root);
     root.reset();
+    // Lists and their adapters hold each other; without this every reload
+    // and unload would leave the old tree alive. Objects that a binding
+    // still holds keep their last values.
+    TethrixDataObjectList::releaseAdapters(oldRoot);
 }
 
 const Metaclass* AbstractTethrixDataSource::getStaticMetaclass() {
@@ -78,7 +85,12 @@ void AbstractTethrixDataSource::stop() {
         onConnectionStateChanged(Connection::StateLost);
     }
     connected.reset();
+    std::shared_ptr<DataObject> oldRoot = std::move(root);
     root.reset();
+    // Lists and their adapters hold each other; without this every reload
+    // and unload would leave the old tree alive. Objects that a binding
+    // still holds keep their last values.
+    TethrixDataObjectList::releaseAdapters(oldRoot);
 }
 
 void AbstractTethrixDataSource::onConnectionStateChanged(Connection::State state) {

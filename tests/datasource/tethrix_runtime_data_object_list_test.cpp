@@ -182,7 +182,6 @@ TEST_F(TethrixRuntimeDataObjectListTest, ReleasingTheTreeOpensTheRingOfListAdapt
 
     EXPECT_TRUE(adapter.expired());
     EXPECT_EQ(list->itemCount(), 0u);
-    EXPECT_EQ(list->getChildCount(), 0u);
 }
 
 }  // namespace
