@@ -71,21 +71,27 @@ void WebSocketSession::onRead(beast::error_code error, std::size_t)
 
 void WebSocketSession::resumeReading()
 {
+    // Back-pressure: a client that does not take its answers is not asked
+    // for more requests until it does.
+    paused = outboxBytes >= context.limits.sessionOutboxBytes;
+    if (!paused) readNext();
+}
+
+void WebSocketSession::watchStuck()
+{
+    // Past the bound, each answer taken gives the client another while to
+    // take the next; one that takes none in that while is dropped.
     if (outboxBytes < context.limits.sessionOutboxBytes) {
-        paused = false;
         stuckTimer.cancel();
-        return readNext();
+        return;
     }
-    // Back-pressure: a client that does not read its answers gets no more
-    // of them. It may catch up for a while before it is dropped.
-    paused = true;
     stuckTimer.expires_after(context.limits.stuckTimeout);
     stuckTimer.async_wait(beast::bind_front_handler(&WebSocketSession::onStuck, shared_from_this()));
 }
 
 void WebSocketSession::onStuck(beast::error_code error)
 {
-    if (error || !paused || ended) return;
+    if (error || ended || outboxBytes < context.limits.sessionOutboxBytes) return;
     drop(std::to_string(outboxBytes) + " bytes of answers not taken for " +
          std::to_string(context.limits.stuckTimeout.count()) + " ms");
 }
@@ -225,8 +231,10 @@ void WebSocketSession::sendError(std::optional<protocol::RequestId> id, std::str
 void WebSocketSession::send(std::string frame)
 {
     if (ended || closing) return;
+    const bool wasBelow = outboxBytes < context.limits.sessionOutboxBytes;
     outboxBytes += frame.size();
     outbox.push_back(std::move(frame));
+    if (wasBelow) watchStuck();
     // Reading stopped at the bound; what passes it by more than a result
     // frame came from requests already under way, of a client that asked
     // for more than it reads.
@@ -256,7 +264,8 @@ void WebSocketSession::onWrite(beast::error_code error, std::size_t)
     if (error || ended) return end();
     outboxBytes -= outbox.front().size();
     outbox.pop_front();
-    if (paused && !closing && outboxBytes < context.limits.sessionOutboxBytes) resumeReading();
+    watchStuck();
+    if (paused && !closing) resumeReading();
     writeNext();
 }
 

@@ -65,6 +65,9 @@ private:
     void closeAfterWrites(boost::beast::websocket::close_code code);
     /// Reads the next request unless the outbox is past its bound.
     void resumeReading();
+    /// Starts or ends the wait after which a client that takes no answers
+    /// is dropped.
+    void watchStuck();
     void onStuck(boost::beast::error_code error);
     /// Closes the connection at once, saying why on standard error.
     void drop(const std::string& why);
