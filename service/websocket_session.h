@@ -32,7 +32,7 @@ namespace tethrix::service {
 /// queueing unbounded work.
 constexpr std::size_t maxOpenRequests = 256;
 
-class WebSocketSession : public std::enable_shared_from_this<WebSocketSession>, private RuntimeDataSubscriber {
+class WebSocketSession final : public std::enable_shared_from_this<WebSocketSession>, private RuntimeDataSubscriber {
 public:
     WebSocketSession(boost::beast::tcp_stream&& stream, ConnectionSlot slot, ServiceContext& context);
     ~WebSocketSession();
