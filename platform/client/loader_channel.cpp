@@ -22,16 +22,17 @@ const char* const completedQuery = "(a completed query)";
 
 bool isPassingQueryFailure(const std::string& reason) {
     // What the transport says when the connection is down or breaks, and
-    // what the service says when it is too busy to take a query now. A
-    // refusal of the query itself (its filter, its table, its size) names
-    // what was wrong and stays wrong however often it is asked.
+    // what the service says when it cannot take a query now. A refusal of
+    // the query itself (its filter, its table, its size) names what was
+    // wrong and stays wrong however often it is asked. Only the start of a
+    // reason is compared: the rest may quote the query's own text.
     static const char* const passing[] = {
-        "not connected to the service", "connection to the service lost", "too many open requests",
-        "database is locked",           "database table is locked",      "timed out",
-        "time-out",                     "timeout",
+        "not connected to the service",       "connection to the service lost",
+        "too many open requests",             "database: database is locked",
+        "database: database table is locked", "timed out",
     };
     return std::any_of(std::begin(passing), std::end(passing),
-                       [&reason](const char* text) { return reason.find(text) != std::string::npos; });
+                       [&reason](const char* start) { return reason.rfind(start, 0) == 0; });
 }
 
 LoaderChannel::LoaderChannel(ClientCore& core, DefaultContentLoader& loader, MessageDispatcher* dispatcher)
