@@ -213,8 +213,10 @@ TEST(PluginLibrary, ExportsItsModuleEntryAndTheOperationsForOutsideCallersAlone)
 }
 
 TEST(PluginLibrary, ImportsOfOursAreContractOperationsAlone) {
-    std::ifstream listed(std::getenv("ZARVO_CONTRACT_SYMBOLS"));
-    ASSERT_TRUE(listed) << "no list of contract symbols";
+    const char* path = std::getenv("ZARVO_CONTRACT_SYMBOLS");
+    ASSERT_NE(path, nullptr) << "ZARVO_CONTRACT_SYMBOLS names no list of contract symbols";
+    std::ifstream listed(path);
+    ASSERT_TRUE(listed) << "cannot read " << path;
     std::set<std::string> contract;
     for (std::string line; std::getline(listed, line);) {
         if (!line.empty() && line[0] != '#') {
