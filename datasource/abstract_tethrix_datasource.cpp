@@ -1,39 +1,10 @@
 #include "datasource/abstract_tethrix_datasource.h"
 
-#include "datasource/content_adapter.h"
 #include "datasource/tethrix_data_object_list.h"
 
 #include <zarvo/log.h>
-#include <zarvo/runtime_data.h>
-
-#include <vector>
 
 namespace zarvo {
-
-namespace {
-
-/// A runtime node and the data object that mirrors it hold each other (a
-/// runtime list through its rows and its row template too); the links are
-/// cut so that both can go.
-void releaseRuntimeBindings(RuntimeDataObject& node) {
-    node.boundDataObject.reset();
-    for (auto child = node.beginChildren(); child != node.endChildren(); ++child) {
-        releaseRuntimeBindings(**child);
-    }
-    auto* list = dynamic_cast<RuntimeDataObjectList*>(&node);
-    if (list == nullptr) {
-        return;
-    }
-    list->itemTemplateDataObject.reset();
-    if (list->runtimeItemTemplate) {
-        releaseRuntimeBindings(*list->runtimeItemTemplate);
-    }
-    for (std::size_t index = 0; index < list->itemCount(); ++index) {
-        releaseRuntimeBindings(*list->getItem(index));
-    }
-}
-
-}  // namespace
 
 AbstractTethrixDataSource::AbstractTethrixDataSource(Domain* domain, string_view name)
     : DataSource(domain, name), ContentAdapterManager(Context::instance(*domain, nullptr)) {
@@ -46,7 +17,12 @@ AbstractTethrixDataSource::AbstractTethrixDataSource(Domain* domain, string_view
 AbstractTethrixDataSource::~AbstractTethrixDataSource() {
     stateSubscription.reset();
     connected.reset();
+    std::shared_ptr<DataObject> oldRoot = std::move(root);
     root.reset();
+    // Lists and their adapters hold each other; without this every reload
+    // and unload would leave the old tree alive. Objects that a binding
+    // still holds keep their last values.
+    TethrixDataObjectList::releaseAdapters(oldRoot);
 }
 
 const Metaclass* AbstractTethrixDataSource::getStaticMetaclass() {
@@ -99,17 +75,6 @@ void AbstractTethrixDataSource::start() {
 }
 
 void AbstractTethrixDataSource::stop() {
-    // The lists and their adapters, and runtime data and their mirrors, hold
-    // each other; the tree is let go of them once the adapters are gone, so
-    // that unloading frees the whole tree.
-    std::vector<std::shared_ptr<DataObject>> trees{root};
-    for (const auto& adapter : getAdapters()) {
-        if (adapter->getConfig()->runtimeData) {
-            releaseRuntimeBindings(*adapter->getConfig()->runtimeData);
-        }
-        trees.push_back(adapter->getDataObject());
-        trees.push_back(adapter->getItemTemplate());
-    }
     onReleaseAdapters();
     destroyAllAdapters();
     getConnection()->removeStateSubscription(stateSubscription);
@@ -120,10 +85,12 @@ void AbstractTethrixDataSource::stop() {
         onConnectionStateChanged(Connection::StateLost);
     }
     connected.reset();
+    std::shared_ptr<DataObject> oldRoot = std::move(root);
     root.reset();
-    for (const auto& tree : trees) {
-        TethrixDataObjectList::releaseAdapters(tree);
-    }
+    // Lists and their adapters hold each other; without this every reload
+    // and unload would leave the old tree alive. Objects that a binding
+    // still holds keep their last values.
+    TethrixDataObjectList::releaseAdapters(oldRoot);
 }
 
 void AbstractTethrixDataSource::onConnectionStateChanged(Connection::State state) {

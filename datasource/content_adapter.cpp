@@ -149,6 +149,14 @@ std::shared_ptr<DataObject> ContentAdapter::createDataObjectList(const ContentAd
     std::shared_ptr<ContentAdapter> listAdapter;
     if (field.dynamicSource.empty()) {
         listAdapter = shared_from_this();
+    } else if (parent == nullptr) {
+        // A child adapter, started for one key of a dynamic source, has no
+        // manager to search: a dynamic source cannot hold a list field that
+        // names another dynamic source. The list is made without an adapter.
+        ZARVO_LOG_ERROR("tethrix",
+                        "ContentAdapter: list field '{0}' of dynamic source '{1}' names dynamic source '{2}', which "
+                        "a dynamic source cannot hold; the list stays empty",
+                        field.name, config->dynamicSource, field.dynamicSource);
     } else {
         listAdapter = parent->findDynamicSource(field.dynamicSource);
         if (!listAdapter) {
@@ -301,6 +309,7 @@ void ContentAdapter::startDynamicRow(TethrixDataObjectList& list, std::size_t in
     sourceConfig->singleShot = true;
     std::shared_ptr<DataObject> item = list.getItem(index);
     list.notifyItemLoaded(index, item);
+    dropIdleChildAdapters();
     startAdapter(item, sourceConfig);
 }
 

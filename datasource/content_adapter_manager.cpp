@@ -5,7 +5,10 @@
 
 #include <zarvo/content_loader.h>
 
+#include <zarvo/log.h>
+
 #include <algorithm>
+#include <unordered_set>
 
 namespace zarvo {
 
@@ -122,6 +125,38 @@ std::shared_ptr<ContentAdapter> ContentAdapterManager::startAdapter(
 void ContentAdapterManager::stopAdapter(std::shared_ptr<ContentAdapter> adapter) {
     if (std::find(adapters.begin(), adapters.end(), adapter) != adapters.end()) {
         adapter->stop();
+    }
+}
+
+void ContentAdapterManager::dropIdleChildAdapters() {
+    if (adapters.size() < 2 * adaptersAfterDrop + 16) {
+        return;
+    }
+    std::unordered_set<const DataObject*> filledRows;
+    std::vector<std::shared_ptr<ContentAdapter>> kept;
+    kept.reserve(adapters.size());
+    // Newest first: of several children on one row, the newest fills it.
+    for (auto it = adapters.rbegin(); it != adapters.rend(); ++it) {
+        const std::shared_ptr<DataObject> row = (*it)->getDataObject();
+        // This copy and the child's own member: nobody else holds the row.
+        const bool orphaned = !row || row.use_count() <= 2;
+        const bool superseded = row && !filledRows.insert(row.get()).second;
+        if (!orphaned && !superseded) {
+            kept.push_back(*it);
+        }
+    }
+    std::reverse(kept.begin(), kept.end());
+    const std::size_t before = adapters.size();
+    adapters.swap(kept);
+    adaptersAfterDrop = adapters.size();
+    // The dropped children stop in their destructors, here.
+    kept.clear();
+    if (adaptersAfterDrop < before && !reportedIdleAdapters) {
+        reportedIdleAdapters = true;
+        ZARVO_LOG_INFO("tethrix",
+                       "ContentAdapterManager: dropped {} of {} child adapters whose rows are gone or filled anew; "
+                       "idle child adapters are dropped from here on",
+                       before - adaptersAfterDrop, before);
     }
 }
 

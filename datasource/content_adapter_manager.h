@@ -43,10 +43,20 @@ public:
     std::vector<std::shared_ptr<ContentAdapter>> getAdapters() { return adapters; }
     std::shared_ptr<Context> getContext() const { return context; }
 
+protected:
+    /// Child adapters of dynamic-source keys would otherwise gather for as
+    /// long as their parent runs: one for every key of every result. Drops
+    /// those whose row nobody else holds any more (the list let it go) and
+    /// those whose row a newer child adapter fills. Runs in amortised
+    /// constant time: only once the vector has doubled since the last pass.
+    void dropIdleChildAdapters();
+
 private:
     std::vector<std::shared_ptr<ContentAdapter>> adapters;
     std::vector<std::shared_ptr<ContentAdapter>> dynamicAdapters;
     std::shared_ptr<Context> context;
+    std::size_t adaptersAfterDrop = 0;
+    bool reportedIdleAdapters = false;
 };
 
 }  // namespace zarvo

@@ -3,6 +3,8 @@
 #include "datasource/content_adapter.h"
 #include "datasource/tethrix_runtime_data_object_list.h"
 
+#include <zarvo/log.h>
+
 #include <boost/lexical_cast.hpp>
 
 #include <algorithm>
@@ -208,7 +210,16 @@ std::shared_ptr<DataObject> TethrixDataObjectList::getItemTemplate() {
         return referenced.begin()->second;
     }
     if (contentAdapter) {
-        return contentAdapter->getItemTemplate();
+        std::shared_ptr<DataObject> itemTemplate = contentAdapter->getItemTemplate();
+        if (itemTemplate) {
+            return itemTemplate;
+        }
+        // A list field whose source is a single record has no row template;
+        // the engine is never handed a null one.
+        ZARVO_LOG_ERROR("tethrix",
+                        "TethrixDataObjectList::getItemTemplate(): the source '{}' of list '{}' has no row template; "
+                        "is it a single record?",
+                        contentAdapter->getConfig()->name, getName());
     }
     return std::make_shared<DataObject>(getDomain(), "empty");
 }
@@ -277,8 +288,11 @@ void TethrixDataObjectList::progressLoadingQueue() {
         // The lowest waiting row decides, however recently it was asked for.
         // preloadedBlock stays as it is, so read-ahead may later ask for this
         // block once more; that repeat is what brings a first full block in.
-        preloadRequested = true;
         const std::uint64_t first = *loadingQueue.begin();
+        if (!hasAdapterToLoad(first)) {
+            return;
+        }
+        preloadRequested = true;
         loading = contentAdapter->loadItems(blockSize * (first / blockSize), blockSize);
         return;
     }
@@ -291,11 +305,22 @@ void TethrixDataObjectList::progressLoadingQueue() {
         return;
     }
     const std::uint64_t next = signExtend(narrow32(lastIndex + 1)) / blockSize;
-    if (narrow32(next) <= preloadedBlock) {
+    if (narrow32(next) <= preloadedBlock || !hasAdapterToLoad(next * blockSize)) {
         return;
     }
     preloadedBlock = narrow32(next);
     loading = contentAdapter->loadItems(signExtend(narrow32(next * blockSize)), blockSize);
+}
+
+bool TethrixDataObjectList::hasAdapterToLoad(std::uint64_t index) {
+    if (contentAdapter) {
+        return true;
+    }
+    // Rows past the count of a list without an adapter (one whose source
+    // was not found, or one let go by releaseAdapters) cannot be loaded.
+    ZARVO_LOG_ERROR("tethrix", "TethrixDataObjectList: list '{}' has no source to load row {} from", getName(),
+                    index);
+    return false;
 }
 
 void TethrixDataObjectList::releaseAdapters(const std::shared_ptr<DataObject>& tree) {
@@ -303,13 +328,18 @@ void TethrixDataObjectList::releaseAdapters(const std::shared_ptr<DataObject>& t
         return;
     }
     if (auto list = std::dynamic_pointer_cast<TethrixDataObjectList>(tree)) {
+        const std::shared_ptr<ContentAdapter> adapter = std::move(list->contentAdapter);
+        list->contentAdapter.reset();
         for (const auto* rows : {&list->cache.getCreatedItems(), &list->cache.getUnreferencedItems(),
                                  &list->cache.getReferencedItems()}) {
             for (const auto& row : *rows) {
                 releaseAdapters(row.second);
             }
         }
-        list->contentAdapter.reset();
+        // The row template is in no tree, and its list fields hold adapters.
+        if (adapter) {
+            releaseAdapters(adapter->getItemTemplate());
+        }
     }
     if (auto runtimeList = std::dynamic_pointer_cast<TethrixRuntimeDataObjectList>(tree)) {
         runtimeList->releaseRuntimeList();
@@ -317,7 +347,6 @@ void TethrixDataObjectList::releaseAdapters(const std::shared_ptr<DataObject>& t
     for (std::size_t i = 0; i < tree->getChildCount(); ++i) {
         releaseAdapters(tree->getChild(i));
     }
-    tree->removeAllChildren();
 }
 
 }  // namespace zarvo

@@ -104,16 +104,19 @@ public:
     const Cache& getCache() const { return cache; }
     const std::shared_ptr<ContentAdapter>& getContentAdapter() const { return contentAdapter; }
 
-    /// For an owner that throws a whole tree away, such as a host at exit: a
-    /// list and its adapter hold each other for as long as they live, so the
-    /// pairs below `tree` are let go here, runtime lists included, and the
-    /// tree's objects lose their children. Nothing of the data source calls
-    /// this.
+    /// For a data source that throws its tree away (unload, reload): a list
+    /// and its adapter hold each other, and so do a runtime list and its
+    /// mirror, so every such link below `tree` is let go here, row templates
+    /// included. The objects keep their children and values; a list left
+    /// without its adapter loads nothing more.
     static void releaseAdapters(const std::shared_ptr<DataObject>& tree);
     bool isLoading() const { return loading; }
     const std::set<std::uint64_t>& getLoadingQueue() const { return loadingQueue; }
 
 private:
+    /// False, with an error, for a list that has no adapter.
+    bool hasAdapterToLoad(std::uint64_t index);
+
     std::shared_ptr<ContentAdapter> contentAdapter;
     std::uint64_t blockSize;
     /// Highest block requested by read-ahead; only ever grows.

@@ -48,6 +48,31 @@ void TethrixRuntimeDataObjectList::releaseItem(std::size_t index) {
     if (item) {
         item->boundDataObject.reset();
     }
+    // A released row stays among the list's children, and every acquire
+    // after a release adds one more; without this, a list scrolled for a
+    // day would hold every row it ever showed.
+    const std::size_t rows = runtimeList->itemCount();
+    if (getChildCount() >= 2 * rows + 16) {
+        dropUnboundRows(rows);
+    }
+}
+
+void TethrixRuntimeDataObjectList::dropUnboundRows(std::size_t rows) {
+    const std::size_t before = getChildCount();
+    removeAllChildren();
+    for (std::size_t index = 0; index < rows; ++index) {
+        std::shared_ptr<RuntimeDataObject> item = runtimeList->getItem(index);
+        if (item && item->boundDataObject) {
+            addChild(item->boundDataObject);
+        }
+    }
+    if (!reportedDroppedRows) {
+        reportedDroppedRows = true;
+        ZARVO_LOG_INFO("tethrix",
+                       "TethrixRuntimeDataObjectList: list '{}' dropped {} released rows from its children; released "
+                       "rows are dropped from here on",
+                       getName(), before - getChildCount());
+    }
 }
 
 std::shared_ptr<DataObject> TethrixRuntimeDataObjectList::getItemTemplate() {

@@ -36,9 +36,13 @@ public:
     void releaseRuntimeList();
 
 private:
+    /// Keeps only the children that mirror a bound row of the runtime list.
+    void dropUnboundRows(std::size_t rows);
+
     std::shared_ptr<DataObject> emptyItem;
     std::shared_ptr<RuntimeDataObjectList> runtimeList;
     std::shared_ptr<ContentAdapter> contentAdapter;
+    bool reportedDroppedRows = false;
 };
 
 }  // namespace zarvo

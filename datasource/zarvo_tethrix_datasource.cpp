@@ -65,13 +65,29 @@ void ZarvoTethrixDataSource::onCreateAdapters() {
     }
 
     XmlConfigurationReader reader;
-    const std::vector<std::shared_ptr<ContentAdapterConfiguration>> configurations =
-        reader.loadFromFile(getDomain(), xmlFileName, declaration);
+    std::vector<std::shared_ptr<ContentAdapterConfiguration>> configurations;
+    try {
+        configurations = reader.loadFromFile(getDomain(), xmlFileName, declaration);
+    } catch (const std::exception& error) {
+        // A bad number or a missing attribute leaves this operation, and the
+        // load or reload with it, as it always has. The file is watched all
+        // the same, so that repairing it reloads the source.
+        ZARVO_LOG_ERROR("tethrix",
+                        "ZarvoTethrixDataSource: configuration file '{}' could not be read ({}); it is watched for "
+                        "a repair",
+                        xmlFileName, error.what());
+        startFileTracker();
+        throw;
+    }
     for (const auto& configuration : configurations) {
         addAdapter(createAdapter(configuration, getDomain()));
     }
     // Also with no configurations: a file that could not be read is watched,
     // so that repairing it reloads the source.
+    startFileTracker();
+}
+
+void ZarvoTethrixDataSource::startFileTracker() {
     fileTracker.start(xmlFileName, [this](string_view changed) { onFileModified(changed); });
 }
 

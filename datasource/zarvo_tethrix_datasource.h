@@ -51,6 +51,7 @@ public:
 
 private:
     std::string readStringProperty(PropertyType<std::string>& property) const;
+    void startFileTracker();
 
     FileTracker fileTracker;
     std::string xmlFileName;

@@ -149,5 +149,18 @@ TEST_F(TethrixRuntimeDataObjectListTest, AShrunkListTurnsAHeldIndexAway) {
     EXPECT_THAT(log.messages(LogLevel::Error), ElementsAre("Invalid index in acquireItem. index=1 amount=1"));
 }
 
+TEST_F(TethrixRuntimeDataObjectListTest, ReleasingTheTreeOpensTheRingOfListAdapterAndRuntimeTree) {
+    list->acquireItem(0);
+    list->getItemTemplate();  // its dynamic list holds the adapter too
+    std::weak_ptr<ContentAdapter> adapter = manager.getAdapters().front();
+    manager.destroyAllAdapters();
+    ASSERT_FALSE(adapter.expired());  // the list keeps it, by design
+
+    TethrixDataObjectList::releaseAdapters(root);
+
+    EXPECT_TRUE(adapter.expired());
+    EXPECT_EQ(list->itemCount(), 0u);
+}
+
 }  // namespace
 }  // namespace zarvo
