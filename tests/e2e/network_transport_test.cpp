@@ -1,11 +1,14 @@
 // The client library's network transport against a real tethrix-service on
 // 127.0.0.1: the handshake, a query answered with typed values on the loop,
 // the file base URL, and reconnecting after the service went away.
-#include "e2e_support.h"
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/process.h>
+#include <zarvo/testkit/running_service.h>
 
 #include <zarvo/client.h>
 #include <zarvo/client/network_transport.h>
 #include <zarvo/content_loader.h>
+#include <zarvo/testkit/recording_observer.h>
 #include <zarvo/testkit/test_host.h>
 
 #include <boost/any.hpp>
@@ -17,44 +20,16 @@
 #include <unistd.h>
 
 namespace zarvo {
+
+using namespace zarvo::testkit;
 namespace {
 
-namespace service = tethrix::service;
-using test::ServiceRunner;
-
-class Recorder : public ContentLoader::Observer {
-public:
-    void onContentLoaded(ContentLoader*, ContentResult* result) override
-    {
-        onLoop = onLoop && std::this_thread::get_id() == loopThread;
-        result->setRowIndex(0);
-        startIndex = result->getStartIndex();
-        rows = result->getRowCount();
-        values.clear();
-        for (std::size_t c = 0; c < result->getColumnCount(); ++c) values.push_back(result->getValueAny(c));
-        ++loaded;
-    }
-    void onContentInvalidated(ContentLoader*) override {}
-    void onRuntimeDataUpdateReceived(ContentLoader*, const std::string&, const std::string&) override {}
-
-    std::thread::id loopThread = std::this_thread::get_id();
-    bool onLoop = true;
-    int loaded = 0;
-    std::size_t startIndex = 0;
-    std::size_t rows = 0;
-    std::vector<boost::any> values;
-};
 
 class NetworkTransportTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        directory = std::filesystem::temp_directory_path() /
-                    ("tethrix-transport-" + std::to_string(::getpid()) + "-" +
-                     ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::create_directories(directory);
-        auto database = service::SqliteDatabase::openReadWrite((directory / "media.db").string());
-        database.execute("CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT, duration REAL, favourite BOOL);"
+        executeSql(database(), "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT, duration REAL, favourite BOOL);"
                          "INSERT INTO tracks VALUES (1, 'Blue Hour', 215.5, 1), (2, 'Cold Light', 187, 0);");
         context = Context::instance(host.domain(), nullptr);
         client = context->getClient();
@@ -67,10 +42,9 @@ protected:
     {
         client->getConnection()->removeStateSubscription(token);
         client::installTransport(*context, nullptr);
-        std::filesystem::remove_all(directory);
     }
 
-    std::string database() const { return (directory / "media.db").string(); }
+    std::string database() const { return directory.file("media.db"); }
 
     void connectTo(unsigned short port)
     {
@@ -100,7 +74,7 @@ protected:
         return pumpUntil([&] { return !states.empty() && states.back() == state; });
     }
 
-    std::shared_ptr<DefaultContentLoader> makeLoader(Recorder& recorder)
+    std::shared_ptr<DefaultContentLoader> makeLoader(RecordingObserver& recorder)
     {
         auto loader =
             std::make_shared<DefaultContentLoader>(client.get(), client->getConnection()->getMessageDispatcher());
@@ -115,7 +89,7 @@ protected:
                                                        "", index, 1, "id");
     }
 
-    std::filesystem::path directory;
+    TemporaryDirectory directory;
     testkit::TestHost host;
     std::shared_ptr<Context> context;
     std::shared_ptr<Client> client;
@@ -125,24 +99,25 @@ protected:
 
 TEST_F(NetworkTransportTest, QueriesAreAnsweredOnTheLoopWithTheClientsValueTypes)
 {
-    ServiceRunner running(database());
+    RunningService running(database());
     connectTo(running.port());
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     EXPECT_EQ(client->resolveResourceUrl("covers/a.png", 1),
               "http://127.0.0.1:" + std::to_string(running.port()) + "/covers/a.png");
 
-    Recorder recorder;
+    RecordingObserver recorder;
     auto loader = makeLoader(recorder);
     loader->load(tracksQuery(1));
-    ASSERT_TRUE(pumpUntil([&] { return recorder.loaded == 1; }));
-    EXPECT_TRUE(recorder.onLoop);
-    EXPECT_EQ(recorder.startIndex, 1u);
-    ASSERT_EQ(recorder.rows, 1u);
-    ASSERT_EQ(recorder.values.size(), 4u);
-    EXPECT_EQ(boost::any_cast<int>(recorder.values[0]), 2);
-    EXPECT_EQ(boost::any_cast<std::string>(recorder.values[1]), "Cold Light");
-    EXPECT_EQ(boost::any_cast<float>(recorder.values[2]), 187.0f);
-    EXPECT_EQ(boost::any_cast<bool>(recorder.values[3]), false);
+    ASSERT_TRUE(pumpUntil([&] { return recorder.results.size() == 1; }));
+    EXPECT_EQ(recorder.threads[0], std::this_thread::get_id());  // on the loop
+    EXPECT_EQ(recorder.results[0].startIndex, 1u);
+    ASSERT_EQ(recorder.results[0].values.size(), 1u);
+    const std::vector<boost::any>& values = recorder.results[0].values[0];
+    ASSERT_EQ(values.size(), 4u);
+    EXPECT_EQ(boost::any_cast<int>(values[0]), 2);
+    EXPECT_EQ(boost::any_cast<std::string>(values[1]), "Cold Light");
+    EXPECT_EQ(boost::any_cast<float>(values[2]), 187.0f);
+    EXPECT_EQ(boost::any_cast<bool>(values[3]), false);
     loader->removeObserver(&recorder);
 }
 
@@ -150,23 +125,23 @@ TEST_F(NetworkTransportTest, ALostServiceIsReportedAndReconnectedTo)
 {
     unsigned short port = 0;
     {
-        ServiceRunner running(database());
+        RunningService running(database());
         port = running.port();
         connectTo(port);
         ASSERT_TRUE(reachesState(Connection::StateConnected));
     }
     ASSERT_TRUE(reachesState(Connection::StateLost));
 
-    ServiceRunner again(database(), port);
+    RunningService again(database(), port);
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     // Lost is told once, however many attempts failed meanwhile.
     EXPECT_EQ(states, (std::vector<int>{1, 2, 1}));
 
-    Recorder recorder;
+    RecordingObserver recorder;
     auto loader = makeLoader(recorder);
     loader->load(tracksQuery(0));
-    ASSERT_TRUE(pumpUntil([&] { return recorder.loaded == 1; }));
-    EXPECT_EQ(boost::any_cast<std::string>(recorder.values[1]), "Blue Hour");
+    ASSERT_TRUE(pumpUntil([&] { return recorder.results.size() == 1; }));
+    EXPECT_EQ(boost::any_cast<std::string>(recorder.results[0].values[0][1]), "Blue Hour");
     loader->removeObserver(&recorder);
 }
 
@@ -174,12 +149,12 @@ TEST_F(NetworkTransportTest, NoServiceAtFirstIsALostConnection)
 {
     unsigned short port = 0;
     {
-        ServiceRunner probe(database());  // a port that is free again once it stops
+        RunningService probe(database());  // a port that is free again once it stops
         port = probe.port();
     }
     connectTo(port);
     ASSERT_TRUE(reachesState(Connection::StateLost));
-    ServiceRunner running(database(), port);
+    RunningService running(database(), port);
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     EXPECT_EQ(states, (std::vector<int>{2, 1}));
 }

@@ -131,23 +131,6 @@ protected:
     testkit::TestHost host;
 };
 
-TEST_F(ResourceManagerTest, RegistryFindsResourcesByExactName) {
-    auto thing = std::make_shared<Thing>(&host.domain(), "thing");
-    manager().registerResource("Images/thing", thing);
-    EXPECT_EQ(manager().tryAcquireResource("Images/thing"), thing);
-    EXPECT_EQ(manager().acquireLoadedResource("Images/thing"), thing);
-    EXPECT_EQ(manager().tryAcquireResource("images/thing"), nullptr);
-    EXPECT_EQ(manager().tryAcquireResource("Images/thing/"), nullptr);
-
-    auto other = std::make_shared<Thing>(&host.domain(), "other");
-    manager().registerResource("Images/thing", other);
-    EXPECT_EQ(manager().tryAcquireResource("Images/thing"), other);
-    manager().unregisterResource("Images/thing");
-    manager().unregisterResource("Images/thing");
-    EXPECT_EQ(manager().tryAcquireResource("Images/thing"), nullptr);
-    EXPECT_NE(manager().getMemoryManager(), nullptr);
-}
-
 TEST_F(ResourceManagerTest, SchemesAreMatchedWithoutRegardToCase) {
     EXPECT_TRUE(manager().supportsProtocolHandler("test"));
     EXPECT_TRUE(manager().supportsProtocolHandler("TEST"));
@@ -177,12 +160,6 @@ TEST_F(ResourceManagerTest, TasksRunOnLoaderThreadsAndCompleteOnTheLoop) {
     host.runUntilIdle();
     EXPECT_EQ(finished, 1);
     EXPECT_EQ(script.handlerCalls, 3);
-}
-
-TEST_F(ResourceManagerTest, AcquireLoadedResourceStartsNothing) {
-    EXPECT_EQ(manager().acquireLoadedResource("test://a"), nullptr);
-    host.runUntilIdle();
-    EXPECT_EQ(script.handlerCalls, 0);
 }
 
 TEST_F(ResourceManagerTest, RequestsForOneUrlShareOneLoad) {
@@ -219,27 +196,12 @@ TEST_F(ResourceManagerTest, FailuresAreLoggedAndStillCountAsDone) {
     EXPECT_THAT(all, HasSubstr("nohandler://x"));
 }
 
-TEST_F(ResourceManagerTest, TheLoadGoesOnWhenTheHandleIsDropped) {
-    bool finished = false;
-    manager().acquireResourcesAsync({"test://dropped"}, [&] { finished = true; }).reset();
-    EXPECT_TRUE(host.loop().runUntil([&] { return finished; }, patience));
-    EXPECT_NE(manager().acquireLoadedResource("test://dropped"), nullptr);
-}
-
 TEST_F(ResourceManagerTest, ACompletionCallbackThatThrowsIsLogged) {
     bool other = false;
     manager().acquireResourcesAsync({"test://x"}, [] { throw std::runtime_error("callback broke"); });
     manager().acquireResourcesAsync({"test://x"}, [&] { other = true; });
     EXPECT_TRUE(host.loop().runUntil([&] { return other; }, patience));
     EXPECT_THAT(log.messages(LogLevel::Error), testing::ElementsAre(HasSubstr("callback broke")));
-}
-
-TEST_F(ResourceManagerTest, MissingLocalFilesAreLoggedByUrl) {
-    const std::string path = testing::TempDir() + "/zarvo-host-no-such-file.png";
-    EXPECT_EQ(load({path, "file://" + path}), 1);
-    const auto errors = log.messages(LogLevel::Error);
-    ASSERT_EQ(errors.size(), 2u);
-    EXPECT_THAT(errors, testing::UnorderedElementsAre(HasSubstr("'" + path + "'"), HasSubstr("'file://" + path + "'")));
 }
 
 TEST_F(ResourceManagerTest, LocalImagesAreRecognisedByContentAndBecomeTextures) {
