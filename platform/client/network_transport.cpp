@@ -10,9 +10,15 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include <zarvo/log.h>
+
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <deque>
+#include <iomanip>
+#include <limits>
+#include <sstream>
 #include <set>
 #include <thread>
 
@@ -27,11 +33,43 @@ using tcp = asio::ip::tcp;
 
 namespace {
 
-constexpr std::chrono::seconds handshakeTimeout{10};
-/// Without any frame for this long (pings included, which the stream sends
-/// at half of it) the connection counts as broken.
-constexpr std::chrono::seconds idleTimeout{20};
 constexpr std::chrono::seconds closeTimeout{1};
+const char* const logCategory = "tethrix-client";
+
+// The client's value types are int and float, as ContentResult holds them.
+// A number of the service beyond their range becomes the nearest value they
+// hold (docs/service.md); converting it as it is would be undefined.
+int narrowInteger(std::int64_t value, bool& clamped) {
+    if (value > std::numeric_limits<int>::max()) {
+        clamped = true;
+        return std::numeric_limits<int>::max();
+    }
+    if (value < std::numeric_limits<int>::min()) {
+        clamped = true;
+        return std::numeric_limits<int>::min();
+    }
+    return static_cast<int>(value);
+}
+
+float narrowReal(double value, bool& clamped) {
+    // Infinities and NaN have their float; finite values past the largest
+    // float have none.
+    if (value > std::numeric_limits<float>::max() && !std::isinf(value)) {
+        clamped = true;
+        return std::numeric_limits<float>::max();
+    }
+    if (value < std::numeric_limits<float>::lowest() && !std::isinf(value)) {
+        clamped = true;
+        return std::numeric_limits<float>::lowest();
+    }
+    return static_cast<float>(value);
+}
+
+std::string shownNumber(double value) {
+    std::ostringstream text;
+    text << std::setprecision(17) << value;
+    return text.str();
+}
 
 QueryResult toQueryResult(protocol::Result&& result) {
     QueryResult converted;
@@ -40,17 +78,32 @@ QueryResult toQueryResult(protocol::Result&& result) {
         converted.columns.push_back({column.name, static_cast<ContentDataType>(static_cast<int>(column.type))});
     }
     converted.cells.reserve(result.rows.size() * result.columns.size());
+    // Once for each column of a result, so that a table full of such
+    // values gives a line and not a flood.
+    std::vector<bool> told(result.columns.size(), false);
     for (auto& row : result.rows) {
-        for (auto& cell : row) {
-            // The client's value types: int and float, as ContentResult holds them.
+        for (std::size_t c = 0; c < row.size(); ++c) {
+            auto& cell = row[c];
+            bool clamped = false;
+            std::string given;
             if (auto* i = std::get_if<std::int64_t>(&cell)) {
-                converted.cells.emplace_back(static_cast<int>(*i));
+                converted.cells.emplace_back(narrowInteger(*i, clamped));
+                given = std::to_string(*i);
             } else if (auto* d = std::get_if<double>(&cell)) {
-                converted.cells.emplace_back(static_cast<float>(*d));
+                converted.cells.emplace_back(narrowReal(*d, clamped));
+                given = shownNumber(*d);
             } else if (auto* b = std::get_if<bool>(&cell)) {
                 converted.cells.emplace_back(*b);
             } else {
                 converted.cells.emplace_back(std::move(std::get<std::string>(cell)));
+            }
+            if (clamped && c < told.size() && !told[c]) {
+                told[c] = true;
+                ZARVO_LOG_WARNING(logCategory,
+                                  "Column '{}' of the answer to query {} holds {}, beyond the range of the client's "
+                                  "{}; it is delivered as the nearest value in range",
+                                  result.columns[c].name, result.id, given,
+                                  std::holds_alternative<double>(cell) ? "float" : "32-bit int");
             }
         }
     }
@@ -96,7 +149,7 @@ class NetworkTransport::Link : public std::enable_shared_from_this<Link> {
 public:
     explicit Link(NetworkTransportOptions options)
         : options(std::move(options)), work(asio::make_work_guard(io)), resolver(io), retryTimer(io),
-          reconnectDelay(this->options.firstReconnectDelay) {}
+          helloTimer(io), reconnectDelay(this->options.firstReconnectDelay) {}
 
     void start(std::shared_ptr<TransportReceiver> newReceiver) {
         receiver = std::move(newReceiver);
@@ -185,7 +238,7 @@ private:
     }
 
     void onResolved(const tcp::resolver::results_type& found) {
-        beast::get_lowest_layer(current->socket).expires_after(handshakeTimeout);
+        beast::get_lowest_layer(current->socket).expires_after(options.handshakeTimeout);
         beast::get_lowest_layer(current->socket).async_connect(
             found, [self = shared_from_this(), attempt = current](beast::error_code error, const tcp::endpoint&) {
                 if (self->isCurrent(attempt, error)) {
@@ -201,8 +254,8 @@ private:
         beast::error_code ignored;
         beast::get_lowest_layer(current->socket).socket().set_option(tcp::no_delay(true), ignored);
         websocket::stream_base::timeout timeouts{};
-        timeouts.handshake_timeout = handshakeTimeout;
-        timeouts.idle_timeout = idleTimeout;
+        timeouts.handshake_timeout = options.handshakeTimeout;
+        timeouts.idle_timeout = options.idleTimeout;
         timeouts.keep_alive_pings = true;
         current->socket.set_option(timeouts);
         current->socket.read_message_max(protocol::maxResultFrameBytes);
@@ -217,6 +270,14 @@ private:
     void onHandshake() {
         current->socket.text(true);
         send(protocol::encode(protocol::Hello{protocol::protocolVersion, "zarvo client library", ""}));
+        // A peer that answers pings but never says hello (or says it in
+        // another version) would otherwise hold the transport down for ever.
+        helloTimer.expires_after(options.helloTimeout);
+        helloTimer.async_wait([self = shared_from_this(), attempt = current](beast::error_code error) {
+            if (!error && !self->stopping && attempt == self->current && !self->up) {
+                self->fail();
+            }
+        });
         read();
     }
 
@@ -271,9 +332,10 @@ private:
         if (up || hello.version != protocol::protocolVersion) {
             return;
         }
+        helloTimer.cancel();
         up = true;
+        upSince = std::chrono::steady_clock::now();
         reportedLost = false;
-        reconnectDelay = options.firstReconnectDelay;
         receiver->onResourceBaseUrl(hello.filesBaseUrl);
         receiver->onConnectionState(Connection::StateConnected);
     }
@@ -313,8 +375,12 @@ private:
     /// the loss is reported once, and a new attempt follows after a while.
     void fail() {
         dropConnection();
+        helloTimer.cancel();
         bool wasUp = up;
         up = false;
+        if (wasUp && std::chrono::steady_clock::now() - upSince >= options.stableAfter) {
+            reconnectDelay = options.firstReconnectDelay;
+        }
         for (auto id : std::exchange(openQueries, {})) {
             receiver->onQueryError(id, "connection to the service lost");
         }
@@ -347,6 +413,7 @@ private:
     void shutDown() {
         stopping = true;
         retryTimer.cancel();
+        helloTimer.cancel();
         resolver.cancel();
         work.reset();
         if (!current || !up) {
@@ -375,6 +442,7 @@ private:
     asio::executor_work_guard<asio::io_context::executor_type> work;
     tcp::resolver resolver;
     asio::steady_timer retryTimer;
+    asio::steady_timer helloTimer;
     std::thread thread;
     std::shared_ptr<TransportReceiver> receiver;
 
@@ -382,6 +450,7 @@ private:
     bool up = false;
     bool reportedLost = false;
     bool stopping = false;
+    std::chrono::steady_clock::time_point upSince;
     std::chrono::milliseconds reconnectDelay;
     std::set<std::uint64_t> openQueries;
     std::set<std::uint64_t> subscriptions;
