@@ -149,7 +149,7 @@ class NetworkTransport::Link : public std::enable_shared_from_this<Link> {
 public:
     explicit Link(NetworkTransportOptions options)
         : options(std::move(options)), work(asio::make_work_guard(io)), resolver(io), retryTimer(io),
-          helloTimer(io), reconnectDelay(this->options.firstReconnectDelay) {}
+          helloTimer(io), backlogTimer(io), reconnectDelay(this->options.firstReconnectDelay) {}
 
     void start(std::shared_ptr<TransportReceiver> newReceiver) {
         receiver = std::move(newReceiver);
@@ -174,8 +174,12 @@ public:
         if (!up) {
             return receiver->onQueryError(id, "not connected to the service");
         }
+        std::string frame = protocol::encode(query);
+        if (!fits(frame)) {
+            return receiver->onQueryError(id, tooMuchWaiting);
+        }
         openQueries.insert(id);
-        send(protocol::encode(query));
+        send(std::move(frame));
     }
 
     void cancelQuery(std::uint64_t id) {
@@ -188,8 +192,12 @@ public:
         if (!up) {
             return receiver->onSubscriptionError(id, "not connected to the service");
         }
+        std::string frame = protocol::encode(protocol::Subscribe{id, uri});
+        if (!fits(frame)) {
+            return receiver->onSubscriptionError(id, tooMuchWaiting);
+        }
         subscriptions.insert(id);
-        send(protocol::encode(protocol::Subscribe{id, uri}));
+        send(std::move(frame));
     }
 
     void unsubscribe(std::uint64_t id) {
@@ -207,8 +215,17 @@ private:
         websocket::stream<beast::tcp_stream> socket;
         beast::flat_buffer buffer;
         std::deque<std::string> outbox;
+        std::size_t outboxBytes = 0;
         bool writing = false;
     };
+
+    static constexpr const char* tooMuchWaiting = "too much waiting to be sent to the service";
+
+    /// Whether a request may join what waits to be sent: a service that
+    /// reads nothing must not make the client keep every request.
+    bool fits(const std::string& frame) const {
+        return current->outboxBytes + frame.size() <= options.maxPendingSendBytes;
+    }
 
     void connect() {
         if (stopping) {
@@ -301,8 +318,23 @@ private:
             failRequest(*decoded.error.id, "unreadable answer: " + decoded.error.reason);
         }
         if (current) {
-            read();
+            readWhenTheLoopKeepsUp();
         }
+    }
+
+    /// Back-pressure: while the loop has many reports still to take, the
+    /// next frame stays in the socket (and the service's buffers) instead
+    /// of in memory here.
+    void readWhenTheLoopKeepsUp() {
+        if (receiver->pendingReports() < options.maxPendingReports) {
+            return read();
+        }
+        backlogTimer.expires_after(std::chrono::milliseconds(5));
+        backlogTimer.async_wait([self = shared_from_this(), attempt = current](beast::error_code error) {
+            if (!error && !self->stopping && attempt == self->current) {
+                self->readWhenTheLoopKeepsUp();
+            }
+        });
     }
 
     void handle(protocol::Message&& message) {
@@ -349,6 +381,7 @@ private:
     }
 
     void send(std::string frame) {
+        current->outboxBytes += frame.size();
         current->outbox.push_back(std::move(frame));
         if (!current->writing) {
             writeNext();
@@ -366,6 +399,7 @@ private:
                                 if (!self->isCurrent(attempt, error)) {
                                     return;
                                 }
+                                attempt->outboxBytes -= attempt->outbox.front().size();
                                 attempt->outbox.pop_front();
                                 self->writeNext();
                             });
@@ -414,6 +448,7 @@ private:
         stopping = true;
         retryTimer.cancel();
         helloTimer.cancel();
+        backlogTimer.cancel();
         resolver.cancel();
         work.reset();
         if (!current || !up) {
@@ -443,6 +478,7 @@ private:
     tcp::resolver resolver;
     asio::steady_timer retryTimer;
     asio::steady_timer helloTimer;
+    asio::steady_timer backlogTimer;
     std::thread thread;
     std::shared_ptr<TransportReceiver> receiver;
 

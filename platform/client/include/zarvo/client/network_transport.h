@@ -45,6 +45,12 @@ struct NetworkTransportOptions {
     /// Without any frame for this long the connection counts as broken;
     /// pings go out at half of it, and a live service answers them.
     std::chrono::milliseconds idleTimeout{20000};
+    /// Bytes of requests waiting to be sent; a query or subscription past
+    /// it fails at once ("too much waiting to be sent to the service").
+    std::size_t maxPendingSendBytes = std::size_t(4) << 20;
+    /// Answers and updates read and not yet delivered on the loop; past
+    /// it no further frame is read until the loop has caught up.
+    std::size_t maxPendingReports = 1000;
 };
 
 /// Reads "ws://HOST:PORT[/PATH]" or "HOST:PORT"; empty if it is neither.
