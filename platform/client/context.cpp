@@ -25,8 +25,12 @@ Context::Context(Domain& domain)
     : domain(domain), client(std::make_shared<Client>(this, domain.getMessageDispatcher())) {
     // Resource URLs found in the content are the service's: a relative one
     // names a file of the service, never one of the local file system.
+    ResourceManager* resources = domain.getResourceManager();
+    if (resources == nullptr) {
+        return;
+    }
     std::weak_ptr<Client> weakClient = client;
-    domain.getResourceManager()->setUrlResolver([weakClient](const std::string& url) {
+    resources->setUrlResolver([weakClient](const std::string& url) {
         auto alive = weakClient.lock();
         return alive ? alive->resolveResourceUrl(url, 1) : url;
     });
@@ -35,7 +39,10 @@ Context::Context(Domain& domain)
 // Members go in reverse order: the service clients, which point at the
 // client, before the client.
 Context::~Context() {
-    domain.getResourceManager()->setUrlResolver(nullptr);
+    // A context held by a resource may go while the resource manager does.
+    if (ResourceManager* resources = domain.getResourceManager()) {
+        resources->setUrlResolver(nullptr);
+    }
 }
 
 std::shared_ptr<AbstractServiceClient> Context::acquireService(const std::string& name, ServiceFactory factory) {
