@@ -6,6 +6,10 @@
 
 #include <gmock/gmock.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -157,6 +161,26 @@ TEST_F(ZarvoHost, LoadOfAMissingFileSaysWhy) {
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, HasSubstr("error host platform/host/resource_manager.cpp:"));
     EXPECT_THAT(result.err, HasSubstr("zarvo-host: could not load " + directory + "/missing.png"));
+}
+
+TEST_F(ZarvoHost, LoadFromAServerThatAcceptsAndStaysSilentEndsAtTheTimeLimit) {
+    // Listening but never accepting: the kernel completes every connection,
+    // and no byte ever comes back.
+    const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(server, 4), 0);
+    ASSERT_EQ(getsockname(server, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/cover.png";
+
+    const ProgramResult result = host({"load", url, "--timeout-ms", "300"});
+    close(server);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("Loading resource '" + url + "' did not finish within 300 ms"));
+    EXPECT_THAT(result.err, HasSubstr("zarvo-host: could not load " + url));
 }
 
 TEST_F(ZarvoHost, AMissingConfigurationFileGoesToThePlugInWhichLogsTheReadersFailure) {

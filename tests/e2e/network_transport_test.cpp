@@ -8,14 +8,24 @@
 #include <zarvo/client.h>
 #include <zarvo/client/network_transport.h>
 #include <zarvo/content_loader.h>
+#include <zarvo/testkit/log_capture.h>
 #include <zarvo/testkit/recording_observer.h>
 #include <zarvo/testkit/test_host.h>
 
+#include <tethrix/protocol/codec.h>
+
 #include <boost/any.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/websocket.hpp>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <climits>
 #include <filesystem>
+#include <limits>
+#include <mutex>
 #include <thread>
 #include <unistd.h>
 
@@ -46,9 +56,8 @@ protected:
 
     std::string database() const { return directory.file("media.db"); }
 
-    void connectTo(unsigned short port)
+    void connectTo(unsigned short port, client::NetworkTransportOptions options = {})
     {
-        client::NetworkTransportOptions options;
         options.port = port;
         options.firstReconnectDelay = std::chrono::milliseconds(20);
         options.maxReconnectDelay = std::chrono::milliseconds(100);
@@ -157,6 +166,126 @@ TEST_F(NetworkTransportTest, NoServiceAtFirstIsALostConnection)
     RunningService running(database(), port);
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     EXPECT_EQ(states, (std::vector<int>{2, 1}));
+}
+
+TEST_F(NetworkTransportTest, NumbersBeyondTheClientsTypesBecomeTheNearestInRangeAndAreLoggedOncePerColumn)
+{
+    executeSql(database(), "CREATE TABLE numbers(id INTEGER PRIMARY KEY, i INTEGER, r REAL);"
+                           "INSERT INTO numbers VALUES (1, 2147483648, 1e300), (2, -2147483649, -1e300),"
+                           " (3, 9007199254740992, 3.4e38), (4, -7, 0.5);");
+    RunningService running(database());
+    connectTo(running.port());
+    ASSERT_TRUE(reachesState(Connection::StateConnected));
+    testkit::LogCapture log;
+    RecordingObserver recorder;
+    auto loader = makeLoader(recorder);
+    loader->load(std::make_shared<ContentQueryArguments>("content://com.tavelorix.content/numbers",
+                                                         std::vector<std::string>{"i", "r"}, "", 0, 0, "id"));
+    ASSERT_TRUE(pumpUntil([&] { return recorder.results.size() == 1; }));
+    loader->removeObserver(&recorder);
+    ASSERT_EQ(recorder.results[0].values.size(), 4u);
+    const struct {
+        int integer;
+        float real;
+    } expected[] = {{INT_MAX, std::numeric_limits<float>::max()},
+                    {INT_MIN, std::numeric_limits<float>::lowest()},
+                    {INT_MAX, 3.4e38f},
+                    {-7, 0.5f}};
+    for (std::size_t row = 0; row < 4; ++row) {
+        SCOPED_TRACE(row);
+        EXPECT_EQ(boost::any_cast<int>(recorder.results[0].values[row][0]), expected[row].integer);
+        EXPECT_EQ(boost::any_cast<float>(recorder.results[0].values[row][1]), expected[row].real);
+    }
+    EXPECT_THAT(log.messages(LogLevel::Warning),
+                testing::ElementsAre(testing::HasSubstr("Column 'i' of the answer to query"),
+                                     testing::HasSubstr("Column 'r' of the answer to query")));
+}
+
+/// A WebSocket peer on 127.0.0.1 that takes every connection and then either
+/// says nothing or says hello and closes at once. Keeps when each came.
+class BadPeer {
+public:
+    explicit BadPeer(bool sayHello) : sayHello(sayHello)
+    {
+        acceptor.open(tcp::v4());
+        acceptor.bind({boost::asio::ip::address_v4::loopback(), 0});
+        acceptor.listen();
+        thread = std::thread([this] { serve(); });
+    }
+    ~BadPeer()
+    {
+        stopping = true;
+        tcp::socket wake(io);
+        boost::system::error_code ignored;
+        wake.connect(acceptor.local_endpoint(), ignored);
+        thread.join();
+    }
+
+    unsigned short port() const { return acceptor.local_endpoint().port(); }
+    std::vector<std::chrono::steady_clock::time_point> connections() const
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return accepted;
+    }
+
+private:
+    using tcp = boost::asio::ip::tcp;
+
+    void serve()
+    {
+        while (!stopping) {
+            tcp::socket socket(io);
+            boost::system::error_code error;
+            acceptor.accept(socket, error);
+            if (error || stopping) return;
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                accepted.push_back(std::chrono::steady_clock::now());
+            }
+            auto peer = std::make_unique<boost::beast::websocket::stream<tcp::socket>>(std::move(socket));
+            peer->accept(error);
+            if (!error && sayHello) {
+                namespace protocol = tethrix::protocol;
+                peer->text(true);
+                peer->write(boost::asio::buffer(
+                                protocol::encode(protocol::Hello{protocol::protocolVersion, "bad peer", ""})),
+                            error);
+                peer->close(boost::beast::websocket::close_code::normal, error);
+            }
+            silent.push_back(std::move(peer));  // open, unread, until the peer goes
+        }
+    }
+
+    const bool sayHello;
+    boost::asio::io_context io;
+    tcp::acceptor acceptor{io};
+    std::thread thread;
+    std::atomic<bool> stopping{false};
+    mutable std::mutex mutex;
+    std::vector<std::chrono::steady_clock::time_point> accepted;
+    std::vector<std::unique_ptr<boost::beast::websocket::stream<tcp::socket>>> silent;
+};
+
+TEST_F(NetworkTransportTest, APeerWithoutHelloIsLeftAndOneThatDropsEveryConnectionMeetsAGrowingWait)
+{
+    using std::chrono::milliseconds;
+    for (bool sayHello : {false, true}) {
+        SCOPED_TRACE(sayHello ? "hello, then close" : "no hello");
+        states.clear();
+        BadPeer peer(sayHello);
+        client::NetworkTransportOptions options;
+        options.helloTimeout = milliseconds(50);
+        connectTo(peer.port(), options);
+        ASSERT_TRUE(pumpUntil([&] { return peer.connections().size() >= 5; }));
+        client::installTransport(*context, nullptr);
+        host.runUntilIdle();
+
+        const auto at = peer.connections();
+        EXPECT_EQ(std::count(states.begin(), states.end(), Connection::StateConnected) > 0, sayHello);
+        // Waits of 20, 40, 80 and then 100 ms (the maximum) between
+        // attempts: a hello is no reason to start short again.
+        EXPECT_GE(at[4] - at[3], milliseconds(90));
+    }
 }
 
 TEST_F(NetworkTransportTest, ServiceUrlsAreRead)
