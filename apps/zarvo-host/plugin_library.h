@@ -23,7 +23,7 @@ public:
     Module& module() { return *loadedModule; }
     const std::string& path() const { return libraryPath; }
 
-    /// The plug-in built beside this program.
+    /// The plug-in built beside this program, or installed with it.
     static std::string defaultPath();
 
 private:
