@@ -10,3 +10,5 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)
 # Tests run the arm64 programs under qemu-user.
 set(CMAKE_CROSSCOMPILING_EMULATOR qemu-aarch64)
+# pkg-config (which FindCURL asks first) reads the arm64 libraries' files.
+set(ENV{PKG_CONFIG_LIBDIR} "/usr/lib/aarch64-linux-gnu/pkgconfig:/usr/share/pkgconfig")
