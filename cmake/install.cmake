@@ -36,6 +36,7 @@ set_target_properties(zarvo-host PROPERTIES INSTALL_RPATH "$ORIGIN/${bin_to_lib}
 install(TARGETS zarvo_contract zarvo_host zarvo_client EXPORT ZarvoTethrixTargets
   LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime NAMELINK_COMPONENT dev)
 install(DIRECTORY platform/include/zarvo DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT dev)
+install(DIRECTORY platform/host/include/zarvo DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT dev)
 install(EXPORT ZarvoTethrixTargets NAMESPACE ZarvoTethrix:: DESTINATION "${ZARVO_INSTALL_CMAKEDIR}"
   COMPONENT dev)
 configure_package_config_file(cmake/ZarvoTethrixConfig.cmake.in
