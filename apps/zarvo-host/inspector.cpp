@@ -197,7 +197,7 @@ void Inspector::onQuery(const QueryEvent& event) {
     if (event.kind == QueryEvent::Kind::Answered) {
         ++queries.answered;
         queries.lastRoundTripMs = milliseconds;
-        if (queries.blocks.size() < MAX_TREE_OBJECTS) {
+        if (queries.blocks.size() < MAX_COUNTED_BLOCKS) {
             queries.blocks.insert(event.index);
         }
         state = std::to_string(event.rows) + " rows in " + std::to_string(std::lround(milliseconds * 10) / 10) + "." +

@@ -33,6 +33,8 @@ namespace zarvo::host {
 constexpr std::size_t MAX_TREE_OBJECTS = 5000;
 /// Image URLs the page may ask for: those it was shown, the latest kept.
 constexpr std::size_t MAX_KNOWN_IMAGE_URLS = 4096;
+/// Distinct blocks of one list counted as fetched.
+constexpr std::size_t MAX_COUNTED_BLOCKS = 5000;
 /// Queries of a list the panel shows.
 constexpr std::size_t RECENT_QUERIES_PER_LIST = 8;
 /// How often pages are sent what changed.

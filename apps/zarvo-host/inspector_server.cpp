@@ -115,7 +115,7 @@ public:
 
 InspectorBackend::~InspectorBackend() = default;
 
-struct InspectorServer::Shared {
+struct InspectorServer::Shared : std::enable_shared_from_this<InspectorServer::Shared> {
     Shared(const InspectorServerOptions& options, ZvuMessageDispatcher& loop, std::weak_ptr<InspectorBackend> backend)
         : options(options), loop(loop), backend(std::move(backend)), acceptor(io), work(asio::make_work_guard(io)) {}
 
@@ -185,24 +185,30 @@ private:
             return;
         }
         socket.text(true);
-        Shared* server = &shared;
+        std::weak_ptr<Shared> server = shared.shared_from_this();
         std::weak_ptr<BrowserConnection> weak = shared_from_this();
         // The loop keeps the channel; what it sends comes over to this
-        // thread and into the outbox, if the connection is still there.
+        // thread and into the outbox, if server and connection are still
+        // there. The server holds itself until its thread has ended, so the
+        // loop never lets go of it last while the thread runs.
         channel = std::make_shared<BrowserChannel>(
             [server, weak](std::string message) {
-                asio::post(server->io, [weak, message = std::move(message)]() mutable {
-                    if (const auto self = weak.lock()) {
-                        self->enqueue(std::move(message));
-                    }
-                });
+                if (const auto alive = server.lock()) {
+                    asio::post(alive->io, [weak, message = std::move(message)]() mutable {
+                        if (const auto self = weak.lock()) {
+                            self->enqueue(std::move(message));
+                        }
+                    });
+                }
             },
             [server, weak](std::string reason) {
-                asio::post(server->io, [weak, reason = std::move(reason)]() {
-                    if (const auto self = weak.lock()) {
-                        self->closeWith(websocket::close_code::policy_error, reason);
-                    }
-                });
+                if (const auto alive = server.lock()) {
+                    asio::post(alive->io, [weak, reason = std::move(reason)]() {
+                        if (const auto self = weak.lock()) {
+                            self->closeWith(websocket::close_code::policy_error, reason);
+                        }
+                    });
+                }
             });
         shared.toLoop([channel = channel](InspectorBackend& backend) { backend.addBrowser(channel); });
         readNext();
@@ -417,11 +423,15 @@ private:
         ++shared.loopRequests;
         stream.expires_never();
         shared.waiting.insert(shared_from_this());
-        Shared* server = &shared;
+        std::weak_ptr<Shared> alive = shared.shared_from_this();
         std::weak_ptr<HttpConnection> weak = shared_from_this();
-        shared.toLoop([work = std::move(work), server, weak](InspectorBackend& backend) {
-            work(backend, [server, weak](std::function<Response()> make) {
-                asio::post(server->io, [server, weak, make = std::move(make)]() {
+        shared.toLoop([work = std::move(work), alive, weak](InspectorBackend& backend) {
+            work(backend, [alive, weak](std::function<Response()> make) {
+                const auto server = alive.lock();
+                if (!server) {
+                    return;
+                }
+                asio::post(server->io, [server = server.get(), weak, make = std::move(make)]() {
                     --server->loopRequests;
                     if (const auto connection = weak.lock()) {
                         server->waiting.erase(connection);

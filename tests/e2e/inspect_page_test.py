@@ -34,7 +34,12 @@ def skip(why):
 try:
     import websocket
 except ImportError:
-    skip("the Python module websocket (Debian's python3-websocket) is missing")
+    # Debian's package, for an interpreter that is not Debian's own.
+    sys.path.append("/usr/lib/python3/dist-packages")
+    try:
+        import websocket
+    except ImportError:
+        skip("the Python module websocket (Debian's python3-websocket) is missing")
 
 
 class Failure(Exception):
@@ -194,9 +199,10 @@ def run(arguments, work, processes):
     print("ok: a cover image is %d pixels wide" % width)
 
     if arguments.screenshot:
-        page.evaluate("inspector.scrollList('Root.tracks', 4998)")
+        page.evaluate("inspector.scrollList('Root.tracks', 4998);"
+                      "document.querySelector('%s').scrollIntoView({block: 'center'})" % TRACKS_LIST)
         page.wait_for(row_titles(4998, 4), "rows 4998 to 5001")
-        time.sleep(0.3)
+        time.sleep(0.5)
         shot = page.call("Page.captureScreenshot", format="png")
         with open(arguments.screenshot, "wb") as out:
             import base64

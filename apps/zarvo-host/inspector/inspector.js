@@ -80,7 +80,9 @@ class ListView {
   windowSize() { return Math.ceil(this.viewport.clientHeight / ROW) + 1 || 11; }
 
   layout() {
-    this.spacer.style.height = Math.max(this.count, this.reach) * ROW + 'px';
+    const rows = Math.max(this.count, this.reach);
+    this.spacer.style.height = rows * ROW + 'px';
+    this.viewport.style.height = Math.min(10, Math.max(1, rows)) * ROW + 'px';
   }
 
   schedule() {
@@ -91,7 +93,9 @@ class ListView {
   request() {
     const first = Math.floor(this.viewport.scrollTop / ROW);
     const size = this.windowSize();
-    const verb = first + size > this.count ? 'jump' : 'view';
+    // Past the count only where the page was sent there: a list that knows
+    // its count (a runtime list) has no rows beyond it.
+    const verb = this.reach > this.count && first + size > this.count ? 'jump' : 'view';
     const message = verb + ' ' + this.id + ' ' + first + ' ' + size;
     if (message !== this.sent) this.sent = this.inspector.send(message) ? message : '';
   }
@@ -288,8 +292,9 @@ class Inspector {
       row.dataset.level = level;
       row.dataset.category = category;
       row.dataset.sequence = sequence;
-      row.append(element('td', '', level), element('td', '', category), element('td', 'where', where),
-                 element('td', '', text));
+      const message = element('td', '', text);
+      message.append(element('div', 'where', where));
+      row.append(element('td', '', level), element('td', '', category), message);
       body.append(row);
       if (!this.categories.has(category)) {
         this.categories.add(category);
