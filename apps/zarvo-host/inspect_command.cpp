@@ -11,6 +11,8 @@
 #include <zarvo/client.h>
 #include <zarvo/client/network_transport.h>
 
+#include <boost/asio/ip/address.hpp>
+
 #include <csignal>
 #include <iostream>
 
@@ -37,6 +39,11 @@ InspectorServerOptions parseInspectOptions(const CommandLine& line) {
             options.port = static_cast<unsigned short>(port);
         } else if (argument == "--bind") {
             options.bind = optionValue(line.rest, i);
+            boost::system::error_code error;
+            boost::asio::ip::make_address(options.bind, error);
+            if (error) {
+                throw UsageError("not an address to listen on: \"" + options.bind + "\"");
+            }
         } else {
             throw UsageError("unexpected argument " + argument + " for inspect");
         }

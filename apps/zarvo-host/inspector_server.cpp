@@ -1,5 +1,7 @@
 #include "inspector_server.h"
 
+#include <zarvo/log.h>
+
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -177,7 +179,7 @@ public:
         socket.async_accept(request, beast::bind_front_handler(&BrowserConnection::onAccept, shared_from_this()));
     }
 
-    void shutdown() override { closeWith(websocket::close_code::going_away, "the inspector stops"); }
+    void shutdown() override { close(); }
 
 private:
     void onAccept(beast::error_code error) {
@@ -205,7 +207,7 @@ private:
                 if (const auto alive = server.lock()) {
                     asio::post(alive->io, [weak, reason = std::move(reason)]() {
                         if (const auto self = weak.lock()) {
-                            self->closeWith(websocket::close_code::policy_error, reason);
+                            self->drop(reason);
                         }
                     });
                 }
@@ -220,7 +222,7 @@ private:
 
     void onRead(beast::error_code error, std::size_t) {
         if (error) {
-            channel->markClosed();
+            close();
             return;
         }
         handle(beast::buffers_to_string(buffer.data()));
@@ -244,8 +246,7 @@ private:
     }
 
     void enqueue(std::string message) {
-        if (closing) {
-            channel->written(message.size());
+        if (closed) {
             return;
         }
         outbox.push_back(std::move(message));
@@ -257,9 +258,6 @@ private:
     void writeNext() {
         if (outbox.empty()) {
             writing = false;
-            if (closing) {
-                socket.async_close(*closing, [self = shared_from_this()](beast::error_code) {});
-            }
             return;
         }
         writing = true;
@@ -271,37 +269,33 @@ private:
         channel->written(outbox.front().size());
         outbox.pop_front();
         if (error) {
-            channel->markClosed();
-            for (const std::string& message : outbox) {
-                channel->written(message.size());
-            }
             outbox.clear();
+            close();
             return;
         }
         writeNext();
     }
 
-    void closeWith(websocket::close_code code, const std::string& reason) {
-        if (closing) {
+    /// Closes at once, without a closing handshake: a browser that does
+    /// not take what it is sent would not take that either, and the
+    /// server's thread must not wait for it.
+    void close() {
+        if (closed) {
             return;
         }
-        closing = websocket::close_reason(code, reason);
-        if (!channel) {
-            beast::get_lowest_layer(socket).close();  // not yet a WebSocket
-            return;
-        }
-        {
+        closed = true;
+        if (channel) {
             channel->markClosed();
-            for (std::size_t i = writing ? 1 : 0; i < outbox.size(); ++i) {
-                channel->written(outbox[i].size());
-            }
         }
-        // What waits is dropped; the close frame follows the write under way.
-        if (writing) {
-            outbox.resize(1);
-        } else {
-            outbox.clear();
-            writeNext();
+        beast::error_code ignored;
+        beast::get_lowest_layer(socket).socket().shutdown(tcp::socket::shutdown_both, ignored);
+        beast::get_lowest_layer(socket).close();
+    }
+
+    void drop(const std::string& reason) {
+        if (!closed) {
+            ZARVO_LOG_WARNING("inspect", "A browser was dropped: {}", reason);
+            close();
         }
     }
 
@@ -311,7 +305,7 @@ private:
     beast::flat_buffer buffer;
     std::deque<std::string> outbox;
     bool writing = false;
-    std::optional<websocket::close_reason> closing;
+    bool closed = false;
 };
 
 /// One HTTP connection: page files, the snapshot, images, and the upgrade

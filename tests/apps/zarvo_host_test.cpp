@@ -140,7 +140,7 @@ TEST_F(ZarvoHost, BadInputGivesOneLineAndANonZeroExit) {
         {{"scroll", "tracks", "--step", "0"}, 2, "--window and --step take at least 1"},
         {{"watch", "--for", "soon"}, 2, "option --for takes a number of seconds"},
         {{"inspect", "--port", "70000"}, 2, "option --port takes a port from 0 to 65535"},
-        {{"inspect", "--bind", "nowhere"}, 1, "not an address to listen on: \"nowhere\""},
+        {{"inspect", "--bind", "nowhere"}, 2, "not an address to listen on: \"nowhere\""},
     };
     for (const FailureRow& row : rows) {
         const ProgramResult result = host(row.arguments);
