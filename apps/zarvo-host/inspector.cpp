@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <unordered_set>
 
 namespace zarvo::host {
@@ -200,8 +201,9 @@ void Inspector::onQuery(const QueryEvent& event) {
         if (queries.blocks.size() < MAX_COUNTED_BLOCKS) {
             queries.blocks.insert(event.index);
         }
-        state = std::to_string(event.rows) + " rows in " + std::to_string(std::lround(milliseconds * 10) / 10) + "." +
-                std::to_string(std::lround(milliseconds * 10) % 10) + " ms";
+        char text[64];
+        std::snprintf(text, sizeof text, "%zu rows in %.1f ms", event.rows, milliseconds);
+        state = text;
     } else {
         ++queries.failed;
         state = "failed";

@@ -113,36 +113,48 @@ class ListView {
   setCount(count) {
     if (count === this.count) return;
     this.count = count;
+    if (this.stats) this.stats.count.textContent = String(count);
     this.layout();
     this.schedule();
   }
 
-  renderPanel(panel) {
-    if (panel.count !== undefined) this.setCount(panel.count);
-    const stat = (name, label, value) => {
+  // The panel's figures, made once so that typing in "go to row" survives
+  // the updates.
+  makePanel() {
+    this.stats = {};
+    const stat = (name, label) => {
       const span = element('span', '', label + ' ');
-      const b = element('b', '', value === undefined ? '–' : String(value));
-      b.dataset.stat = name;
-      span.append(b);
-      return span;
+      const value = element('b', '', '–');
+      value.dataset.stat = name;
+      this.stats[name] = value;
+      span.append(value);
+      this.panel.append(span);
     };
-    const go = element('input');
+    stat('count', 'items');
+    stat('heldHere', 'rows held here');
+    stat('heldByViews', 'by all views');
+    stat('unfilled', 'waiting');
+    stat('sent', 'queries sent');
+    stat('blocks', 'blocks fetched');
+    stat('roundTripMs', 'last round trip ms');
+    this.panel.append(element('span', 'note',
+      'resident rows of the list\'s own cache: not visible through the list interface'));
+    const go = element('input', 'goto');
     go.type = 'number';
     go.min = 0;
     go.placeholder = 'go to row';
-    go.className = 'goto';
     go.addEventListener('change', () => this.scrollTo(Number(go.value) || 0));
-    this.panel.replaceChildren(
-      stat('count', 'items', this.count),
-      stat('heldHere', 'rows held here', panel.heldHere),
-      stat('heldByViews', 'by all views', panel.heldByViews),
-      stat('unfilled', 'waiting', panel.unfilled),
-      stat('sent', 'queries sent', panel.sent || 0),
-      stat('blocks', 'blocks fetched', panel.blocks || 0),
-      stat('roundTripMs', 'last round trip ms',
-           panel.roundTripMs === undefined ? undefined : panel.roundTripMs.toFixed(1)),
-      element('span', 'note', 'resident rows of the list\'s own cache: not visible through the list interface'),
-      go);
+    this.panel.append(go);
+  }
+
+  renderPanel(panel) {
+    if (!this.stats) this.makePanel();
+    if (panel.count !== undefined) this.setCount(panel.count);
+    const figures = Object.assign({ sent: 0, blocks: 0 }, panel, { count: this.count });
+    if (figures.roundTripMs !== undefined) figures.roundTripMs = figures.roundTripMs.toFixed(1);
+    for (const [name, value] of Object.entries(this.stats)) {
+      value.textContent = figures[name] === undefined ? '–' : String(figures[name]);
+    }
     this.queries.replaceChildren(...(panel.recent || []).slice().reverse().map(
       ([index, count, state]) => element('div', '', 'rows ' + index + '+' + count + ': ' + state)));
   }
