@@ -383,6 +383,11 @@ public:
         if (type == "unsubscribe") return Unsubscribe{requestId()};
         if (type == "ping") return Ping{reader.unsignedInteger("id")};
         if (type == "pong") return Pong{reader.unsignedInteger("id")};
+        // The sender may still tell which of its requests was refused.
+        if (const json::value* given = reader.optional("id")) {
+            if (given->is_uint64()) id = given->get_uint64();
+            if (given->is_int64() && given->get_int64() >= 0) id = static_cast<RequestId>(given->get_int64());
+        }
         fail("unknown message type " + quoted(type));
     }
 

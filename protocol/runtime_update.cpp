@@ -76,6 +76,13 @@ std::size_t readIndex(const json::value& value, const Path& path)
     refuse(path, shown(value) + " is not a row index");
 }
 
+RuntimeUpdateFault tooLarge(std::size_t bytes, std::size_t limit)
+{
+    return RuntimeUpdateFault{std::string(), "the tree would grow to about " + std::to_string(bytes) +
+                                                 " bytes, past its limit of " + std::to_string(limit) +
+                                                 "; remove rows or shorten values first"};
+}
+
 const std::string& rowsKey()
 {
     static const std::string key = "rows";

@@ -69,6 +69,7 @@ FileServer::Resolution FileServer::resolve(std::string_view target) const
         start = end + 1;
         if (segment == "..") return {http::status::forbidden, {}};
         if (segment.empty() || segment == ".") continue;
+        if (segment.front() == '.') return {http::status::not_found, {}};
         relative /= segment;
     }
     if (!root || relative.empty()) return {http::status::not_found, {}};
@@ -78,6 +79,9 @@ FileServer::Resolution FileServer::resolve(std::string_view target) const
     if (error) return {http::status::not_found, {}};
     // A symbolic link inside the directory may point anywhere.
     if (!isWithin(file, *root)) return {http::status::forbidden, {}};
+    for (const auto& part : file.lexically_relative(*root)) {
+        if (part.native().front() == '.') return {http::status::not_found, {}};
+    }
     if (!fs::is_regular_file(file, error)) return {http::status::not_found, {}};
     return {http::status::ok, file};
 }
@@ -95,36 +99,31 @@ http::message_generator textResponse(const HttpRequest& request, http::status st
     return response;
 }
 
-http::message_generator FileServer::respond(const HttpRequest& request) const
+FileServer::Reply FileServer::respond(const HttpRequest& request) const
 {
     if (request.method() != http::verb::get && request.method() != http::verb::head) {
-        return textResponse(request, http::status::method_not_allowed, "method not allowed");
+        return Reply(textResponse(request, http::status::method_not_allowed, "method not allowed"));
     }
     Resolution resolution = resolve(request.target());
     if (resolution.status != http::status::ok) {
-        return textResponse(request, resolution.status, http::obsolete_reason(resolution.status));
+        return Reply(textResponse(request, resolution.status, http::obsolete_reason(resolution.status)));
     }
     boost::beast::error_code error;
-    http::file_body::value_type body;
-    body.open(resolution.file.c_str(), boost::beast::file_mode::scan, error);
-    if (error) return textResponse(request, http::status::not_found, "not found");
-    auto size = body.size();
+    auto file = std::make_shared<boost::beast::file>();
+    file->open(resolution.file.c_str(), boost::beast::file_mode::scan, error);
+    std::uint64_t size = error ? 0 : file->size(error);
+    if (error) return Reply(textResponse(request, http::status::not_found, "not found"));
 
-    auto headers = [&](auto& response) {
-        response.set(http::field::server, serverName);
-        response.set(http::field::content_type, contentTypeFor(resolution.file));
-        response.content_length(size);
-        response.keep_alive(request.keep_alive());
-    };
-    if (request.method() == http::verb::head) {
-        http::response<http::empty_body> response(http::status::ok, request.version());
-        headers(response);
-        return response;
-    }
-    http::response<http::file_body> response(std::piecewise_construct, std::make_tuple(std::move(body)),
-                                             std::make_tuple(http::status::ok, request.version()));
-    headers(response);
-    return response;
+    // The header only; the body follows it piece by piece (HttpSession).
+    http::response<http::empty_body> response(http::status::ok, request.version());
+    response.set(http::field::server, serverName);
+    response.set(http::field::content_type, contentTypeFor(resolution.file));
+    response.content_length(size);
+    response.keep_alive(request.keep_alive());
+    Reply reply{http::message_generator(std::move(response))};
+    reply.size = size;
+    if (request.method() != http::verb::head && size != 0) reply.file = std::move(file);
+    return reply;
 }
 
 std::string_view contentTypeFor(const fs::path& file)

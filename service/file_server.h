@@ -1,12 +1,17 @@
 // Serves the files under one directory over HTTP, for the image loader.
 // Only paths inside the directory are served: dot-dot segments, NUL bytes
-// and symbolic links that lead outside are refused.
+// and symbolic links that lead outside are refused, and names that begin
+// with a dot (.git, .env and the like) are not there.
 #ifndef TETHRIX_SERVICE_FILE_SERVER_H
 #define TETHRIX_SERVICE_FILE_SERVER_H
 
 #include <boost/beast/http.hpp>
 
+#include <boost/beast/core/file.hpp>
+
+#include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,7 +36,16 @@ public:
     /// Maps a request target such as "/covers/a%20b.png?x" to a file.
     Resolution resolve(std::string_view target) const;
 
-    http::message_generator respond(const HttpRequest& request) const;
+    /// What to send for a request: the header, and the file to send after
+    /// it when there is a body. Touches the disk: call it off the network
+    /// thread.
+    struct Reply {
+        explicit Reply(http::message_generator head) : head(std::move(head)) {}
+        http::message_generator head;
+        std::shared_ptr<boost::beast::file> file;  ///< open, at its start; null without body
+        std::uint64_t size = 0;
+    };
+    Reply respond(const HttpRequest& request) const;
 
 private:
     std::optional<std::filesystem::path> root;  ///< canonical

@@ -3,6 +3,8 @@
 #include "publish_command.h"
 
 #include <charconv>
+#include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <stdexcept>
 
@@ -23,6 +25,22 @@ unsigned short portNumber(const std::string& text)
         refuse("--port needs a number from 0 to 65535, not \"" + text + "\"");
     }
     return static_cast<unsigned short>(value);
+}
+
+/// A whole number from `least` up, for the option `name`.
+std::uint64_t count(const std::string& name, const std::string& text, std::uint64_t least = 1)
+{
+    std::uint64_t value = 0;
+    auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || value < least || value > (1ull << 40)) {
+        refuse(name + " needs a whole number from " + std::to_string(least) + " up, not \"" + text + "\"");
+    }
+    return value;
+}
+
+std::chrono::milliseconds milliseconds(const std::string& name, const std::string& text)
+{
+    return std::chrono::milliseconds(static_cast<std::int64_t>(count(name, text)));
 }
 
 void check(const ServiceOptions& options)
@@ -77,6 +95,24 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
             options.runtimeFiles.push_back(value());
         } else if (name == "--simulate") {
             options.simulate.push_back(value());
+        } else if (name == "--max-connections") {
+            options.limits.maxConnections = count(name, value());
+        } else if (name == "--max-session-buffer") {
+            options.limits.sessionOutboxBytes = count(name, value());
+        } else if (name == "--stuck-timeout-ms") {
+            options.limits.stuckTimeout = milliseconds(name, value());
+        } else if (name == "--idle-timeout-ms") {
+            options.limits.idleTimeout = milliseconds(name, value());
+        } else if (name == "--request-timeout-ms") {
+            options.limits.requestTimeout = milliseconds(name, value());
+        } else if (name == "--query-time-limit-ms") {
+            options.limits.queryTimeLimit = milliseconds(name, value());
+        } else if (name == "--query-workers") {
+            const auto workers = count(name, value());
+            if (workers > 64) refuse("--query-workers takes 1 to 64, not " + std::to_string(workers));
+            options.limits.queryWorkers = static_cast<unsigned>(workers);
+        } else if (name == "--max-tree-bytes") {
+            options.limits.maxRuntimeTreeBytes = count(name, value());
         } else if (name == "--log-queries") {
             flag();
             options.logQueries = true;
@@ -105,6 +141,20 @@ std::string usage()
            "  --runtime FILE     publish the runtime data trees of FILE (repeatable)\n"
            "  --simulate NAME    let a simulated player drive the tree NAME (repeatable)\n"
            "  --help             this text\n"
+           "\n"
+           "Limits (docs/limits.md):\n"
+           "  --max-connections N        open connections (default 512)\n"
+           "  --max-session-buffer BYTES answers queued for one client before it is\n"
+           "                             read no more (default 16777216)\n"
+           "  --stuck-timeout-ms MS      time a client may stay past that before it is\n"
+           "                             closed (default 30000)\n"
+           "  --idle-timeout-ms MS       a silent WebSocket peer is pinged at half this\n"
+           "                             and closed after it (default 60000)\n"
+           "  --request-timeout-ms MS    time for an HTTP request to arrive and for each\n"
+           "                             piece of an answer to leave (default 30000)\n"
+           "  --query-time-limit-ms MS   time a query may run (default 10000)\n"
+           "  --query-workers N          threads running queries (default 2)\n"
+           "  --max-tree-bytes BYTES     size of a runtime data tree (default 8388608)\n"
            "\n"
            "Prints \"listening on ADDRESS:PORT\" once ready. Stops on SIGINT or SIGTERM.\n"
            "\n") +

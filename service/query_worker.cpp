@@ -5,9 +5,24 @@
 
 #include <tethrix/protocol/codec.h>
 
-#include <chrono>
-
 namespace tethrix::service {
+
+namespace {
+
+QueryAnswer errorAnswer(protocol::RequestId id, const QueryError& error)
+{
+    QueryAnswer answer;
+    answer.id = id;
+    protocol::Error message;
+    message.id = id;
+    message.reason = error.what();
+    if (auto position = error.getPosition()) message.position = *position;
+    answer.frame = protocol::encode(message);
+    answer.error = error.what();
+    return answer;
+}
+
+}  // namespace
 
 QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query)
 {
@@ -22,23 +37,29 @@ QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query)
                              " bytes, ask for fewer rows");
         }
     } catch (const QueryError& error) {
-        protocol::Error message;
-        message.id = query.id;
-        message.reason = error.what();
-        if (auto position = error.getPosition()) message.position = *position;
-        answer.frame = protocol::encode(message);
-        answer.rows = 0;
-        answer.error = error.what();
+        return errorAnswer(query.id, error);
     }
     return answer;
 }
 
-QueryWorker::QueryWorker(std::unique_ptr<ContentStore> contentStore, bool logQueries)
-    : store(std::move(contentStore)), logQueries(logQueries)
+QueryWorker::QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std::chrono::milliseconds timeLimit,
+                         bool logQueries)
+    : timeLimit(timeLimit), logQueries(logQueries)
 {
-    // Only the worker thread touches `current`, so the check needs no lock.
-    store->setInterruptCheck([this] { return abandoning.load() || (current && current->load()); });
-    thread = std::thread([this] { run(); });
+    for (auto& store : stores) {
+        auto lane = std::make_unique<Lane>();
+        lane->store = std::move(store);
+        Lane* raw = lane.get();
+        raw->store->setInterruptCheck([this, raw] {
+            return abandoning.load() || (raw->current && raw->current->load()) ||
+                   std::chrono::steady_clock::now() >= raw->deadline;
+        });
+        lanes.push_back(std::move(lane));
+    }
+    for (auto& lane : lanes) {
+        Lane* raw = lane.get();
+        raw->thread = std::thread([this, raw] { run(*raw); });
+    }
 }
 
 QueryWorker::~QueryWorker()
@@ -46,59 +67,86 @@ QueryWorker::~QueryWorker()
     {
         std::lock_guard<std::mutex> lock(mutex);
         stopping = true;
-        jobs.clear();
+        queued.clear();
+        ready.clear();
     }
-    abandoning = true;  // a long query under way is interrupted, not awaited
-    wake.notify_one();
-    thread.join();
-    store->setInterruptCheck(nullptr);
+    abandoning = true;  // long queries under way are interrupted, not awaited
+    wake.notify_all();
+    for (auto& lane : lanes) {
+        lane->thread.join();
+        lane->store->setInterruptCheck(nullptr);
+    }
 }
 
-void QueryWorker::submit(protocol::Query query, CancelFlag cancel, Done done)
+void QueryWorker::submit(Client client, protocol::Query query, CancelFlag cancel, Done done)
 {
     {
         std::lock_guard<std::mutex> lock(mutex);
-        jobs.push_back(Job{std::move(query), std::move(cancel), std::move(done)});
+        auto [entry, fresh] = queued.try_emplace(client);
+        // A client already in the map is queued or running; either way it
+        // comes round again.
+        if (fresh) ready.push_back(client);
+        entry->second.push_back(Job{std::move(query), std::move(cancel), std::move(done)});
     }
     wake.notify_one();
 }
 
-void QueryWorker::run()
+void QueryWorker::run(Lane& lane)
 {
+    std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
-        Job job;
-        {
-            std::unique_lock<std::mutex> lock(mutex);
-            wake.wait(lock, [this] { return stopping || !jobs.empty(); });
-            if (stopping) return;
-            job = std::move(jobs.front());
-            jobs.pop_front();
+        wake.wait(lock, [this] { return stopping || !ready.empty(); });
+        if (stopping) return;
+        const Client client = ready.front();
+        ready.pop_front();
+        auto entry = queued.find(client);
+        Job job = std::move(entry->second.front());
+        entry->second.pop_front();
+        lock.unlock();
+        process(lane, job);
+        lock.lock();
+        if (stopping) return;
+        // The client stays in the map while its job runs, so that a new one
+        // waits behind it instead of running beside it.
+        entry = queued.find(client);
+        if (entry->second.empty()) {
+            queued.erase(entry);
+        } else {
+            ready.push_back(client);
+            wake.notify_one();
         }
-        process(job);
     }
 }
 
-void QueryWorker::process(Job& job)
+void QueryWorker::process(Lane& lane, Job& job)
 {
     if (job.cancel && job.cancel->load()) return;
-    current = job.cancel;
     auto started = std::chrono::steady_clock::now();
+    lane.current = job.cancel;
+    lane.deadline = started + timeLimit;
     QueryAnswer answer;
-    bool interrupted = false;
+    bool cancelled = false;
     try {
-        answer = answerQuery(*store, job.query);
+        answer = answerQuery(*lane.store, job.query);
     } catch (const QueryInterrupted&) {
-        interrupted = true;
+        cancelled = abandoning.load() || (job.cancel && job.cancel->load());
+        if (!cancelled) {
+            answer = errorAnswer(job.query.id,
+                                 QueryError("query stopped after its time limit of " +
+                                            std::to_string(timeLimit.count()) +
+                                            " ms; narrow the filter or ask for fewer rows"));
+        }
     }
-    current.reset();
+    lane.current.reset();
+    lane.deadline = std::chrono::steady_clock::time_point::max();
     if (logQueries) {
         auto elapsed = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started);
-        std::string outcome = interrupted        ? "cancelled"
+        std::string outcome = cancelled              ? "cancelled"
                               : answer.error.empty() ? "rows=" + std::to_string(answer.rows)
-                                                   : "error=" + quoteForLog(answer.error);
+                                                     : "error=" + quoteForLog(answer.error);
         writeLogLine(formatQueryLogLine(job.query, outcome, elapsed.count()));
     }
-    if (interrupted || (job.cancel && job.cancel->load())) return;
+    if (cancelled || (job.cancel && job.cancel->load())) return;
     job.done(std::move(answer));
 }
 

@@ -1,7 +1,13 @@
-// Runs content queries on a thread of its own, so that a slow query never
+// Runs content queries on threads of their own, so that a slow query never
 // holds up the sockets: the network thread only queues work and sends what
-// comes back. One thread owns the store and its caches, so they need no
-// locks; queries are answered in the order they came.
+// comes back. Each thread owns a store and its caches, so they need no
+// locks.
+//
+// Queries are queued per client. A client's queries run one at a time and
+// are answered in the order they came; the threads take clients in turn,
+// so that one client's slow queries hold at most one thread while the
+// others serve everybody else. A query that runs past its time limit is
+// stopped and answered with an error.
 #ifndef TETHRIX_SERVICE_QUERY_WORKER_H
 #define TETHRIX_SERVICE_QUERY_WORKER_H
 
@@ -10,13 +16,16 @@
 #include <tethrix/protocol/messages.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace tethrix::service {
 
@@ -34,17 +43,22 @@ struct QueryAnswer {
 class QueryWorker {
 public:
     using Done = std::function<void(QueryAnswer)>;
+    using Client = const void*;
 
-    /// `logQueries`: one line per query on standard error.
-    QueryWorker(std::unique_ptr<ContentStore> store, bool logQueries);
-    /// Interrupts the query under way, drops the rest and joins the thread.
+    /// One thread per store. `logQueries`: one line per query on standard
+    /// error.
+    QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std::chrono::milliseconds timeLimit,
+                bool logQueries);
+    /// Interrupts the queries under way, drops the rest and joins the
+    /// threads.
     ~QueryWorker();
     QueryWorker(const QueryWorker&) = delete;
     QueryWorker& operator=(const QueryWorker&) = delete;
 
-    /// `done` runs on the worker thread, and not at all if `cancel` was set
-    /// before the answer was ready.
-    void submit(protocol::Query query, CancelFlag cancel, Done done);
+    /// Queues `query` behind the other queries of `client`. `done` runs on a
+    /// worker thread, and not at all if `cancel` was set before the answer
+    /// was ready.
+    void submit(Client client, protocol::Query query, CancelFlag cancel, Done done);
 
 private:
     struct Job {
@@ -52,20 +66,29 @@ private:
         CancelFlag cancel;
         Done done;
     };
+    struct Lane {
+        std::unique_ptr<ContentStore> store;
+        /// The flag and the deadline of the job under way; only the lane's
+        /// thread touches them.
+        CancelFlag current;
+        std::chrono::steady_clock::time_point deadline = std::chrono::steady_clock::time_point::max();
+        std::thread thread;
+    };
 
-    void run();
-    void process(Job& job);
+    void run(Lane& lane);
+    void process(Lane& lane, Job& job);
 
-    std::unique_ptr<ContentStore> store;
+    std::chrono::milliseconds timeLimit;
     bool logQueries;
     std::mutex mutex;
     std::condition_variable wake;
-    std::deque<Job> jobs;
+    /// Queued jobs by client, and the clients with jobs and none running,
+    /// in the order they are to be served.
+    std::map<Client, std::deque<Job>> queued;
+    std::deque<Client> ready;
     bool stopping = false;
     std::atomic<bool> abandoning{false};
-    /// The flag of the job under way, for the store's interrupt check.
-    CancelFlag current;
-    std::thread thread;
+    std::vector<std::unique_ptr<Lane>> lanes;
 };
 
 /// The same answer the worker would send, computed on the calling thread.

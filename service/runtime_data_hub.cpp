@@ -19,8 +19,15 @@ std::string subscribers(std::size_t count)
 
 void RuntimeDataHub::add(const std::string& name, RuntimeNode::Ptr root)
 {
-    if (!trees.emplace(name, Tree{std::move(root), {}}).second) {
-        throw std::invalid_argument("runtime data " + protocol::quoted(runtimeDataScheme + name) + " is given twice");
+    const std::string uri = protocol::quoted(runtimeDataScheme + name);
+    const protocol::RuntimeTreeSize size{protocol::stateWeight<RuntimeTreeModel>(*root), maxTreeBytes};
+    if (size.bytes > size.limit) {
+        throw std::invalid_argument("runtime data " + uri + " takes about " + std::to_string(size.bytes) +
+                                    " bytes, past the limit of " + std::to_string(size.limit) +
+                                    " (--max-tree-bytes)");
+    }
+    if (!trees.emplace(name, Tree{std::move(root), size, {}}).second) {
+        throw std::invalid_argument("runtime data " + uri + " is given twice");
     }
 }
 
@@ -40,8 +47,15 @@ std::optional<std::string> RuntimeDataHub::subscribe(RuntimeDataSubscriber& subs
     const std::string name = uri.substr(scheme.size());
     auto tree = trees.find(name);
     if (tree == trees.end()) return unknown(name);
+    std::string state = protocol::writeRuntimeState<RuntimeTreeModel>(*tree->second.root);
+    // The bound on a tree keeps this from happening; should it all the
+    // same, a refusal beats a frame that makes the client drop the
+    // connection and come back for the same again.
+    if (state.size() * 2 > protocol::maxResultFrameBytes) {
+        return "the state of " + uri + " is too large to send (" + std::to_string(state.size()) + " bytes)";
+    }
     tree->second.subscriptions.push_back({&subscriber, id});
-    subscriber.deliverUpdate(id, std::string(), protocol::writeRuntimeState<RuntimeTreeModel>(*tree->second.root));
+    subscriber.deliverUpdate(id, std::string(), state);
     return std::nullopt;
 }
 
@@ -69,7 +83,7 @@ PublishOutcome RuntimeDataHub::publish(const std::string& name, std::string_view
 {
     auto tree = trees.find(name);
     if (tree == trees.end()) return {PublishOutcome::Status::unknownName, unknown(name)};
-    if (auto fault = protocol::applyRuntimeUpdate<RuntimeTreeModel>(text, *tree->second.root)) {
+    if (auto fault = protocol::applyRuntimeUpdate<RuntimeTreeModel>(text, *tree->second.root, &tree->second.size)) {
         return {PublishOutcome::Status::refused, fault->message("update refused")};
     }
     const std::string data(text);

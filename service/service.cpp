@@ -7,6 +7,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <stdexcept>
@@ -41,7 +42,7 @@ tcp::endpoint endpointFor(const std::string& address, unsigned short port)
 
 }  // namespace
 
-Service::Service(const ServiceOptions& options)
+Service::Service(const ServiceOptions& options) : limits(options.limits)
 {
     auto endpoint = endpointFor(options.bind, options.port);
     std::unique_ptr<ContentStore> store;
@@ -59,8 +60,18 @@ Service::Service(const ServiceOptions& options)
     }
     ioContext = std::make_unique<asio::io_context>(1);
     setUpSimulations(options, *store);
-    worker = std::make_unique<QueryWorker>(std::move(store), options.logQueries);
-    context = std::make_unique<ServiceContext>(ServiceContext{*ioContext, *worker, *runtimeData, *files, {}, false});
+    std::vector<std::unique_ptr<ContentStore>> stores;
+    stores.push_back(std::move(store));
+    try {
+        while (stores.size() < std::max(1u, options.limits.queryWorkers)) {
+            stores.push_back(std::make_unique<ContentStore>(options.database, options.authority));
+        }
+    } catch (const SqliteError& error) {
+        throw std::runtime_error(error.what());
+    }
+    worker = std::make_unique<QueryWorker>(std::move(stores), options.limits.queryTimeLimit, options.logQueries);
+    context = std::make_unique<ServiceContext>(
+        ServiceContext{*ioContext, *worker, *runtimeData, *files, fileReaders, limits, {}, {}, 0, false});
 
     acceptor = std::make_unique<tcp::acceptor>(*ioContext);
     boost::system::error_code error;
@@ -82,6 +93,7 @@ Service::~Service()
     // Sessions die with the io_context's pending work; everything they
     // refer to must still be there, and the worker must not post any more.
     acceptor.reset();
+    fileReaders.join();
     worker.reset();
     simulations.clear();
     ioContext.reset();
@@ -105,8 +117,14 @@ void Service::accept()
             // Results and pongs go out at once: waiting to coalesce them
             // with more data would stall a client on its delayed ACK.
             boost::system::error_code ignored;
+            if (!admitConnection()) {
+                socket.close(ignored);
+                return accept();
+            }
             socket.set_option(tcp::no_delay(true), ignored);
-            std::make_shared<HttpSession>(std::move(socket), *context)->run();
+            auto session = std::make_shared<HttpSession>(std::move(socket), *context);
+            context->httpSessions.push_back(session);
+            session->run();
             return accept();
         }
         // Out of descriptors or similar: trying again at once would spin.
@@ -115,6 +133,28 @@ void Service::accept()
             if (acceptor->is_open()) accept();
         });
     });
+}
+
+bool Service::admitConnection()
+{
+    if (context->connections < context->limits.maxConnections) return true;
+    // Connections that have not sent a whole request cost a client nothing
+    // to open: the oldest of them gives way, so that idle connections
+    // cannot lock the others out.
+    auto& sessions = context->httpSessions;
+    sessions.erase(std::remove_if(sessions.begin(), sessions.end(), [](const auto& s) { return s.expired(); }),
+                   sessions.end());
+    for (auto& weak : sessions) {
+        auto session = weak.lock();
+        if (session && session->evictIfWaiting()) return true;
+    }
+    auto now = std::chrono::steady_clock::now();
+    if (now - lastRefusalLogged >= std::chrono::seconds(1)) {
+        lastRefusalLogged = now;
+        std::fprintf(stderr, "tethrix-service: refusing connections: %zu open, the limit (--max-connections)\n",
+                     context->connections);
+    }
+    return false;
 }
 
 void Service::shutdown()
@@ -132,7 +172,7 @@ void Service::shutdown()
 
 void Service::loadRuntimeData(const ServiceOptions& options)
 {
-    runtimeData = std::make_unique<RuntimeDataHub>();
+    runtimeData = std::make_unique<RuntimeDataHub>(options.limits.maxRuntimeTreeBytes);
     for (const auto& file : options.runtimeFiles) {
         for (auto& tree : loadRuntimeFile(file)) {
             try {

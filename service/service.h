@@ -10,11 +10,13 @@
 #include "query_worker.h"
 #include "player_simulator.h"
 #include "runtime_data_hub.h"
+#include "service_limits.h"
 #include "session_registry.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
 
 #include <chrono>
 #include <filesystem>
@@ -36,6 +38,7 @@ struct ServiceOptions {
     std::vector<std::string> runtimeFiles;
     /// Trees that the player simulator drives.
     std::vector<std::string> simulate;
+    ServiceLimits limits;
 };
 
 class Service {
@@ -60,6 +63,8 @@ public:
 
 private:
     void accept();
+    /// Whether a new connection may stay, making room if need be.
+    bool admitConnection();
     void shutdown();
     void waitForSessions(std::chrono::steady_clock::time_point deadline);
 
@@ -76,9 +81,13 @@ private:
     std::unique_ptr<FileServer> files;
     std::unique_ptr<boost::asio::io_context> ioContext;
     std::unique_ptr<QueryWorker> worker;
+    ServiceLimits limits;
+    /// Opens and reads served files, away from the network thread.
+    boost::asio::thread_pool fileReaders{1};
     std::unique_ptr<ServiceContext> context;
     std::unique_ptr<boost::asio::ip::tcp::acceptor> acceptor;
     boost::asio::ip::tcp::endpoint bound;
+    std::chrono::steady_clock::time_point lastRefusalLogged;
     /// In a list, so that a simulation stays where its timer's handler
     /// expects it.
     std::vector<std::unique_ptr<Simulation>> simulations;

@@ -31,6 +31,10 @@ SqliteDatabase SqliteDatabase::open(const std::string& path, int flags)
     SqliteDatabase database(raw);
     if (code != SQLITE_OK) throwError(raw, code, "cannot open " + path);
     sqlite3_extended_result_codes(raw, 1);
+    // Another program writing the database locks it for a moment; waiting
+    // a little beats failing the query at once, and waiting for ever would
+    // hold a query thread.
+    sqlite3_busy_timeout(raw, static_cast<int>(busyTimeout.count()));
     return database;
 }
 

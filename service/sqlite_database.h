@@ -3,6 +3,7 @@
 #ifndef TETHRIX_SERVICE_SQLITE_DATABASE_H
 #define TETHRIX_SERVICE_SQLITE_DATABASE_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -37,6 +38,10 @@ struct Blob {
 using SqlValue = std::variant<std::monostate, std::int64_t, double, std::string, Blob>;
 
 class SqliteStatement;
+
+/// How long a statement waits for a lock that another connection holds
+/// before it fails with SQLITE_BUSY.
+constexpr std::chrono::milliseconds busyTimeout{2000};
 
 class SqliteDatabase {
 public:

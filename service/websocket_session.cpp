@@ -4,13 +4,15 @@
 
 #include <boost/asio/post.hpp>
 
+#include <cstdio>
+
 namespace tethrix::service {
 
 namespace beast = boost::beast;
 namespace websocket = beast::websocket;
 
-WebSocketSession::WebSocketSession(beast::tcp_stream&& stream, ServiceContext& context)
-    : socket(std::move(stream)), context(context)
+WebSocketSession::WebSocketSession(beast::tcp_stream&& stream, ConnectionSlot slot, ServiceContext& context)
+    : socket(std::move(stream)), context(context), slot(std::move(slot)), stuckTimer(context.io)
 {
 }
 
@@ -21,7 +23,13 @@ WebSocketSession::~WebSocketSession()
 
 void WebSocketSession::run(HttpRequest request)
 {
-    socket.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
+    websocket::stream_base::timeout timeouts{};
+    timeouts.handshake_timeout = context.limits.requestTimeout;
+    // A silent peer is pinged at half the idle time and dropped at its end;
+    // a client that answers pings stays however long it is quiet.
+    timeouts.idle_timeout = context.limits.idleTimeout;
+    timeouts.keep_alive_pings = true;
+    socket.set_option(timeouts);
     socket.set_option(websocket::stream_base::decorator(
         [](websocket::response_type& response) { response.set(beast::http::field::server, "tethrix-service"); }));
     socket.read_message_max(protocol::maxRequestFrameBytes);
@@ -58,7 +66,45 @@ void WebSocketSession::onRead(beast::error_code error, std::size_t)
         handleFrame(std::string_view(static_cast<const char*>(data.data()), data.size()));
     }
     buffer.consume(buffer.size());
-    if (!closing) readNext();
+    if (!closing) resumeReading();
+}
+
+void WebSocketSession::resumeReading()
+{
+    // Back-pressure: a client that does not take its answers is not asked
+    // for more requests until it does.
+    paused = outboxBytes >= context.limits.sessionOutboxBytes;
+    if (!paused) readNext();
+}
+
+void WebSocketSession::watchStuck()
+{
+    // Past the bound, each answer taken gives the client another while to
+    // take the next; one that takes none in that while is dropped.
+    if (outboxBytes < context.limits.sessionOutboxBytes) {
+        stuckTimer.cancel();
+        return;
+    }
+    stuckTimer.expires_after(context.limits.stuckTimeout);
+    stuckTimer.async_wait(beast::bind_front_handler(&WebSocketSession::onStuck, shared_from_this()));
+}
+
+void WebSocketSession::onStuck(beast::error_code error)
+{
+    if (error || ended || outboxBytes < context.limits.sessionOutboxBytes) return;
+    drop(std::to_string(outboxBytes) + " bytes of answers not taken for " +
+         std::to_string(context.limits.stuckTimeout.count()) + " ms");
+}
+
+void WebSocketSession::drop(const std::string& why)
+{
+    beast::error_code error;
+    auto peer = beast::get_lowest_layer(socket).socket().remote_endpoint(error);
+    std::fprintf(stderr, "tethrix-service: closing the connection of %s:%u: %s\n",
+                 error ? "?" : peer.address().to_string().c_str(), error ? 0u : static_cast<unsigned>(peer.port()),
+                 why.c_str());
+    end();
+    beast::get_lowest_layer(socket).socket().close(error);
 }
 
 void WebSocketSession::handleFrame(std::string_view frame)
@@ -127,7 +173,7 @@ void WebSocketSession::onQuery(protocol::Query query)
     // network thread; by then the session may be gone.
     auto& io = context.io;
     std::weak_ptr<WebSocketSession> weak = shared_from_this();
-    context.worker.submit(std::move(query), flag, [&io, weak, flag](QueryAnswer answer) {
+    context.worker.submit(this, std::move(query), flag, [&io, weak, flag](QueryAnswer answer) {
         boost::asio::post(io, [weak, flag, answer = std::move(answer)]() mutable {
             if (auto self = weak.lock()) self->onAnswer(std::move(answer), flag);
         });
@@ -185,7 +231,17 @@ void WebSocketSession::sendError(std::optional<protocol::RequestId> id, std::str
 void WebSocketSession::send(std::string frame)
 {
     if (ended || closing) return;
+    const bool wasBelow = outboxBytes < context.limits.sessionOutboxBytes;
+    outboxBytes += frame.size();
     outbox.push_back(std::move(frame));
+    if (wasBelow) watchStuck();
+    // Reading stopped at the bound; what passes it by more than a result
+    // frame came from requests already under way, of a client that asked
+    // for more than it reads.
+    if (outboxBytes > context.limits.sessionOutboxBytes + protocol::maxResultFrameBytes) {
+        return drop(std::to_string(outboxBytes) + " bytes of answers waiting, past the bound of " +
+                    std::to_string(context.limits.sessionOutboxBytes) + " (--max-session-buffer)");
+    }
     if (!writing) writeNext();
 }
 
@@ -205,8 +261,11 @@ void WebSocketSession::writeNext()
 
 void WebSocketSession::onWrite(beast::error_code error, std::size_t)
 {
-    if (error) return end();
+    if (error || ended) return end();
+    outboxBytes -= outbox.front().size();
     outbox.pop_front();
+    watchStuck();
+    if (paused && !closing) resumeReading();
     writeNext();
 }
 
@@ -224,7 +283,12 @@ void WebSocketSession::end()
     openQueries.clear();
     if (!subscriptions.empty()) context.runtimeData.unsubscribeAll(*this);
     subscriptions.clear();
-    outbox.clear();
+    // A write under way still reads its frame; the frames go with the
+    // session.
+    if (!writing) outbox.clear();
+    outboxBytes = 0;
+    paused = false;
+    stuckTimer.cancel();
 }
 
 }  // namespace tethrix::service

@@ -1,5 +1,10 @@
 // One client connection: reads protocol frames, hands queries to the worker,
 // and writes answers, pongs and updates in the order they are ready.
+//
+// What waits to be written is bounded (ServiceLimits::sessionOutboxBytes):
+// past the bound the session stops reading requests until the client has
+// taken its answers, and closes the connection if the client stays stuck
+// or the answers already on their way pass the bound by a result frame.
 #ifndef TETHRIX_SERVICE_WEBSOCKET_SESSION_H
 #define TETHRIX_SERVICE_WEBSOCKET_SESSION_H
 
@@ -12,6 +17,7 @@
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/websocket.hpp>
 
 #include <deque>
@@ -26,9 +32,9 @@ namespace tethrix::service {
 /// queueing unbounded work.
 constexpr std::size_t maxOpenRequests = 256;
 
-class WebSocketSession : public std::enable_shared_from_this<WebSocketSession>, private RuntimeDataSubscriber {
+class WebSocketSession final : public std::enable_shared_from_this<WebSocketSession>, private RuntimeDataSubscriber {
 public:
-    WebSocketSession(boost::beast::tcp_stream&& stream, ServiceContext& context);
+    WebSocketSession(boost::beast::tcp_stream&& stream, ConnectionSlot slot, ServiceContext& context);
     ~WebSocketSession();
 
     /// Completes the upgrade that `request` asked for and starts reading.
@@ -57,12 +63,25 @@ private:
     void writeNext();
     void onWrite(boost::beast::error_code error, std::size_t bytes);
     void closeAfterWrites(boost::beast::websocket::close_code code);
+    /// Reads the next request unless the outbox is past its bound.
+    void resumeReading();
+    /// Starts or ends the wait after which a client that takes no answers
+    /// is dropped.
+    void watchStuck();
+    void onStuck(boost::beast::error_code error);
+    /// Closes the connection at once, saying why on standard error.
+    void drop(const std::string& why);
     void end();
 
     boost::beast::websocket::stream<boost::beast::tcp_stream> socket;
     ServiceContext& context;
+    ConnectionSlot slot;
     boost::beast::flat_buffer buffer;
     std::deque<std::string> outbox;
+    std::size_t outboxBytes = 0;
+    /// No read is pending, because the outbox is past its bound.
+    bool paused = false;
+    boost::asio::steady_timer stuckTimer;
     bool writing = false;
     bool greeted = false;
     bool ended = false;

@@ -112,6 +112,10 @@ public:
             const std::uint64_t next = std::min({view.first() + options.step, goal, lastFirst});
             if (next == view.first() && (next >= goal || atEndOfList(countChanged))) {
                 filled = waitUntilFilled();
+                if (filled && next < goal) {
+                    reportShortOfGoal();
+                    filled = false;
+                }
                 break;
             }
             moveTo(next);
@@ -225,6 +229,16 @@ private:
     void reportUnfilled() const {
         std::cerr << "zarvo-host: " << view.unfilledCount() << " rows of the window at row " << view.first()
                   << " were not filled, and nothing changed for " << limit.count() << " ms" << std::endl;
+    }
+
+    /// The list stopped growing before row --to: it may end there, or a
+    /// load never came back. The tool cannot tell which, so it says both.
+    void reportShortOfGoal() const {
+        const std::uint64_t count = view.list().itemCount();
+        std::cerr << "zarvo-host: scroll of " << options.path << " stopped at row "
+                  << (count == 0 ? 0 : count - 1) << ", short of row " << *options.to << ": the list holds " << count
+                  << " rows and did not grow for " << QUIET_TIME.count()
+                  << " ms with nothing asked of the service" << std::endl;
     }
 
     /// A window at the end of the list shows fewer rows.

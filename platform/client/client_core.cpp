@@ -4,6 +4,7 @@
 #include <zarvo/client/loader_channel.h>
 
 #include <utility>
+#include <vector>
 
 namespace zarvo {
 namespace client {
@@ -95,6 +96,8 @@ ClientCore::~ClientCore() {
 
 MessageDispatcher& ClientCore::getDispatcher() { return *client.getConnection()->getMessageDispatcher(); }
 
+Connection::State ClientCore::getConnectionState() const { return client.getConnection()->getState(); }
+
 void ClientCore::installTransport(std::shared_ptr<Transport> newTransport) {
     detachTransport();
     transport = std::move(newTransport);
@@ -162,7 +165,22 @@ LoaderChannel* ClientCore::findChannel(std::uint64_t requestId) const {
     return it == channels.end() ? nullptr : it->second;
 }
 
-void ClientCore::deliverState(Connection::State state) { client.getConnection()->setState(state); }
+void ClientCore::deliverState(Connection::State state) {
+    if (state == Connection::StateConnected) {
+        // Before the subscribers hear of it: one of them may let the core go.
+        std::vector<std::uint32_t> ids;
+        for (const auto& entry : channels) {
+            ids.push_back(entry.first);
+        }
+        for (const std::uint32_t id : ids) {
+            const auto found = channels.find(id);
+            if (found != channels.end()) {
+                found->second->resendWaitingQueries();
+            }
+        }
+    }
+    client.getConnection()->setState(state);
+}
 
 void ClientCore::deliverResult(std::uint64_t queryId, QueryResult&& result) {
     if (LoaderChannel* channel = findChannel(queryId)) {

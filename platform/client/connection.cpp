@@ -40,23 +40,32 @@ void Connection::removeStateSubscription(std::shared_ptr<void> token) {
     }
 }
 
+Connection::~Connection() { *alive = false; }
+
 void Connection::setState(State newState) {
     state = newState;
-    // A callback may add or remove subscriptions: walk a copy, and skip what
-    // was removed since. The copy also keeps a running callback alive when
-    // its own subscription is removed from within it.
-    std::vector<std::pair<std::uint64_t, std::shared_ptr<Subscription>>> current;
+    // A callback may add or remove subscriptions, let go of tokens, or destroy
+    // the context that owns this connection. So the walk goes over the ids as
+    // they were, looks each one up again before its call, and holds the
+    // subscription only for the call itself: one removed or let go since is
+    // skipped, and a running callback stays alive even if its own token goes.
+    std::vector<std::uint64_t> ids;
+    ids.reserve(subscriptions.size());
     for (const auto& entry : subscriptions) {
-        if (std::shared_ptr<Subscription> live = entry.second.lock()) {
-            current.emplace_back(entry.first, std::move(live));
-        }
+        ids.push_back(entry.first);
     }
-    for (const auto& entry : current) {
-        if (subscriptions.count(entry.first) == 0) {
+    const std::shared_ptr<bool> stillAlive = alive;
+    for (const std::uint64_t id : ids) {
+        const auto found = subscriptions.find(id);
+        if (found == subscriptions.end()) {
             continue;
         }
-        if (entry.second->callback) {
-            entry.second->callback(newState);
+        const std::shared_ptr<Subscription> live = found->second.lock();
+        if (live && live->callback) {
+            live->callback(newState);
+        }
+        if (!*stillAlive) {
+            return;
         }
     }
 }

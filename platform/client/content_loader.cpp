@@ -9,8 +9,6 @@
 
 namespace zarvo {
 
-ContentLoader::~ContentLoader() = default;
-
 void ContentLoader::addObserver(Observer* observer) {
     if (!observer || isObserver(observer)) {
         return;
@@ -26,35 +24,37 @@ bool ContentLoader::isObserver(Observer* observer) const {
     return std::find(observers.begin(), observers.end(), observer) != observers.end();
 }
 
-// Each delivery walks a copy: an observer may add or remove observers, or
-// stop the loader, from within its callback; one that has been removed is not
-// called any more. Destroying the loader itself from within a callback is
-// not supported.
-void ContentLoader::notifyContentLoaded(ContentResult& result) {
+ContentLoader::~ContentLoader() { *alive = false; }
+
+// Each delivery walks a copy: an observer may add or remove observers, stop
+// the loader, or destroy it, from within its callback. One that has been
+// removed is not called any more, and once the loader is gone nobody is.
+template <typename Notify>
+void ContentLoader::notifyObservers(Notify notify) {
     const std::vector<Observer*> current = observers;
+    const std::shared_ptr<bool> stillAlive = alive;
     for (Observer* observer : current) {
+        if (!*stillAlive) {
+            return;
+        }
         if (isObserver(observer)) {
-            observer->onContentLoaded(this, &result);
+            notify(*observer);
         }
     }
+}
+
+void ContentLoader::notifyContentLoaded(ContentResult& result) {
+    notifyObservers([this, &result](Observer& observer) { observer.onContentLoaded(this, &result); });
 }
 
 void ContentLoader::notifyContentInvalidated() {
-    const std::vector<Observer*> current = observers;
-    for (Observer* observer : current) {
-        if (isObserver(observer)) {
-            observer->onContentInvalidated(this);
-        }
-    }
+    notifyObservers([this](Observer& observer) { observer.onContentInvalidated(this); });
 }
 
 void ContentLoader::notifyRuntimeDataUpdate(const std::string& address, const std::string& data) {
-    const std::vector<Observer*> current = observers;
-    for (Observer* observer : current) {
-        if (isObserver(observer)) {
-            observer->onRuntimeDataUpdateReceived(this, address, data);
-        }
-    }
+    notifyObservers([this, &address, &data](Observer& observer) {
+        observer.onRuntimeDataUpdateReceived(this, address, data);
+    });
 }
 
 namespace {

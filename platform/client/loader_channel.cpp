@@ -1,9 +1,14 @@
 #include <zarvo/client/loader_channel.h>
 
+#include "runtime_data_format.h"
+
+#include <zarvo/client.h>
 #include <zarvo/client/client_core.h>
 #include <zarvo/content_loader.h>
 #include <zarvo/log.h>
+#include <zarvo/message_dispatcher.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace zarvo {
@@ -12,11 +17,23 @@ namespace client {
 namespace {
 const char* const logCategory = "tethrix-client";
 
-std::string uriOf(const std::map<std::uint32_t, std::string>& requests, std::uint32_t sequence) {
-    const auto it = requests.find(sequence);
-    return it == requests.end() ? std::string("(a completed query)") : it->second;
-}
+const char* const completedQuery = "(a completed query)";
 }  // namespace
+
+bool isPassingQueryFailure(const std::string& reason) {
+    // What the transport says when the connection is down or breaks, and
+    // what the service says when it cannot take a query now. A refusal of
+    // the query itself (its filter, its table, its size) names what was
+    // wrong and stays wrong however often it is asked. Only the start of a
+    // reason is compared: the rest may quote the query's own text.
+    static const char* const passing[] = {
+        "not connected to the service",       "connection to the service lost",
+        "too many open requests",             "database: database is locked",
+        "database: database table is locked", "timed out",
+    };
+    return std::any_of(std::begin(passing), std::end(passing),
+                       [&reason](const char* start) { return reason.rfind(start, 0) == 0; });
+}
 
 LoaderChannel::LoaderChannel(ClientCore& core, DefaultContentLoader& loader, MessageDispatcher* dispatcher)
     : core(&core), loader(&loader), dispatcher(dispatcher), loaderId(core.registerLoader(*this)) {}
@@ -30,10 +47,77 @@ void LoaderChannel::load(const ContentQueryArguments& arguments) {
                           arguments.getUri());
         return;
     }
+    const std::size_t limit = core->getQueryRetryPolicy().maxOpenQueriesPerLoader;
+    if (openQueries.size() >= limit) {
+        ZARVO_LOG_ERROR(logCategory, "Query of {} refused: its loader has {} queries open, the most it may have",
+                        arguments.getUri(), openQueries.size());
+        return;
+    }
     const std::uint32_t sequence = nextSequence++;
-    openQueries.emplace(sequence, arguments.getUri());
+    OpenQuery& query = openQueries.emplace(sequence, OpenQuery(arguments)).first->second;
+    // While the connection is lost the query waits for it to come back
+    // instead of failing at the transport.
+    if (!isConnectionLost()) {
+        send(sequence, query);
+    }
+}
+
+void LoaderChannel::send(std::uint32_t sequence, OpenQuery& query) {
+    Transport* transport = core ? core->currentTransport() : nullptr;
+    if (!transport) {
+        return;
+    }
+    cancelRetry(query);
+    query.sent = true;
     core->countSentQuery();
-    transport->sendQuery(loaderId, RequestId::make(loaderId, sequence), arguments);
+    transport->sendQuery(loaderId, RequestId::make(loaderId, sequence), query.arguments);
+}
+
+bool LoaderChannel::isConnectionLost() const {
+    return core && core->getConnectionState() == Connection::StateLost;
+}
+
+void LoaderChannel::scheduleRetry(std::uint32_t sequence, OpenQuery& query) {
+    const QueryRetryPolicy& policy = core->getQueryRetryPolicy();
+    std::chrono::milliseconds delay = policy.firstRetryDelay;
+    for (unsigned i = 1; i < query.failures && delay < policy.maxRetryDelay; ++i) {
+        delay *= 2;
+    }
+    delay = std::min(delay, policy.maxRetryDelay);
+    std::weak_ptr<LoaderChannel> weak = shared_from_this();
+    query.retryTimer = addTimerHandler(core->getDispatcher().getLoop(), delay, ZvuTimerMessageModeSingleShot,
+                                       [weak, sequence](const TimerMessageArguments&) {
+                                           if (const auto self = weak.lock()) {
+                                               self->onRetryDue(sequence);
+                                           }
+                                       });
+}
+
+void LoaderChannel::onRetryDue(std::uint32_t sequence) {
+    const auto found = openQueries.find(sequence);
+    if (found == openQueries.end() || found->second.sent) {
+        return;
+    }
+    found->second.retryTimer.reset();
+    // With the connection lost, the query waits until it is back.
+    if (!isConnectionLost()) {
+        send(sequence, found->second);
+    }
+}
+
+void LoaderChannel::cancelRetry(OpenQuery& query) {
+    if (query.retryTimer && core) {
+        removeTimerHandler(core->getDispatcher().getLoop(), query.retryTimer);
+    }
+    query.retryTimer.reset();
+}
+
+void LoaderChannel::resendWaitingQueries() {
+    for (auto& entry : openQueries) {
+        if (!entry.second.sent) {
+            send(entry.first, entry.second);
+        }
+    }
 }
 
 void LoaderChannel::subscribe(const std::string& uri) {
@@ -43,7 +127,7 @@ void LoaderChannel::subscribe(const std::string& uri) {
         return;
     }
     const std::uint32_t sequence = nextSequence++;
-    subscriptions.emplace(sequence, uri);
+    subscriptions.emplace(sequence, Subscription{uri, false});
     transport->subscribeRuntimeData(loaderId, RequestId::make(loaderId, sequence), uri);
 }
 
@@ -51,7 +135,9 @@ void LoaderChannel::stop() {
     Transport* transport = core ? core->currentTransport() : nullptr;
     if (transport) {
         for (const auto& query : openQueries) {
-            transport->cancelQuery(RequestId::make(loaderId, query.first));
+            if (query.second.sent) {
+                transport->cancelQuery(RequestId::make(loaderId, query.first));
+            }
         }
         for (const auto& subscription : subscriptions) {
             transport->unsubscribe(RequestId::make(loaderId, subscription.first));
@@ -61,9 +147,20 @@ void LoaderChannel::stop() {
 }
 
 void LoaderChannel::forgetRequests() {
+    for (auto& query : openQueries) {
+        cancelRetry(query.second);
+    }
     openQueries.clear();
     subscriptions.clear();
     liveFrom = nextSequence;
+}
+
+void LoaderChannel::detachFromCore() {
+    // The timers belong to the core's loop; they go while it still lives.
+    for (auto& query : openQueries) {
+        cancelRetry(query.second);
+    }
+    core = nullptr;
 }
 
 void LoaderChannel::close() {
@@ -79,8 +176,12 @@ void LoaderChannel::deliverResult(std::uint32_t sequence, QueryResult&& result) 
     if (!isLive(sequence)) {
         return;
     }
-    const std::string uri = uriOf(openQueries, sequence);
-    openQueries.erase(sequence);
+    const auto found = openQueries.find(sequence);
+    const std::string uri = found == openQueries.end() ? completedQuery : found->second.arguments.getUri();
+    if (found != openQueries.end()) {
+        cancelRetry(found->second);
+        openQueries.erase(found);
+    }
     const std::size_t columns = result.columns.size();
     if (columns == 0 ? !result.cells.empty() : result.cells.size() % columns != 0) {
         ZARVO_LOG_ERROR(logCategory, "Result of the query of {} dropped: {} values do not make rows of {} columns",
@@ -97,8 +198,25 @@ void LoaderChannel::deliverQueryError(std::uint32_t sequence, const std::string&
     if (!isLive(sequence)) {
         return;
     }
-    ZARVO_LOG_ERROR(logCategory, "Query of {} failed: {}", uriOf(openQueries, sequence), reason);
-    openQueries.erase(sequence);
+    const auto found = openQueries.find(sequence);
+    if (found == openQueries.end()) {
+        ZARVO_LOG_ERROR(logCategory, "Query of {} failed: {}", completedQuery, reason);
+        return;
+    }
+    OpenQuery& query = found->second;
+    if (!query.sent) {
+        return;  // a report about an attempt already given up for a new one
+    }
+    if (!core || !isPassingQueryFailure(reason)) {
+        ZARVO_LOG_ERROR(logCategory, "Query of {} failed: {}", query.arguments.getUri(), reason);
+        openQueries.erase(found);
+        return;
+    }
+    query.sent = false;
+    ++query.failures;
+    ZARVO_LOG_WARNING(logCategory, "Query of {} failed: {}; it is asked again (failure {})",
+                      query.arguments.getUri(), reason, query.failures);
+    scheduleRetry(sequence, query);
 }
 
 void LoaderChannel::deliverInvalidation(std::uint32_t sequence) {
@@ -110,10 +228,18 @@ void LoaderChannel::deliverInvalidation(std::uint32_t sequence) {
 
 void LoaderChannel::deliverRuntimeUpdate(std::uint32_t sequence, const std::string& address,
                                          const std::string& data) {
-    if (subscriptions.count(sequence) == 0) {
+    const auto found = subscriptions.find(sequence);
+    if (found == subscriptions.end()) {
         return;
     }
-    toLoader(sequence, [address, data](DefaultContentLoader& target) {
+    // The service sends the state first. Applied to a tree that was built
+    // from a configuration, or that holds what an earlier subscription left,
+    // it must reach every binding it sets, also where a value equals the one
+    // the tree holds already.
+    const bool state = !found->second.stateDelivered;
+    found->second.stateDelivered = true;
+    toLoader(sequence, [address, data, state](DefaultContentLoader& target) {
+        const RuntimeStateScope scope(state);
         target.notifyRuntimeDataUpdate(address, data);
     });
 }
@@ -123,7 +249,7 @@ void LoaderChannel::deliverSubscriptionError(std::uint32_t sequence, const std::
     if (it == subscriptions.end()) {
         return;
     }
-    ZARVO_LOG_ERROR(logCategory, "Runtime data subscription to {} failed: {}", it->second, reason);
+    ZARVO_LOG_ERROR(logCategory, "Runtime data subscription to {} failed: {}", it->second.uri, reason);
     subscriptions.erase(it);
 }
 

@@ -65,6 +65,28 @@ struct RuntimeDataModel {
     }
 };
 
+/// The model for a state (see RuntimeStateScope): a value set fires the
+/// node's handlers even if it equals the present one.
+struct RuntimeStateModel : RuntimeDataModel {
+    static void setValue(Node& node, int value) { setAndNotify<RuntimeDataObjectInteger>(node, value); }
+    static void setValue(Node& node, double value) { setAndNotify<RuntimeDataObjectReal>(node, value); }
+    static void setValue(Node& node, bool value) { setAndNotify<RuntimeDataObjectBoolean>(node, value); }
+    static void setValue(Node& node, std::string value) {
+        setAndNotify<RuntimeDataObjectString>(node, std::move(value));
+    }
+
+private:
+    template <typename Typed, typename Value>
+    static void setAndNotify(Node& node, Value value) {
+        auto& typed = static_cast<Typed&>(node);
+        if (typed.getValue() == value) {
+            typed.notifyModified();
+        } else {
+            typed.setValue(std::move(value));
+        }
+    }
+};
+
 }  // namespace client
 }  // namespace zarvo
 

@@ -78,6 +78,33 @@ TEST_F(ConnectionTest, ChangesToSubscriptionsDuringADeliveryTakeEffectAtOnce) {
     EXPECT_THAT(heard, ElementsAre("self1", "new2"));
 }
 
+TEST_F(ConnectionTest, SubscriberLetGoDuringADeliveryIsNotCalledForIt) {
+    std::shared_ptr<void> second;
+    tokens.push_back(connection().addStateSubscription([&](Connection::State) {
+        heard.push_back("first");
+        second.reset();  // its holder is destroyed without removing it
+    }));
+    second = subscribe("second");
+    tokens.pop_back();
+
+    connection().setState(Connection::StateConnected);
+    EXPECT_THAT(heard, ElementsAre("first"));
+}
+
+TEST_F(ConnectionTest, SubscriberMayDestroyTheContextThatNotifiesIt) {
+    // The domain holds the context; nothing else here does.
+    tokens.push_back(connection().addStateSubscription([&](Connection::State) {
+        heard.push_back("first");
+        host.domain().setAttachment("zarvo.client.context", nullptr);
+    }));
+    subscribe("second");
+
+    service.setState(Connection::StateConnected);
+    host.runUntilIdle();
+    EXPECT_THAT(heard, ElementsAre("first"));
+    EXPECT_EQ(service.context(), nullptr);
+}
+
 TEST_F(ConnectionTest, DroppedTokenEndsTheSubscription) {
     // A subscriber destroyed without removing its subscription must not be
     // called back into.

@@ -4,6 +4,7 @@
 #include <zarvo/client/client_core.h>
 #include <zarvo/client/transport.h>
 #include <zarvo/content_loader.h>
+#include <zarvo/runtime_data.h>
 #include <zarvo/testkit/log_capture.h>
 #include <zarvo/testkit/scripted_service.h>
 #include <zarvo/testkit/test_host.h>
@@ -11,6 +12,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <thread>
 #include <vector>
@@ -172,13 +174,119 @@ TEST_F(LoaderTest, ServiceErrorIsLoggedWithTheQueryAndTheLoaderGetsNothing) {
     loader->load(query());
     service.fail(service.queries()[0], "no such table");
     host.runUntilIdle();
+    host.advance(std::chrono::minutes(1));
 
+    // A refusal for good is not asked again.
+    EXPECT_EQ(service.queries().size(), 1u);
+    EXPECT_EQ(service.context()->getClient()->core().openQueryCount(), 0u);
     EXPECT_EQ(observer.deliveries(), 0u);
     const auto entries = log.entries();
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].level, LogLevel::Error);
     EXPECT_EQ(entries[0].category, "tethrix-client");
     EXPECT_EQ(entries[0].message, std::string("Query of ") + songs + " failed: no such table");
+}
+
+TEST_F(LoaderTest, QueryThatFailsForAPassingReasonIsAskedAgainWithGrowingDelaysUntilAnswered) {
+    using std::chrono::milliseconds;
+    client::ClientCore& core = service.context()->getClient()->core();
+    core.setQueryRetryPolicy({milliseconds(100), milliseconds(150), 2});
+    auto loader = makeLoader(observer);
+    RecordingObserver stoppedObserver;
+    auto stopped = makeLoader(stoppedObserver);
+    loader->load(query(100, 50));
+    stopped->load(query(0, 50));
+    service.fail(service.queries()[0], "too many open requests");
+    service.fail(service.queries()[1], "too many open requests");
+    host.runUntilIdle();
+    stopped->stop();
+
+    const std::vector<std::pair<int, std::size_t>> steps = {{99, 2}, {1, 3}, {149, 3}, {1, 4}};
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+        host.advance(milliseconds(steps[i].first));
+        ASSERT_EQ(service.queries().size(), steps[i].second) << "step " << i;
+        if (i == 1) {
+            service.fail(service.queries().back(), "database: database is locked");
+            host.runUntilIdle();
+        }
+    }
+    const testkit::RecordedQuery& again = service.queries().back();
+    EXPECT_EQ(again.loaderId, loader->getLoaderId());
+    EXPECT_EQ(again.index, 100);
+    EXPECT_EQ(again.count, 50);
+    replyOneSong(again, "at last");
+    host.runUntilIdle();
+    ASSERT_EQ(observer.results.size(), 1u);
+    EXPECT_EQ(observer.results[0].rows[0][0], "at last");
+    EXPECT_EQ(stoppedObserver.deliveries(), 0u);
+    EXPECT_EQ(core.openQueryCount(), 0u);
+
+    // A loader holds a bounded number of open queries.
+    testkit::LogCapture log;
+    for (int i = 0; i < 3; ++i) {
+        loader->load(query(i, 1));
+    }
+    EXPECT_EQ(core.openQueryCount(), 2u);
+    EXPECT_THAT(log.messages(LogLevel::Error),
+                ElementsAre(std::string("Query of ") + songs + " refused: its loader has 2 queries open, the most it may have"));
+}
+
+TEST_F(LoaderTest, QueryLostWithTheConnectionOrAskedWhileItIsDownIsSentWhenItComesBack) {
+    service.setState(Connection::StateConnected);
+    auto loader = makeLoader(observer);
+    loader->load(query(0, 10));
+    service.fail(service.queries()[0], "connection to the service lost");
+    service.setState(Connection::StateLost);
+    host.runUntilIdle();
+    loader->load(query(10, 10));
+    host.advance(std::chrono::minutes(1));
+    EXPECT_EQ(service.queries().size(), 1u);
+
+    service.setState(Connection::StateConnected);
+    host.runUntilIdle();
+    ASSERT_EQ(service.queries().size(), 3u);
+    replyOneSong(service.queries()[1], "lost with the connection");
+    replyOneSong(service.queries()[2], "asked while it was down");
+    host.runUntilIdle();
+    ASSERT_EQ(observer.results.size(), 2u);
+    EXPECT_EQ(observer.results[0].startIndex, 0u);
+    EXPECT_EQ(observer.results[1].startIndex, 10u);
+}
+
+TEST_F(LoaderTest, FirstUpdateOfEachSubscriptionFiresEveryValueItSetsEvenIfEqual) {
+    // The tree as a configuration builds it, with the service's value already.
+    auto tree = std::make_shared<RuntimeDataObject>(nullptr, "", "");
+    tree->addChild(std::make_shared<RuntimeDataObjectString>(nullptr, "albums", "12;15"));
+    int fired = 0;
+    tree->findChild("albums")->addModifiedNotificationHandler([&fired](RuntimeDataObject*) { ++fired; });
+    auto loader = makeLoader(observer);
+    // As a runtime source does; the recorder keeps "address=data", with no address here.
+    observer.afterDelivery = [&] { RuntimeDataInternalizer::internalize(observer.updates.back().substr(1), tree); };
+    const std::string state = R"({"values":{"albums":"12;15"}})";
+
+    loader->subscribeRuntimeData("servicedata://player");
+    service.pushRuntimeUpdate(service.subscriptions()[0], "", state);
+    service.pushRuntimeUpdate(service.subscriptions()[0], "", state);
+    host.runUntilIdle();
+    EXPECT_EQ(fired, 1);
+
+    loader->stop();
+    loader->subscribeRuntimeData("servicedata://player");
+    service.pushRuntimeUpdate(service.subscriptions()[1], "", state);
+    host.runUntilIdle();
+    EXPECT_EQ(fired, 2);
+}
+
+TEST_F(LoaderTest, ObserverMayDestroyTheLoaderThatDeliversToIt) {
+    RecordingObserver second;
+    auto loader = makeLoader(observer);
+    loader->addObserver(&second);
+    observer.afterDelivery = [&] { loader.reset(); };
+    loader->load(query());
+    replyOneSong(service.queries()[0], "x");
+    host.runUntilIdle();
+    EXPECT_EQ(observer.deliveries(), 1u);
+    EXPECT_EQ(second.deliveries(), 0u);
 }
 
 TEST_F(LoaderTest, ServedTableAnswersWithTheRequestedSliceAndColumns) {

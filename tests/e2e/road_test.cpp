@@ -128,10 +128,12 @@ TEST_F(Road, AListScrolledToItsEndShowsEveryRowWithItsOwnValues) {
     EXPECT_LE(host::sentQueryCount(session.domain()) - queriesBefore, 2 * (TRACK_COUNT / 100 + 1));
 }
 
-TEST_F(Road, ScrollCommandReportsEveryRowFilledAndJumpsBack) {
-    const ProgramResult result =
-        host({"scroll", "tracks", "--frame-ms", "0", "--step", "13", "--jump", "1000"}, TRACKS_SOURCE);
-    ASSERT_EQ(result.status, 0) << result.err;
+TEST_F(Road, ScrollCommandReportsEveryRowFilledJumpsBackAndFailsShortOfItsGoal) {
+    const ProgramResult result = host(
+        {"scroll", "tracks", "--frame-ms", "0", "--step", "13", "--to", "1300", "--jump", "1000"}, TRACKS_SOURCE);
+    ASSERT_EQ(result.status, 1) << result.err;
+    EXPECT_THAT(result.err, HasSubstr("zarvo-host: scroll of tracks stopped at row 1233, short of row 1300: the "
+                                      "list holds 1234 rows and did not grow for "));
     EXPECT_THAT(result.out, HasSubstr(" to rows 1214 to 1233 of 1234\n  row 1214: " + trackText(1214) + "\n"));
     EXPECT_THAT(result.out, HasSubstr("jump to row 1000: filled"));
     EXPECT_THAT(result.out, HasSubstr("  row 1000: " + trackText(1000) + "\n"));

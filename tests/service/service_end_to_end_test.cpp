@@ -189,6 +189,7 @@ TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
         {"not json", std::nullopt, "not JSON"},
         {R"({"type":"query","id":4,"uri":"x"})", 4, "missing \"columns\""},
         {R"({"type":"launch"})", std::nullopt, "unknown message type"},
+        {R"({"type":"launch","id":6})", 6, "unknown message type"},
         {R"({"type":"result","id":1,"startIndex":0,"columns":[],"rows":[]})", std::nullopt,
          "unexpected message \"result\" from a client"},
         {R"({"type":"hello","version":1})", std::nullopt, "unexpected message \"hello\""},

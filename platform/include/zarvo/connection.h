@@ -34,6 +34,9 @@ public:
     };
 
     explicit Connection(MessageDispatcher* dispatcher) : dispatcher(dispatcher) {}
+    /// A delivery under way when the connection goes (a subscriber destroyed
+    /// its context) calls nobody after that.
+    ~Connection();
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
@@ -49,7 +52,8 @@ public:
 
     /// Library side, on the loop: stores `newState` and tells every
     /// subscriber, in order of subscribing. Every call is delivered, also a
-    /// repeat of the current state.
+    /// repeat of the current state. A subscription removed, or whose token is
+    /// let go, during the delivery is not called from then on.
     void setState(State newState);
     /// Subscriptions whose token is still held.
     std::size_t getSubscriptionCount() const;
@@ -62,6 +66,8 @@ private:
     State state = StateNotConnected;
     std::map<std::uint64_t, std::weak_ptr<Subscription>> subscriptions;
     std::uint64_t nextSubscription = 0;
+    /// Cleared by the destructor; a delivery holds a copy to notice it.
+    std::shared_ptr<bool> alive = std::make_shared<bool>(true);
 };
 
 }  // namespace zarvo

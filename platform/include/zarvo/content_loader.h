@@ -57,7 +57,12 @@ protected:
 
 private:
     bool isObserver(Observer* observer) const;
+    /// Calls `notify` on each observer, as described in content_loader.cpp.
+    template <typename Notify>
+    void notifyObservers(Notify notify);
     std::vector<Observer*> observers;
+    /// Cleared by the destructor; a delivery holds a copy to notice it.
+    std::shared_ptr<bool> alive = std::make_shared<bool>(true);
 };
 
 /// The loader that talks to the service through the client library.

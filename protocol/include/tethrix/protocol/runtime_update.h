@@ -8,6 +8,7 @@
 #ifndef TETHRIX_PROTOCOL_RUNTIME_UPDATE_H
 #define TETHRIX_PROTOCOL_RUNTIME_UPDATE_H
 
+#include <tethrix/protocol/row_sequence.h>
 #include <tethrix/protocol/runtime_tree.h>
 
 #include <boost/json.hpp>
@@ -15,11 +16,13 @@
 #include <climits>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <variant>
 #include <vector>
 
@@ -36,6 +39,33 @@ struct RuntimeUpdateFault {
     /// "<lead> at "volume": "4" is not an integer".
     std::string message(const std::string& lead) const;
 };
+
+/// The size of a tree and the most it may grow to, in the bytes that
+/// stateWeight counts.
+struct RuntimeTreeSize {
+    std::size_t bytes = 0;
+    std::size_t limit = 0;
+};
+
+/// About the bytes a subtree takes in state text: its names and the text of
+/// its string values, and 16 bytes a node for the punctuation and the other
+/// values, which are short. Rows count, templates do not. The count is one
+/// that an update's changes can follow exactly, node by node.
+template <typename Model>
+std::size_t stateWeight(const typename Model::Node& node)
+{
+    std::size_t weight = 16 + node.getNameOverride().size();
+    if (typeOf(node) == runtimeString) weight += node.getValueAsString().size();
+    for (auto child = node.beginChildren(); child != node.endChildren(); ++child) {
+        weight += stateWeight<Model>(**child);
+    }
+    if (const auto* list = typeOf(node) == runtimeList ? Model::asList(node) : nullptr) {
+        for (std::size_t i = 0; i < list->itemCount(); ++i) {
+            if (const auto row = list->getItem(i)) weight += stateWeight<Model>(*row);
+        }
+    }
+    return weight;
+}
 
 namespace runtime_update {
 
@@ -112,6 +142,9 @@ inline std::string readString(const boost::json::value& value, const Path& path)
 }
 
 std::size_t readIndex(const boost::json::value& value, const Path& path);
+
+/// The fault of an update that would grow a tree to `bytes`, past `limit`.
+RuntimeUpdateFault tooLarge(std::size_t bytes, std::size_t limit);
 
 /// The names of update keys, for paths, which take names by reference.
 const std::string& rowsKey();
@@ -244,6 +277,11 @@ public:
     using NodePtr = std::shared_ptr<Node>;
     using Rows = std::vector<NodePtr>;
 
+    /// Counts how much the update grows the tree by (see stateWeight), at
+    /// the cost of a look at each value and row it replaces.
+    void measure() { measuring = true; }
+    std::int64_t growth() const { return grown; }
+
     void planUpdate(Node& target, const boost::json::value& update)
     {
         const Path top;
@@ -268,7 +306,7 @@ public:
     void apply()
     {
         for (ValueChange& change : values) applyValue(change);
-        for (RowsChange& change : lists) change.list->assignItems(std::move(change.rows));
+        for (RowsChange& change : lists) change.list->assignItems(change.rows.rows());
     }
 
     /// A new row for `list` from `value`: the list's template with the
@@ -292,9 +330,13 @@ private:
         Value value;
     };
     struct RowsChange {
+        explicit RowsChange(List& list) : list(&list), rows(list) {}
         List* list;
-        Rows rows;
+        RowSequence<List, NodePtr> rows;
     };
+
+    void grow(const Node& added) { grown += static_cast<std::int64_t>(stateWeight<Model>(added)); }
+    void shrink(const Node& removed) { grown -= static_cast<std::int64_t>(stateWeight<Model>(removed)); }
 
     static void checkClass(const Node& node, int type, const Path& path)
     {
@@ -322,6 +364,10 @@ private:
         case runtimeString:
             checkClass(node, type, path);
             values.push_back({&node, readString(value, path)});
+            if (measuring) {
+                grown += static_cast<std::int64_t>(std::get<std::string>(values.back().value).size()) -
+                         static_cast<std::int64_t>(node.getValueAsString().size());
+            }
             return;
         case runtimeObject:
             if (!value.is_object()) {
@@ -368,11 +414,18 @@ private:
         Rows next;
         next.reserve(given.size());
         for (std::size_t i = 0; i < given.size(); ++i) next.push_back(makeRow(list, given[i], Path(path, i)));
-        Rows& rows = pendingRows(list);
+        RowSequence<List, NodePtr>& pending = pendingRows(list);
+        const Rows rows = pending.rows();
         for (std::size_t i = 0; i < next.size() && i < rows.size(); ++i) {
-            if (sameTree<Model>(*rows[i], *next[i])) next[i] = rows[i];
+            if (rows[i] && sameTree<Model>(*rows[i], *next[i])) next[i] = rows[i];
         }
-        rows = std::move(next);
+        if (measuring) {
+            for (const NodePtr& row : rows) {
+                if (row) shrink(*row);
+            }
+            for (const NodePtr& row : next) grow(*row);
+        }
+        pending.assign(std::move(next));
     }
 
     void planRowOperation(Node& target, const boost::json::value& operation, const Path& path)
@@ -401,26 +454,34 @@ private:
 
     void insertRow(List& list, std::size_t index, NodePtr row, const Path& path)
     {
-        Rows& rows = pendingRows(list);
+        RowSequence<List, NodePtr>& rows = pendingRows(list);
         if (index > rows.size()) {
             refuse(path,
                    outside(list, index, rows.size()) + "; an insertion takes 0 to " + std::to_string(rows.size()));
         }
-        rows.insert(rows.begin() + static_cast<std::ptrdiff_t>(index), std::move(row));
+        if (measuring) grow(*row);
+        rows.insert(index, std::move(row));
     }
 
     void replaceRow(List& list, std::size_t index, NodePtr row, const Path& path)
     {
-        Rows& rows = pendingRows(list);
+        RowSequence<List, NodePtr>& rows = pendingRows(list);
         if (index >= rows.size()) refuse(path, outside(list, index, rows.size()));
-        if (!sameTree<Model>(*rows[index], *row)) rows[index] = std::move(row);
+        const NodePtr present = rows.at(index);
+        if (present && sameTree<Model>(*present, *row)) return;
+        if (measuring) {
+            if (present) shrink(*present);
+            grow(*row);
+        }
+        rows.replace(index, std::move(row));
     }
 
     void removeRow(List& list, std::size_t index, const Path& path)
     {
-        Rows& rows = pendingRows(list);
+        RowSequence<List, NodePtr>& rows = pendingRows(list);
         if (index >= rows.size()) refuse(path, outside(list, index, rows.size()));
-        rows.erase(rows.begin() + static_cast<std::ptrdiff_t>(index));
+        const NodePtr removed = rows.remove(index);
+        if (measuring && removed) shrink(*removed);
     }
 
     static std::string outside(const List& list, std::size_t index, std::size_t count)
@@ -429,8 +490,18 @@ private:
                std::to_string(count) + " rows";
     }
 
-    /// The list at a '.'-separated path of names below `target`.
-    static List& findList(Node& target, const std::string& listPath, const Path& path)
+    /// The list at a '.'-separated path of names below `target`, the same
+    /// for every operation of the update, so looked up once.
+    List& findList(Node& target, const std::string& listPath, const Path& path)
+    {
+        auto known = listsByPath.find(listPath);
+        if (known != listsByPath.end()) return *known->second;
+        List& list = lookUpList(target, listPath, path);
+        listsByPath.emplace(listPath, &list);
+        return list;
+    }
+
+    static List& lookUpList(Node& target, const std::string& listPath, const Path& path)
     {
         Node* node = &target;
         std::size_t begin = 0;
@@ -454,15 +525,12 @@ private:
 
     /// The rows that `list` will have, as far as the plan has got; its
     /// present rows the first time.
-    Rows& pendingRows(List& list)
+    RowSequence<List, NodePtr>& pendingRows(List& list)
     {
-        for (RowsChange& change : lists) {
-            if (change.list == &list) return change.rows;
-        }
-        Rows rows;
-        rows.reserve(list.itemCount());
-        for (std::size_t i = 0; i < list.itemCount(); ++i) rows.push_back(list.getItem(i));
-        lists.push_back({&list, std::move(rows)});
+        auto known = changeOf.find(&list);
+        if (known != changeOf.end()) return known->second->rows;
+        lists.emplace_back(list);
+        changeOf.emplace(&list, &lists.back());
         return lists.back().rows;
     }
 
@@ -522,23 +590,37 @@ private:
     }
 
     std::vector<ValueChange> values;
-    std::vector<RowsChange> lists;
+    /// In a deque: each change stays where changeOf points.
+    std::deque<RowsChange> lists;
+    std::unordered_map<const List*, RowsChange*> changeOf;
+    std::unordered_map<std::string, List*> listsByPath;
+    bool measuring = false;
+    std::int64_t grown = 0;
 };
 
 }  // namespace runtime_update
 
 /// Applies `text` to the tree at `target`, whole or not at all. Gives the
-/// fault of a refused update.
+/// fault of a refused update. With `size`, refuses an update that would
+/// grow the tree past size->limit, and keeps size->bytes current.
 template <typename Model>
-std::optional<RuntimeUpdateFault> applyRuntimeUpdate(std::string_view text, typename Model::Node& target)
+std::optional<RuntimeUpdateFault> applyRuntimeUpdate(std::string_view text, typename Model::Node& target,
+                                                     RuntimeTreeSize* size = nullptr)
 {
     const runtime_update::UpdateText update(text);
     if (!update.error().empty()) return RuntimeUpdateFault{std::string(), "not JSON (" + update.error() + ")"};
     runtime_update::Plan<Model> plan;
+    if (size) plan.measure();
     try {
         plan.planUpdate(target, update.value());
     } catch (const runtime_update::Misfit& misfit) {
         return RuntimeUpdateFault{misfit.where, misfit.what()};
+    }
+    if (size) {
+        const std::int64_t after = static_cast<std::int64_t>(size->bytes) + plan.growth();
+        const std::size_t bytes = after < 0 ? 0 : static_cast<std::size_t>(after);
+        if (bytes > size->limit) return runtime_update::tooLarge(bytes, size->limit);
+        size->bytes = bytes;
     }
     plan.apply();
     return std::nullopt;

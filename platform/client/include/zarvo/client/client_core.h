@@ -13,6 +13,7 @@
 #include <zarvo/client/transport.h>
 #include <zarvo/connection.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -38,6 +39,17 @@ struct RequestId {
     static std::uint32_t sequenceOf(std::uint64_t id) { return static_cast<std::uint32_t>(id); }
 };
 
+/// How the loaders see their queries answered; see loader_channel.h.
+struct QueryRetryPolicy {
+    /// Wait before a query that failed for a passing reason is asked again;
+    /// doubled after each further failure of it, up to maxRetryDelay.
+    std::chrono::milliseconds firstRetryDelay{100};
+    std::chrono::milliseconds maxRetryDelay{5000};
+    /// Queries one loader may have open, waiting ones included; a further
+    /// query is refused with an error.
+    std::size_t maxOpenQueriesPerLoader = 64;
+};
+
 class ClientCore {
 public:
     /// `client` owns the core; its dispatcher and connection outlive it.
@@ -57,7 +69,8 @@ public:
 
     /// Loaders alive now.
     std::size_t liveLoaderCount() const { return channels.size(); }
-    /// Queries sent and neither answered, failed nor cancelled.
+    /// Queries accepted and neither answered, refused for good nor
+    /// cancelled, those waiting to be asked again included.
     std::size_t openQueryCount() const;
     /// Runtime data subscriptions in force.
     std::size_t subscriptionCount() const;
@@ -70,6 +83,11 @@ public:
     void setResourceBaseUrl(std::string url);
 
     MessageDispatcher& getDispatcher();
+    Connection::State getConnectionState() const;
+
+    const QueryRetryPolicy& getQueryRetryPolicy() const { return retryPolicy; }
+    /// On the loop; applies to failures from now on.
+    void setQueryRetryPolicy(const QueryRetryPolicy& policy) { retryPolicy = policy; }
 
     // Used by the loaders' channels, on the loop.
     std::uint32_t registerLoader(LoaderChannel& channel);
@@ -96,6 +114,7 @@ private:
     std::unordered_map<std::uint32_t, LoaderChannel*> channels;
     std::uint32_t nextLoaderId = 1;
     std::uint64_t queriesSent = 0;
+    QueryRetryPolicy retryPolicy;
     mutable std::mutex baseUrlMutex;
     std::string resourceBaseUrl;
 };
