@@ -19,6 +19,7 @@
 #include "datasource/content_adapter.h"
 #include "datasource/tethrix_data_object_list.h"
 
+#include <zarvo/host/list_view.h>
 #include <zarvo/testkit/scripted_service.h>
 #include <zarvo/testkit/test_host.h>
 
@@ -82,37 +83,24 @@ private:
     std::uint64_t current = 0;
 };
 
-// Holds the rows [first, first + windowRows) of a list as a list view does:
-// acquires what enters, releases what leaves, and binds all its rows afresh
-// once the list has said that it changed.
-class ListView {
+// The engine's list view on the window [first, first + windowRows), with the
+// rows that entered it at each move.
+class ScrollingView {
 public:
-    explicit ListView(std::shared_ptr<TethrixDataObjectList> list) : list(std::move(list)) {
-        token = this->list->addModifiedSubscription([this](DataContext&) { rebind = true; });
-    }
-    ~ListView() { list->removeModifiedSubscription(token); }
+    explicit ScrollingView(std::shared_ptr<TethrixDataObjectList> list) : view(std::move(list)) {}
 
     void scrollTo(std::uint64_t newFirst) {
-        const std::uint64_t newEnd = newFirst + windowRows;
+        const std::uint64_t oldFirst = view.first();
+        const std::uint64_t oldEnd = oldFirst + view.size();
+        // The window goes where it is told, ahead of the rows the list knows.
+        view.jumpTo(newFirst, windowRows);
         entered.clear();
-        for (std::uint64_t index = first; index < end && !rebind; ++index) {
-            if (index < newFirst || index >= newEnd) {
-                list->releaseItem(index);
-            }
-        }
-        for (std::uint64_t index = newFirst; index < newEnd; ++index) {
-            const bool entering = index < first || index >= end;
-            if (entering || rebind) {
-                auto row = list->acquireItem(index);
-                if (entering) {
-                    entered.emplace_back(index, std::move(row));
-                }
+        for (const auto& row : view.rows()) {
+            if (row.first < oldFirst || row.first >= oldEnd) {
+                entered.push_back(row);
             }
         }
         enteredRows += entered.size();
-        first = newFirst;
-        end = newEnd;
-        rebind = false;
     }
 
     // After the loop turn every row that entered must hold its own data.
@@ -129,12 +117,8 @@ public:
     std::uint64_t unfilledRows = 0;
 
 private:
-    std::shared_ptr<TethrixDataObjectList> list;
-    std::shared_ptr<void> token;
+    ListView view;
     std::vector<std::pair<std::uint64_t, std::shared_ptr<DataObject>>> entered;
-    std::uint64_t first = 0;
-    std::uint64_t end = 0;
-    bool rebind = false;
 };
 
 // The same window moves on a plain ordered map of rows.
@@ -229,7 +213,7 @@ void scrollList(benchmark::State& state, Scroll mode) {
 
     for (auto _ : state) {
         Scene scene;
-        ListView view(scene.list);
+        ScrollingView view(scene.list);
         ScrollScript script(mode, step);
         view.scrollTo(script.start());
         scene.host.runUntilIdle();

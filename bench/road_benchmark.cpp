@@ -22,10 +22,10 @@
 // the service's threads. The database is made once per run in the temporary
 // directory (some seconds).
 #include "host_session.h"
-#include "list_view.h"
 #include "service_connection.h"
 
-#include "datasource/tethrix_data_object_list.h"
+#include <zarvo/host/list_view.h>
+#include <zarvo/host/statistics.h>
 
 #include "content_store.h"
 #include "service.h"
@@ -125,7 +125,7 @@ struct Road {
     }
 
     /// Runs the loop until the rows shown are filled.
-    bool fill(host::ListView& view) {
+    bool fill(ListView& view) {
         return session.loop().runUntil(
             [&view]() {
                 view.refresh();
@@ -145,12 +145,11 @@ double secondsSince(Clock::time_point start) {
 void BM_RoadScroll(benchmark::State& state) {
     std::int64_t rows = 0;
     std::uint64_t queries = 0;
-    std::size_t peakResident = 0;
+    std::size_t peakDataObjects = 0;
     for (auto _ : state) {
         Road road;
-        auto cached = std::dynamic_pointer_cast<TethrixDataObjectList>(road.list);
         const std::uint64_t queriesBefore = host::sentQueryCount(road.session.domain());
-        host::ListView view(road.list);
+        ListView view(road.list);
         const Clock::time_point start = Clock::now();
         for (std::uint64_t first = 0; first + windowRows <= static_cast<std::uint64_t>(tableRows);
              first += windowRows) {
@@ -159,9 +158,7 @@ void BM_RoadScroll(benchmark::State& state) {
                 state.SkipWithError("rows not filled");
                 return;
             }
-            if (cached) {
-                peakResident = std::max(peakResident, cached->getCache().residentItemCount());
-            }
+            peakDataObjects = std::max(peakDataObjects, liveDataObjectCount());
         }
         state.SetIterationTime(secondsSince(start));
         rows += tableRows;
@@ -169,7 +166,7 @@ void BM_RoadScroll(benchmark::State& state) {
     }
     state.SetItemsProcessed(rows);
     state.counters["queries"] = static_cast<double>(queries);
-    state.counters["peak_resident_rows"] = static_cast<double>(peakResident);
+    state.counters["peak_data_objects"] = static_cast<double>(peakDataObjects);
 }
 
 void BM_StoreScroll(benchmark::State& state) {
@@ -223,13 +220,13 @@ void BM_RoadBlock(benchmark::State& state) {
     {
         // The service learns the ordering's deep keys once.
         Road warm;
-        host::ListView view(warm.list);
+        ListView view(warm.list);
         view.jumpTo(index, windowRows);
         warm.fill(view);
     }
     for (auto _ : state) {
         Road road;
-        host::ListView view(road.list);
+        ListView view(road.list);
         const Clock::time_point start = Clock::now();
         view.jumpTo(index, windowRows);
         if (!road.fill(view)) {

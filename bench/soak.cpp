@@ -13,7 +13,7 @@
 // database and runs it; the last line says PASS or FAIL.
 
 #include "host_session.h"
-#include "list_view.h"
+#include <zarvo/host/list_view.h>
 
 #include "publish_command.h"
 
@@ -213,7 +213,7 @@ private:
     }
 
     /// Every row of the window holds its label ("row N" for row N).
-    bool windowRight(zarvo::host::ListView& view) {
+    bool windowRight(zarvo::ListView& view) {
         if (view.isStale()) {
             view.refresh();
         }
@@ -229,7 +229,7 @@ private:
     }
 
     bool scrollThroughRestarts(const std::function<void()>& afterFirstRound) {
-        zarvo::host::ListView view(list("lines"));
+        zarvo::ListView view(list("lines"));
         const std::uint64_t window = 20;
         // A step that crosses block boundaries at odd places, sized so that
         // the restarts spread over the whole table.
@@ -266,7 +266,7 @@ private:
 
     /// Kills the service, lets the view wait `downMs` without it, starts it
     /// again on the same port and waits for the flag and the rows.
-    bool restart(zarvo::host::ListView& view, unsigned downMs) {
+    bool restart(zarvo::ListView& view, unsigned downMs) {
         const unsigned short port = service->port();
         service->kill();
         session->loop().runUntil([] { return false; }, milliseconds(downMs));
@@ -283,7 +283,7 @@ private:
     }
 
     bool changeKeys() {
-        zarvo::host::ListView view(list("recent"));
+        zarvo::ListView view(list("recent"));
         std::uniform_int_distribution<unsigned> album(1, options.albums);
         tethrix::service::PublishRequest request{"127.0.0.1", std::to_string(service->port()), "soak", ""};
         for (keyChanges = 0; keyChanges < options.keyChanges; ++keyChanges) {
@@ -319,7 +319,7 @@ private:
         for (reloads = 0; reloads < options.reloads; ++reloads) {
             source.unloadOverride();
             source.loadFromZVB(nullptr, nullptr, nullptr);
-            zarvo::host::ListView view(list("lines"));
+            zarvo::ListView view(list("lines"));
             if (!session->loop().runUntil(
                     [&] {
                         view.moveTo(0, 20);

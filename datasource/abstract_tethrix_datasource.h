@@ -38,7 +38,8 @@ public:
     void stop();
     void onConnectionStateChanged(Connection::State state);
     void setConnected(bool value);
-    bool isConnected() const;
+    /// Exported for callers outside the engine.
+    __attribute__((visibility("default"))) bool isConnected() const;
 
 private:
     Connection* getConnection() const;

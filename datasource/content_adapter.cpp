@@ -50,6 +50,10 @@ void ContentAdapter::start(std::shared_ptr<ContentLoader> newLoader) {
 void ContentAdapter::stop() {
     destroyAllAdapters();
     if (loader) {
+        // A list's load under way goes with the loader; the list asks again.
+        if (auto list = std::dynamic_pointer_cast<TethrixDataObjectList>(dataObject)) {
+            list->notifyLoadDropped();
+        }
         loader->removeObserver(this);
         loader->stop();
         std::shared_ptr<ContentLoader> last = std::move(loader);

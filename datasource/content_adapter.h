@@ -95,10 +95,12 @@ private:
 
 /// Stores `value` in a string object that was showing a preload placeholder.
 void preloadCompleted(std::shared_ptr<DataObject> dataObject, const std::string& value);
-/// The value of a typed data object; empty for other types.
-boost::any getDataObjectValueAsAny(std::shared_ptr<DataObject> dataObject);
+/// The value of a typed data object; empty for other types. Exported, with
+/// its setter, for callers outside the engine.
+__attribute__((visibility("default"))) boost::any getDataObjectValueAsAny(std::shared_ptr<DataObject> dataObject);
 /// Stores `value` in a typed data object and notifies, if it differs.
-void setDataObjectValueFromAny(std::shared_ptr<DataObject> dataObject, const boost::any& value);
+__attribute__((visibility("default"))) void setDataObjectValueFromAny(std::shared_ptr<DataObject> dataObject,
+                                                                const boost::any& value);
 
 }  // namespace zarvo
 

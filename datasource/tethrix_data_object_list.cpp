@@ -245,6 +245,7 @@ void TethrixDataObjectList::notifyItemLoaded(std::uint64_t index, std::shared_pt
 
 void TethrixDataObjectList::notifyLoadingFinished() {
     loading = false;
+    readAheadLoading = false;
     const bool countChanged = itemCountChanged;
     // The next load goes out before the UI hears of this one.
     progressLoadingQueue();
@@ -294,6 +295,7 @@ void TethrixDataObjectList::progressLoadingQueue() {
         }
         preloadRequested = true;
         loading = contentAdapter->loadItems(blockSize * (first / blockSize), blockSize);
+        readAheadLoading = false;
         return;
     }
     if (!preloadRequested) {
@@ -308,8 +310,35 @@ void TethrixDataObjectList::progressLoadingQueue() {
     if (narrow32(next) <= preloadedBlock || !hasAdapterToLoad(next * blockSize)) {
         return;
     }
+    const std::int32_t previousBlock = preloadedBlock;
     preloadedBlock = narrow32(next);
     loading = contentAdapter->loadItems(signExtend(narrow32(next * blockSize)), blockSize);
+    readAheadLoading = loading;
+    if (!loading) {
+        // No loader (the connection is down): a block that was never asked
+        // for would otherwise never be asked for, and a view that shows the
+        // end of the list would wait for it for ever. It is asked for on the
+        // next pass instead.
+        preloadedBlock = previousBlock;
+        preloadRequested = true;
+    }
+}
+
+void TethrixDataObjectList::notifyLoadDropped() {
+    if (!loading) {
+        return;
+    }
+    // The adapter stopped (the connection went) with this list's load under
+    // way: no answer will come. Without this the list would wait for ever,
+    // or, for a read-ahead block, never ask for that block again.
+    ZARVO_LOG_INFO("tethrix", "TethrixDataObjectList: the load of list '{}' went with its loader; it is asked again",
+                   getName());
+    loading = false;
+    if (readAheadLoading) {
+        --preloadedBlock;
+    }
+    readAheadLoading = false;
+    preloadRequested = true;
 }
 
 bool TethrixDataObjectList::hasAdapterToLoad(std::uint64_t index) {

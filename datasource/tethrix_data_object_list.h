@@ -92,6 +92,9 @@ public:
     void notifyItemLoaded(std::uint64_t index, std::shared_ptr<DataObject> item);
     /// Called by the adapter once per result, applied or refused.
     void notifyLoadingFinished();
+    /// Called by the adapter when it stops while this list's load is under
+    /// way: its answer will not come, so the load is asked for again later.
+    void notifyLoadDropped();
     /// Forgets the rows and the queue. Sends no notice: the caller ends its
     /// work with notifyLoadingFinished(), which reports the change.
     void removeAllItems();
@@ -124,6 +127,8 @@ private:
     /// A load is out and notifyLoadingFinished() has not yet come for it.
     bool loading;
     bool preloadRequested;
+    /// The load under way is the read-ahead of block preloadedBlock.
+    bool readAheadLoading = false;
     bool itemCountChanged;
     std::uint64_t lastIndex;
     /// Its sign is the scroll direction.

@@ -29,6 +29,7 @@ public:
     Domain& domain() { return engineDomain; }
     ZvuMessageDispatcher& loop() { return *engineDomain.getMessageDispatcher(); }
     ObjectFactory& factory() { return objectFactory; }
+    PluginLibrary& library() { return *plugin; }
 
 private:
     Domain engineDomain;

@@ -2,14 +2,7 @@
 
 #include "service_connection.h"
 
-#include "datasource/abstract_tethrix_datasource.h"
-#include "datasource/content_adapter.h"
-#include "datasource/tethrix_data_object_list.h"
-
 #include <zarvo/resource_manager.h>
-#include <zarvo/runtime_data.h>
-
-#include <sys/stat.h>
 
 #include <iostream>
 #include <stdexcept>
@@ -20,47 +13,9 @@ namespace {
 
 const char* const DATA_SOURCE_TYPE = "ZarvoTethrixDataSource";
 
-void expectFile(const std::string& path) {
-    struct stat status {};
-    if (!path.empty() && ::stat(path.c_str(), &status) != 0) {
-        throw std::runtime_error("no configuration file " + path);
-    }
-}
-
-/// A runtime node and the data object that mirrors it hold each other (a
-/// runtime list through its rows and its row template too); the links are
-/// cut so that both can go.
-void releaseRuntimeBindings(RuntimeDataObject& node) {
-    node.boundDataObject.reset();
-    for (auto child = node.beginChildren(); child != node.endChildren(); ++child) {
-        releaseRuntimeBindings(**child);
-    }
-    auto* list = dynamic_cast<RuntimeDataObjectList*>(&node);
-    if (list == nullptr) {
-        return;
-    }
-    list->itemTemplateDataObject.reset();
-    for (std::size_t index = 0; index < list->itemCount(); ++index) {
-        releaseRuntimeBindings(*list->getItem(index));
-    }
-}
-
-void releaseRuntimeBindings(DataSource& source) {
-    auto* tethrix = dynamic_cast<AbstractTethrixDataSource*>(&source);
-    if (tethrix == nullptr) {
-        return;
-    }
-    for (const auto& adapter : tethrix->getAdapters()) {
-        if (adapter->getConfig()->runtimeData) {
-            releaseRuntimeBindings(*adapter->getConfig()->runtimeData);
-        }
-    }
-}
-
 }  // namespace
 
 HostSession::HostSession(const SourceOptions& options) : sourceOptions(options) {
-    expectFile(options.configFile);
     engine = std::make_unique<EngineHost>(options.pluginPath, options.serviceUrl);
 
     dataSource = std::dynamic_pointer_cast<DataSource>(
@@ -78,12 +33,8 @@ HostSession::~HostSession() {
     if (!dataSource) {
         return;
     }
-    // The lists and their adapters, and runtime data and their mirrors,
-    // would keep each other alive past the end.
-    releaseRuntimeBindings(*dataSource);
-    std::shared_ptr<DataObject> tree = dataSource->getData();
+    // Unloading lets the tree go, as it does when the engine unloads.
     dataSource->unloadOverride();
-    TethrixDataObjectList::releaseAdapters(tree);
     engine->domain().getResourceManager()->unregisterResource(sourceOptions.name);
 }
 

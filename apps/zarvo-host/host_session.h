@@ -25,6 +25,7 @@ public:
     Domain& domain() { return engine->domain(); }
     ZvuMessageDispatcher& loop() { return engine->loop(); }
     DataSource& source() { return *dataSource; }
+    PluginLibrary& library() { return engine->library(); }
     const SourceOptions& options() const { return sourceOptions; }
 
     /// Runs the loop until the source has settled: at once without a

@@ -75,7 +75,7 @@ int runInspect(const CommandLine& line) {
     sourceOptions.serviceUrl.clear();
     HostSession session(sourceOptions);
     auto inspector = std::make_shared<Inspector>(
-        session.source(), session.domain(), log,
+        session.source(), session.domain(), session.library(), log,
         InspectorOptions{line.source.name, line.source.serviceUrl, line.source.configFile});
     std::shared_ptr<QueryMonitor> monitor;
     if (serviceOptions) {

@@ -3,11 +3,10 @@
 #include "service_connection.h"
 #include "tree_printer.h"
 
-#include "datasource/zarvo_tethrix_datasource.h"
-
 #include <tethrix/protocol/json_writer.h>
 
 #include <zarvo/client.h>
+#include <zarvo/host/statistics.h>
 #include <zarvo/image.h>
 #include <zarvo/message_dispatcher.h>
 #include <zarvo/resource_manager.h>
@@ -51,8 +50,9 @@ std::shared_ptr<TexturePixels> copyPixels(const Texture& texture) {
 
 }  // namespace
 
-Inspector::Inspector(DataSource& source, Domain& domain, InspectorLog& log, InspectorOptions options)
-    : source(source), domain(domain), log(log), options(std::move(options)), self(std::make_shared<Inspector*>(this)) {
+Inspector::Inspector(DataSource& source, Domain& domain, PluginLibrary& library, InspectorLog& log,
+                     InspectorOptions options)
+    : source(source), domain(domain), library(library), log(log), options(std::move(options)), self(std::make_shared<Inspector*>(this)) {
     sourceToken = source.addModifiedSubscription([this](DataContext&) {
         ++reloads;
         treeDirty = true;
@@ -311,6 +311,8 @@ void Inspector::frame() {
     header.string(clientStateName(Context::instance(domain, nullptr)->getClient()->getConnection()->getState()));
     header.key("queries");
     header.unsignedInteger(sentQueryCount(domain));
+    header.key("liveObjects");
+    header.unsignedInteger(liveDataObjectCount());
     header.key("reloads");
     header.unsignedInteger(reloads);
     header.key("browsers");
@@ -589,11 +591,16 @@ void Inspector::noteImageUrl(const std::string& value) {
 
 std::string Inspector::snapshotFileName() const { return options.sourceName + "-snapshot.xml"; }
 
-void Inspector::takeSnapshot(std::function<void(std::string)> reply) {
+void Inspector::takeSnapshot(std::function<void(std::string, std::string)> reply) {
     std::string xmlFileName;
     std::string snapshot;
-    ZarvoTethrixDataSource::takeDataSnapshot(&domain, options.sourceName, xmlFileName, snapshot);
-    reply(std::move(snapshot));
+    try {
+        library.takeDataSnapshot(&domain, options.sourceName, xmlFileName, snapshot);
+    } catch (const std::exception& error) {
+        reply(std::string(), error.what());
+        return;
+    }
+    reply(std::move(snapshot), std::string());
 }
 
 void Inspector::loadImage(const std::string& url,

@@ -8,11 +8,12 @@
 #include "browser_channel.h"
 #include "inspector_log.h"
 #include "inspector_server.h"
-#include "list_view.h"
+#include "plugin_library.h"
 #include "query_monitor.h"
 
 #include <zarvo/data_source.h>
 #include <zarvo/domain.h>
+#include <zarvo/host/list_view.h>
 
 #include <chrono>
 #include <cstdint>
@@ -48,8 +49,10 @@ struct InspectorOptions {
 
 class Inspector : public InspectorBackend {
 public:
-    /// Follows `source` at once; frames start with the first browser.
-    Inspector(DataSource& source, Domain& domain, InspectorLog& log, InspectorOptions options);
+    /// Follows `source` at once; frames start with the first browser. The
+    /// snapshot comes from the plug-in's exported function in `library`.
+    Inspector(DataSource& source, Domain& domain, PluginLibrary& library, InspectorLog& log,
+              InspectorOptions options);
     /// Releases every row the views hold.
     ~Inspector() override;
     Inspector(const Inspector&) = delete;
@@ -59,7 +62,7 @@ public:
     void onQuery(const QueryEvent& event);
 
     void addBrowser(std::shared_ptr<BrowserChannel> channel) override;
-    void takeSnapshot(std::function<void(std::string)> reply) override;
+    void takeSnapshot(std::function<void(std::string, std::string)> reply) override;
     void loadImage(const std::string& url,
                    std::function<void(std::shared_ptr<TexturePixels>, std::string)> reply) override;
     std::string snapshotFileName() const override;
@@ -126,6 +129,7 @@ private:
 
     DataSource& source;
     Domain& domain;
+    PluginLibrary& library;
     InspectorLog& log;
     const InspectorOptions options;
     std::shared_ptr<void> sourceToken;

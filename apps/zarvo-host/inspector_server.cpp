@@ -369,7 +369,11 @@ private:
         if (path == "/snapshot.xml") {
             return askLoop([](InspectorBackend& backend, Reply reply) {
                 const std::string name = backend.snapshotFileName();
-                backend.takeSnapshot([reply, name](std::string xml) {
+                backend.takeSnapshot([reply, name](std::string xml, std::string error) {
+                    if (!error.empty()) {
+                        reply([error]() { return text(http::status::internal_server_error, error + "\n"); });
+                        return;
+                    }
                     auto body = std::make_shared<std::string>(std::move(xml));
                     reply([body, name]() {
                         Response response{http::status::ok, 11};

@@ -41,8 +41,8 @@ class InspectorBackend {
 public:
     virtual ~InspectorBackend();
     virtual void addBrowser(std::shared_ptr<BrowserChannel> channel) = 0;
-    /// The data snapshot XML of the source.
-    virtual void takeSnapshot(std::function<void(std::string)> reply) = 0;
+    /// The data snapshot XML of the source, or (empty XML) why there is none.
+    virtual void takeSnapshot(std::function<void(std::string xml, std::string error)> reply) = 0;
     /// The texture loaded for `url`, or the reason there is none.
     virtual void loadImage(const std::string& url,
                            std::function<void(std::shared_ptr<TexturePixels>, std::string)> reply) = 0;

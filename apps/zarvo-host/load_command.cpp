@@ -16,6 +16,8 @@ namespace zarvo::host {
 namespace {
 
 const std::chrono::milliseconds DEFAULT_LOAD_LIMIT(30000);
+// The load's own limit counts from when a loader thread takes it up.
+const std::chrono::milliseconds LOAD_LIMIT_MARGIN(1000);
 
 }  // namespace
 
@@ -37,9 +39,14 @@ int runLoad(const CommandLine& line) {
 
     EngineHost engine(line.source.pluginPath, line.source.serviceUrl);
     ResourceManager* resources = engine.domain().getResourceManager();
+    // The resource manager gives the load up at the limit, and leaves a
+    // transfer that never ends to its thread: the program still exits.
+    ResourceManager::Limits limits = resources->getLimits();
+    limits.loadTimeout = limit;
+    resources->setLimits(limits);
     bool finished = false;
     resources->acquireResourcesAsync(std::unordered_set<std::string>{url}, [&finished]() { finished = true; });
-    if (!engine.loop().runUntil([&finished]() { return finished; }, limit)) {
+    if (!engine.loop().runUntil([&finished]() { return finished; }, limit + LOAD_LIMIT_MARGIN)) {
         throw std::runtime_error("loading " + url + " did not finish within " + std::to_string(limit.count()) +
                                  " ms");
     }

@@ -11,6 +11,11 @@ namespace zarvo::host {
 namespace {
 
 const char* const LIBRARY_NAME = "libzarvo_tethrix_datasource.so";
+// The exported static ZarvoTethrixDataSource::takeDataSnapshot(Domain*, const
+// std::string&, std::string&, std::string&), by its linker name.
+const char* const TAKE_DATA_SNAPSHOT =
+    "_ZN5zarvo22ZarvoTethrixDataSource16takeDataSnapshotEPNS_6DomainERKNSt7__cxx1112basic_stringIcSt11char_"
+    "traitsIcESaIcEEERS8_SB_";
 
 std::string programDirectory() {
     char buffer[4096];
@@ -55,6 +60,16 @@ PluginLibrary::PluginLibrary(const std::string& path) : libraryPath(path) {
     if (loadedModule == nullptr) {
         throw std::runtime_error("createModule of " + path + " gave no module");
     }
+}
+
+void PluginLibrary::takeDataSnapshot(Domain* domain, const std::string& resourceName, std::string& xmlFileName,
+                                     std::string& snapshot) {
+    using Snapshot = void (*)(Domain*, const std::string&, std::string&, std::string&);
+    auto entry = reinterpret_cast<Snapshot>(dlsym(handle, TAKE_DATA_SNAPSHOT));
+    if (entry == nullptr) {
+        throw std::runtime_error("plug-in " + libraryPath + " exports no takeDataSnapshot");
+    }
+    entry(domain, resourceName, xmlFileName, snapshot);
 }
 
 PluginLibrary::~PluginLibrary() {

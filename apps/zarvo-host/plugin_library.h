@@ -21,6 +21,11 @@ public:
     PluginLibrary& operator=(const PluginLibrary&) = delete;
 
     Module& module() { return *loadedModule; }
+    /// The plug-in's exported snapshot of the source `resourceName`
+    /// (ZarvoTethrixDataSource::takeDataSnapshot); throws std::runtime_error
+    /// if the library has none.
+    void takeDataSnapshot(Domain* domain, const std::string& resourceName, std::string& xmlFileName,
+                          std::string& snapshot);
     const std::string& path() const { return libraryPath; }
 
     /// The plug-in built beside this program.

@@ -3,12 +3,11 @@
 
 #include "commands.h"
 #include "host_session.h"
-#include "list_view.h"
 #include "service_connection.h"
 #include "tree_printer.h"
 
-#include "datasource/tethrix_data_object_list.h"
-
+#include <zarvo/host/list_view.h>
+#include <zarvo/host/statistics.h>
 #include <zarvo/message_dispatcher.h>
 
 #include <algorithm>
@@ -80,8 +79,7 @@ public:
         : session(session),
           options(options),
           limit(session.options().wait.value_or(DEFAULT_SETTLE_LIMIT)),
-          view(list),
-          cachedList(std::dynamic_pointer_cast<TethrixDataObjectList>(list)) {}
+          view(list) {}
 
     /// Scrolls from row 0 until row --to is shown or the list ends, then
     /// waits until the rows shown are filled. False if they never were.
@@ -156,12 +154,7 @@ public:
                 << "%)";
         }
         out << "\nqueries sent: " << sentQueryCount(session.domain()) - settledQueries << "\n";
-        out << "peak resident rows: ";
-        if (cachedList) {
-            out << peakResident << "\n";
-        } else {
-            out << "not known for this kind of list\n";
-        }
+        out << "peak data objects: " << peakDataObjects << "\n";
         out << "elapsed: " << std::fixed << std::setprecision(2) << millisecondsSince(started) / 1000.0 << " s\n"
             << std::flush;
     }
@@ -191,9 +184,7 @@ private:
         view.refresh();
         trackShownRows();
         noteFilledRows();
-        if (cachedList) {
-            peakResident = std::max(peakResident, cachedList->getCache().residentItemCount());
-        }
+        peakDataObjects = std::max(peakDataObjects, liveDataObjectCount());
     }
 
     /// The list has stopped growing: nothing is asked of the service, the
@@ -293,7 +284,6 @@ private:
     const ScrollOptions& options;
     const std::chrono::milliseconds limit;
     ListView view;
-    std::shared_ptr<TethrixDataObjectList> cachedList;
     /// Rows shown now, and whether each was seen filled while shown.
     std::map<std::uint64_t, bool> tracked;
     std::uint64_t rowsSeen = 0;
@@ -301,7 +291,7 @@ private:
     std::uint64_t rowsFilledTotal = 0;
     std::uint64_t frames = 0;
     std::uint64_t settledQueries = 0;
-    std::size_t peakResident = 0;
+    std::size_t peakDataObjects = 0;
     std::uint64_t progressMark = 0;
     Clock::time_point lastProgress;
     Clock::time_point started;

@@ -4,8 +4,6 @@
 #include "host_session.h"
 #include "tree_printer.h"
 
-#include "datasource/zarvo_tethrix_datasource.h"
-
 #include <iostream>
 
 namespace zarvo::host {
@@ -22,7 +20,7 @@ int runSnapshot(const CommandLine& line) {
     session.settle();
     std::string xmlFileName;
     std::string snapshot;
-    ZarvoTethrixDataSource::takeDataSnapshot(&session.domain(), line.source.name, xmlFileName, snapshot);
+    session.library().takeDataSnapshot(&session.domain(), line.source.name, xmlFileName, snapshot);
     std::cout << snapshot << std::flush;
     return 0;
 }

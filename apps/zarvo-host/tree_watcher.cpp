@@ -2,8 +2,6 @@
 
 #include "tree_printer.h"
 
-#include "datasource/tethrix_data_object_list.h"
-
 #include <zarvo/domain.h>
 
 namespace zarvo::host {
@@ -17,11 +15,6 @@ TreeWatcher::TreeWatcher(DataSource& source, std::ostream& out, std::uint64_t ro
     sourceToken = source.addModifiedSubscription([this](DataContext&) {
         line(this->source.getObjectName() + " (tree replaced)");
         unwatchAll();
-        // The source has let go of the old tree; its lists and their
-        // adapters would keep each other alive to the end of the program.
-        if (watchedRoot && watchedRoot != this->source.getData()) {
-            TethrixDataObjectList::releaseAdapters(watchedRoot);
-        }
         watchSource();
     });
     watchSource();

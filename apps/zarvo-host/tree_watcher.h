@@ -3,7 +3,7 @@
 #ifndef ZARVO_HOST_TREE_WATCHER_H
 #define ZARVO_HOST_TREE_WATCHER_H
 
-#include "list_view.h"
+#include <zarvo/host/list_view.h>
 
 #include <zarvo/data_source.h>
 #include <zarvo/message_dispatcher.h>
@@ -18,8 +18,7 @@ namespace zarvo::host {
 
 class TreeWatcher {
 public:
-    /// Watches the tree of `source` now and every tree that replaces it; the
-    /// content lists of a replaced tree are let go of their adapters. Of
+    /// Watches the tree of `source` now and every tree that replaces it. Of
     /// each list, the first `rowsPerList` rows are acquired and watched too.
     /// Lines go to `out`: `Root.now.title = "Blue Hour"`,
     /// `Root.tracks (list, 200 rows)`, a row that comes into view with its

@@ -3,6 +3,7 @@
 #include <zarvo/client.h>
 #include <zarvo/client/loader_channel.h>
 
+#include <atomic>
 #include <utility>
 #include <vector>
 
@@ -50,6 +51,7 @@ public:
     void onResourceBaseUrl(std::string url) override {
         toLoop([url = std::move(url)](ClientCore& target) { target.setResourceBaseUrl(url); });
     }
+    std::size_t pendingReports() const override { return pending.load(); }
 
 private:
     template <typename Deliver>
@@ -61,7 +63,9 @@ private:
             return;
         }
         auto self = shared_from_this();
+        ++pending;
         dispatcher->post([self, deliver = std::move(deliver)]() mutable {
+            --self->pending;
             if (ClientCore* target = self->currentCore()) {
                 deliver(*target);
             }
@@ -76,9 +80,12 @@ private:
     mutable std::mutex mutex;
     ClientCore* core;
     MessageDispatcher* dispatcher;
+    std::atomic<std::size_t> pending{0};
 };
 
 TransportReceiver::~TransportReceiver() = default;
+
+std::size_t TransportReceiver::pendingReports() const { return 0; }
 Transport::~Transport() = default;
 
 void installTransport(Context& context, std::shared_ptr<Transport> transport) {

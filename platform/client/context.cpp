@@ -1,6 +1,7 @@
 #include <zarvo/client.h>
 
 #include <zarvo/domain.h>
+#include <zarvo/resource_manager.h>
 
 #include <utility>
 
@@ -21,11 +22,28 @@ std::shared_ptr<Context> Context::instance(Domain& domain, const char* /*name*/)
 }
 
 Context::Context(Domain& domain)
-    : domain(domain), client(std::make_shared<Client>(this, domain.getMessageDispatcher())) {}
+    : domain(domain), client(std::make_shared<Client>(this, domain.getMessageDispatcher())) {
+    // Resource URLs found in the content are the service's: a relative one
+    // names a file of the service, never one of the local file system.
+    ResourceManager* resources = domain.getResourceManager();
+    if (resources == nullptr) {
+        return;
+    }
+    std::weak_ptr<Client> weakClient = client;
+    resources->setUrlResolver([weakClient](const std::string& url) {
+        auto alive = weakClient.lock();
+        return alive ? alive->resolveResourceUrl(url, 1) : url;
+    });
+}
 
 // Members go in reverse order: the service clients, which point at the
 // client, before the client.
-Context::~Context() = default;
+Context::~Context() {
+    // A context held by a resource may go while the resource manager does.
+    if (ResourceManager* resources = domain.getResourceManager()) {
+        resources->setUrlResolver(nullptr);
+    }
+}
 
 std::shared_ptr<AbstractServiceClient> Context::acquireService(const std::string& name, ServiceFactory factory) {
     Service& service = services[name];

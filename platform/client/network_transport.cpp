@@ -10,9 +10,15 @@
 #include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
 
+#include <zarvo/log.h>
+
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <deque>
+#include <iomanip>
+#include <limits>
+#include <sstream>
 #include <set>
 #include <thread>
 
@@ -27,11 +33,43 @@ using tcp = asio::ip::tcp;
 
 namespace {
 
-constexpr std::chrono::seconds handshakeTimeout{10};
-/// Without any frame for this long (pings included, which the stream sends
-/// at half of it) the connection counts as broken.
-constexpr std::chrono::seconds idleTimeout{20};
 constexpr std::chrono::seconds closeTimeout{1};
+const char* const logCategory = "tethrix-client";
+
+// The client's value types are int and float, as ContentResult holds them.
+// A number of the service beyond their range becomes the nearest value they
+// hold (docs/service.md); converting it as it is would be undefined.
+int narrowInteger(std::int64_t value, bool& clamped) {
+    if (value > std::numeric_limits<int>::max()) {
+        clamped = true;
+        return std::numeric_limits<int>::max();
+    }
+    if (value < std::numeric_limits<int>::min()) {
+        clamped = true;
+        return std::numeric_limits<int>::min();
+    }
+    return static_cast<int>(value);
+}
+
+float narrowReal(double value, bool& clamped) {
+    // Infinities and NaN have their float; finite values past the largest
+    // float have none.
+    if (value > std::numeric_limits<float>::max() && !std::isinf(value)) {
+        clamped = true;
+        return std::numeric_limits<float>::max();
+    }
+    if (value < std::numeric_limits<float>::lowest() && !std::isinf(value)) {
+        clamped = true;
+        return std::numeric_limits<float>::lowest();
+    }
+    return static_cast<float>(value);
+}
+
+std::string shownNumber(double value) {
+    std::ostringstream text;
+    text << std::setprecision(17) << value;
+    return text.str();
+}
 
 QueryResult toQueryResult(protocol::Result&& result) {
     QueryResult converted;
@@ -40,17 +78,32 @@ QueryResult toQueryResult(protocol::Result&& result) {
         converted.columns.push_back({column.name, static_cast<ContentDataType>(static_cast<int>(column.type))});
     }
     converted.cells.reserve(result.rows.size() * result.columns.size());
+    // Once for each column of a result, so that a table full of such
+    // values gives a line and not a flood.
+    std::vector<bool> told(result.columns.size(), false);
     for (auto& row : result.rows) {
-        for (auto& cell : row) {
-            // The client's value types: int and float, as ContentResult holds them.
+        for (std::size_t c = 0; c < row.size(); ++c) {
+            auto& cell = row[c];
+            bool clamped = false;
+            std::string given;
             if (auto* i = std::get_if<std::int64_t>(&cell)) {
-                converted.cells.emplace_back(static_cast<int>(*i));
+                converted.cells.emplace_back(narrowInteger(*i, clamped));
+                given = std::to_string(*i);
             } else if (auto* d = std::get_if<double>(&cell)) {
-                converted.cells.emplace_back(static_cast<float>(*d));
+                converted.cells.emplace_back(narrowReal(*d, clamped));
+                given = shownNumber(*d);
             } else if (auto* b = std::get_if<bool>(&cell)) {
                 converted.cells.emplace_back(*b);
             } else {
                 converted.cells.emplace_back(std::move(std::get<std::string>(cell)));
+            }
+            if (clamped && c < told.size() && !told[c]) {
+                told[c] = true;
+                ZARVO_LOG_WARNING(logCategory,
+                                  "Column '{}' of the answer to query {} holds {}, beyond the range of the client's "
+                                  "{}; it is delivered as the nearest value in range",
+                                  result.columns[c].name, result.id, given,
+                                  std::holds_alternative<double>(cell) ? "float" : "32-bit int");
             }
         }
     }
@@ -96,7 +149,7 @@ class NetworkTransport::Link : public std::enable_shared_from_this<Link> {
 public:
     explicit Link(NetworkTransportOptions options)
         : options(std::move(options)), work(asio::make_work_guard(io)), resolver(io), retryTimer(io),
-          reconnectDelay(this->options.firstReconnectDelay) {}
+          helloTimer(io), backlogTimer(io), reconnectDelay(this->options.firstReconnectDelay) {}
 
     void start(std::shared_ptr<TransportReceiver> newReceiver) {
         receiver = std::move(newReceiver);
@@ -121,8 +174,12 @@ public:
         if (!up) {
             return receiver->onQueryError(id, "not connected to the service");
         }
+        std::string frame = protocol::encode(query);
+        if (!fits(frame)) {
+            return receiver->onQueryError(id, tooMuchWaiting);
+        }
         openQueries.insert(id);
-        send(protocol::encode(query));
+        send(std::move(frame));
     }
 
     void cancelQuery(std::uint64_t id) {
@@ -135,8 +192,12 @@ public:
         if (!up) {
             return receiver->onSubscriptionError(id, "not connected to the service");
         }
+        std::string frame = protocol::encode(protocol::Subscribe{id, uri});
+        if (!fits(frame)) {
+            return receiver->onSubscriptionError(id, tooMuchWaiting);
+        }
         subscriptions.insert(id);
-        send(protocol::encode(protocol::Subscribe{id, uri}));
+        send(std::move(frame));
     }
 
     void unsubscribe(std::uint64_t id) {
@@ -154,8 +215,17 @@ private:
         websocket::stream<beast::tcp_stream> socket;
         beast::flat_buffer buffer;
         std::deque<std::string> outbox;
+        std::size_t outboxBytes = 0;
         bool writing = false;
     };
+
+    static constexpr const char* tooMuchWaiting = "too much waiting to be sent to the service";
+
+    /// Whether a request may join what waits to be sent: a service that
+    /// reads nothing must not make the client keep every request.
+    bool fits(const std::string& frame) const {
+        return current->outboxBytes + frame.size() <= options.maxPendingSendBytes;
+    }
 
     void connect() {
         if (stopping) {
@@ -185,7 +255,7 @@ private:
     }
 
     void onResolved(const tcp::resolver::results_type& found) {
-        beast::get_lowest_layer(current->socket).expires_after(handshakeTimeout);
+        beast::get_lowest_layer(current->socket).expires_after(options.handshakeTimeout);
         beast::get_lowest_layer(current->socket).async_connect(
             found, [self = shared_from_this(), attempt = current](beast::error_code error, const tcp::endpoint&) {
                 if (self->isCurrent(attempt, error)) {
@@ -201,8 +271,8 @@ private:
         beast::error_code ignored;
         beast::get_lowest_layer(current->socket).socket().set_option(tcp::no_delay(true), ignored);
         websocket::stream_base::timeout timeouts{};
-        timeouts.handshake_timeout = handshakeTimeout;
-        timeouts.idle_timeout = idleTimeout;
+        timeouts.handshake_timeout = options.handshakeTimeout;
+        timeouts.idle_timeout = options.idleTimeout;
         timeouts.keep_alive_pings = true;
         current->socket.set_option(timeouts);
         current->socket.read_message_max(protocol::maxResultFrameBytes);
@@ -217,6 +287,14 @@ private:
     void onHandshake() {
         current->socket.text(true);
         send(protocol::encode(protocol::Hello{protocol::protocolVersion, "zarvo client library", ""}));
+        // A peer that answers pings but never says hello (or says it in
+        // another version) would otherwise hold the transport down for ever.
+        helloTimer.expires_after(options.helloTimeout);
+        helloTimer.async_wait([self = shared_from_this(), attempt = current](beast::error_code error) {
+            if (!error && !self->stopping && attempt == self->current && !self->up) {
+                self->fail();
+            }
+        });
         read();
     }
 
@@ -240,8 +318,23 @@ private:
             failRequest(*decoded.error.id, "unreadable answer: " + decoded.error.reason);
         }
         if (current) {
-            read();
+            readWhenTheLoopKeepsUp();
         }
+    }
+
+    /// Back-pressure: while the loop has many reports still to take, the
+    /// next frame stays in the socket (and the service's buffers) instead
+    /// of in memory here.
+    void readWhenTheLoopKeepsUp() {
+        if (receiver->pendingReports() < options.maxPendingReports) {
+            return read();
+        }
+        backlogTimer.expires_after(std::chrono::milliseconds(5));
+        backlogTimer.async_wait([self = shared_from_this(), attempt = current](beast::error_code error) {
+            if (!error && !self->stopping && attempt == self->current) {
+                self->readWhenTheLoopKeepsUp();
+            }
+        });
     }
 
     void handle(protocol::Message&& message) {
@@ -271,9 +364,10 @@ private:
         if (up || hello.version != protocol::protocolVersion) {
             return;
         }
+        helloTimer.cancel();
         up = true;
+        upSince = std::chrono::steady_clock::now();
         reportedLost = false;
-        reconnectDelay = options.firstReconnectDelay;
         receiver->onResourceBaseUrl(hello.filesBaseUrl);
         receiver->onConnectionState(Connection::StateConnected);
     }
@@ -287,6 +381,7 @@ private:
     }
 
     void send(std::string frame) {
+        current->outboxBytes += frame.size();
         current->outbox.push_back(std::move(frame));
         if (!current->writing) {
             writeNext();
@@ -304,6 +399,7 @@ private:
                                 if (!self->isCurrent(attempt, error)) {
                                     return;
                                 }
+                                attempt->outboxBytes -= attempt->outbox.front().size();
                                 attempt->outbox.pop_front();
                                 self->writeNext();
                             });
@@ -313,8 +409,12 @@ private:
     /// the loss is reported once, and a new attempt follows after a while.
     void fail() {
         dropConnection();
+        helloTimer.cancel();
         bool wasUp = up;
         up = false;
+        if (wasUp && std::chrono::steady_clock::now() - upSince >= options.stableAfter) {
+            reconnectDelay = options.firstReconnectDelay;
+        }
         for (auto id : std::exchange(openQueries, {})) {
             receiver->onQueryError(id, "connection to the service lost");
         }
@@ -347,6 +447,8 @@ private:
     void shutDown() {
         stopping = true;
         retryTimer.cancel();
+        helloTimer.cancel();
+        backlogTimer.cancel();
         resolver.cancel();
         work.reset();
         if (!current || !up) {
@@ -375,6 +477,8 @@ private:
     asio::executor_work_guard<asio::io_context::executor_type> work;
     tcp::resolver resolver;
     asio::steady_timer retryTimer;
+    asio::steady_timer helloTimer;
+    asio::steady_timer backlogTimer;
     std::thread thread;
     std::shared_ptr<TransportReceiver> receiver;
 
@@ -382,6 +486,7 @@ private:
     bool up = false;
     bool reportedLost = false;
     bool stopping = false;
+    std::chrono::steady_clock::time_point upSince;
     std::chrono::milliseconds reconnectDelay;
     std::set<std::uint64_t> openQueries;
     std::set<std::uint64_t> subscriptions;

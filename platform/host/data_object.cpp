@@ -1,10 +1,27 @@
 #include <zarvo/data_object.h>
+#include <zarvo/host/statistics.h>
+
+#include <atomic>
 
 namespace zarvo {
 
-DataObject::DataObject(Domain* domain, string_view name) : DataContext(domain, name) {}
+namespace {
 
-DataObject::~DataObject() = default;
+std::atomic<std::size_t> liveDataObjects{0};
+
+}  // namespace
+
+std::size_t liveDataObjectCount() {
+    return liveDataObjects.load(std::memory_order_relaxed);
+}
+
+DataObject::DataObject(Domain* domain, string_view name) : DataContext(domain, name) {
+    liveDataObjects.fetch_add(1, std::memory_order_relaxed);
+}
+
+DataObject::~DataObject() {
+    liveDataObjects.fetch_sub(1, std::memory_order_relaxed);
+}
 
 const Metaclass* DataObject::getStaticMetaclass() {
     static const MetaclassAbstractImpl<DataObject> metaclass("Zarvo.DataObject", DataContext::getStaticMetaclass(),

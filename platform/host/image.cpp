@@ -9,9 +9,11 @@
 #include <jerror.h>
 #include <jpeglib.h>
 
+#include <algorithm>
 #include <csetjmp>
 #include <cstring>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -75,34 +77,91 @@ const char* BitmapImage::formatName(Format format) {
     return "unknown";
 }
 
-void BitmapImage::premultiplyAlpha() {
-    if (premultiplied) {
-        return;
-    }
-    premultiplied = true;
-    const unsigned int stride = bytesPerPixel(format);
-    if (format != Format::RGBA8 && format != Format::LuminanceAlpha8) {
-        return;  // opaque pixels are premultiplied as they are
-    }
+namespace {
+
+bool hasAlpha(BitmapImage::Format format) {
+    return format == BitmapImage::Format::RGBA8 || format == BitmapImage::Format::LuminanceAlpha8;
+}
+
+/// Colour times alpha, rounded, so that full alpha keeps the colour exactly.
+void multiplyByAlpha(std::vector<std::uint8_t>& pixels, unsigned int stride) {
     const unsigned int colourChannels = stride - 1;
     for (std::size_t pixel = 0; pixel + stride <= pixels.size(); pixel += stride) {
         const unsigned int alpha = pixels[pixel + colourChannels];
         for (unsigned int channel = 0; channel < colourChannels; ++channel) {
-            // Rounded, so that full alpha keeps the colour exactly.
             pixels[pixel + channel] = static_cast<std::uint8_t>((pixels[pixel + channel] * alpha + 127) / 255);
         }
     }
 }
 
+bool everyAlphaIsFull(const std::vector<std::uint8_t>& pixels, unsigned int stride) {
+    for (std::size_t alpha = stride - 1; alpha < pixels.size(); alpha += stride) {
+        if (pixels[alpha] != 0xFF) {
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+void BitmapImage::premultiplyAlpha() {
+    if (premultiplied) {
+        return;
+    }
+    premultiplied = true;
+    if (premultipliedPrepared) {
+        if (!preparedPixels.empty()) {
+            pixels.swap(preparedPixels);
+            std::vector<std::uint8_t>().swap(preparedPixels);
+        }
+        return;
+    }
+    if (hasAlpha(format)) {
+        multiplyByAlpha(pixels, bytesPerPixel(format));
+    }
+}
+
+void BitmapImage::preparePremultiplied() {
+    if (premultiplied || premultipliedPrepared) {
+        return;
+    }
+    premultipliedPrepared = true;
+    const unsigned int stride = bytesPerPixel(format);
+    // Opaque pixels are premultiplied as they are, and need no copy.
+    if (!hasAlpha(format) || everyAlphaIsFull(pixels, stride)) {
+        return;
+    }
+    preparedPixels = pixels;
+    multiplyByAlpha(preparedPixels, stride);
+}
+
 namespace {
 
-// A texture larger than this is beyond what any target of the engine can
-// show, and a header that claims more is far likelier to be corrupt.
-constexpr std::uint64_t maxImagePixels = std::uint64_t(1) << 26;
+std::mutex decodeLimitsMutex;
+ImageDecodeLimits decodeLimits;
+
+}  // namespace
+
+ImageDecodeLimits getImageDecodeLimits() {
+    std::lock_guard<std::mutex> lock(decodeLimitsMutex);
+    return decodeLimits;
+}
+
+void setImageDecodeLimits(const ImageDecodeLimits& limits) {
+    std::lock_guard<std::mutex> lock(decodeLimitsMutex);
+    decodeLimits = limits;
+}
+
+namespace {
+
 // Deflate cannot compress better than about 1032 to 1, so a PNG whose
 // image needs more raw bytes than that allows of its file is truncated or
 // lying about its size; refusing it early saves allocating for it.
 constexpr std::uint64_t maxDeflateRatio = 1032;
+// Ancillary chunks (text, colour profiles) are not used; this bounds what
+// libpng allocates for one of them, compressed ones inflated.
+constexpr png_alloc_size_t maxPngChunkBytes = 1 << 20;
 
 std::string decodeError(const char* kind, string_view name, const std::string& reason) {
     std::string text = std::string("Cannot decode ") + kind + " image";
@@ -121,11 +180,32 @@ void checkStream(ZvcInputStream* stream, const char* kind, string_view name) {
     }
 }
 
-void checkPixelCount(std::uint64_t width, std::uint64_t height, const char* kind, string_view name) {
-    if (width == 0 || height == 0 || width * height > maxImagePixels) {
+void checkInputSize(std::uint64_t length, const ImageDecodeLimits& limits, const char* kind, string_view name) {
+    if (length > limits.maxInputBytes) {
         throw std::runtime_error(decodeError(kind, name,
-                                             "unsupported image size " + std::to_string(width) + "x" +
-                                                 std::to_string(height)));
+                                             std::to_string(length) + " bytes of data, more than the limit of " +
+                                                 std::to_string(limits.maxInputBytes)));
+    }
+}
+
+/// Refuses an image whose decoded pixels would pass the limits; called
+/// before anything is allocated for them.
+void checkImageSize(std::uint64_t width, std::uint64_t height, unsigned int bytesPerPixel,
+                    const ImageDecodeLimits& limits, const char* kind, string_view name) {
+    const std::string size = std::to_string(width) + "x" + std::to_string(height);
+    if (width == 0 || height == 0) {
+        throw std::runtime_error(decodeError(kind, name, "unsupported image size " + size));
+    }
+    if (width > limits.maxSide || height > limits.maxSide) {
+        throw std::runtime_error(decodeError(
+            kind, name, "image size " + size + " has a side longer than the limit of " + std::to_string(limits.maxSide)));
+    }
+    const std::uint64_t bytes = width * height * bytesPerPixel;
+    if (bytes > limits.maxPixelBytes) {
+        throw std::runtime_error(decodeError(kind, name,
+                                             "image size " + size + " needs " + std::to_string(bytes) +
+                                                 " bytes of pixels, more than the limit of " +
+                                                 std::to_string(limits.maxPixelBytes)));
     }
 }
 
@@ -185,7 +265,8 @@ struct PngLayout {
     unsigned int channels = 0;
 };
 
-/// Reads the header and sets up expansion to 8-bit RGB or RGBA.
+/// Reads the header and sets up expansion to 8-bit RGB or RGBA; allocates
+/// nothing that depends on the image's size.
 bool readPngHeader(PngReader& reader, PngLayout& layout) {
     png_structp png = reader.png;
     png_infop info = reader.info;
@@ -193,12 +274,15 @@ bool readPngHeader(PngReader& reader, PngLayout& layout) {
         return false;
     }
     png_set_read_fn(png, reader.stream, &readPngData);
+    png_set_chunk_malloc_max(png, maxPngChunkBytes);
     png_read_info(png, info);
 
     layout.width = png_get_image_width(png, info);
     layout.height = png_get_image_height(png, info);
     layout.sourceRowBytes = png_get_rowbytes(png, info);
     const int colourType = png_get_color_type(png, info);
+    const bool transparency = png_get_valid(png, info, PNG_INFO_tRNS) != 0;
+    layout.channels = (colourType & PNG_COLOR_MASK_ALPHA) != 0 || transparency ? 4 : 3;
     if (png_get_bit_depth(png, info) == 16) {
         png_set_strip_16(png);
     }
@@ -208,15 +292,23 @@ bool readPngHeader(PngReader& reader, PngLayout& layout) {
     if (colourType == PNG_COLOR_TYPE_GRAY && png_get_bit_depth(png, info) < 8) {
         png_set_expand_gray_1_2_4_to_8(png);
     }
-    if (png_get_valid(png, info, PNG_INFO_tRNS) != 0) {
+    if (transparency) {
         png_set_tRNS_to_alpha(png);
     }
     if (colourType == PNG_COLOR_TYPE_GRAY || colourType == PNG_COLOR_TYPE_GRAY_ALPHA) {
         png_set_gray_to_rgb(png);
     }
     png_set_interlace_handling(png);
-    png_read_update_info(png, info);
-    layout.channels = png_get_channels(png, info);
+    return true;
+}
+
+/// Applies the expansion; gives the channels it actually makes.
+bool startPngRows(PngReader& reader, unsigned int& channels) {
+    if (setjmp(png_jmpbuf(reader.png))) {
+        return false;
+    }
+    png_read_update_info(reader.png, reader.info);
+    channels = png_get_channels(reader.png, reader.info);
     return true;
 }
 
@@ -274,16 +366,43 @@ private:
     }
 };
 
-// libjpeg's memory manager refuses to go beyond this, which bounds what a
-// progressive file can make it allocate for its coefficients.
-constexpr long maxJpegWorkingMemory = 1L << 29;
+// What libjpeg may allocate besides the output: a progressive file keeps
+// every coefficient of the image (two bytes a sample), so twice the pixel
+// bytes and some room for tables and buffers.
+long jpegWorkingMemory(const ImageDecodeLimits& limits) {
+    const std::uint64_t bytes = 2 * limits.maxPixelBytes + (std::uint64_t(16) << 20);
+    return static_cast<long>(std::min<std::uint64_t>(bytes, std::numeric_limits<long>::max()));
+}
 
-bool readJpegHeader(JpegReader& reader, const std::uint8_t* data, unsigned long length) {
+/// Counts the scans as libjpeg reads them and stops the decode past the
+/// limit: each scan of a progressive file costs a pass over the image.
+struct JpegScanLimit {
+    jpeg_progress_mgr base;
+    unsigned int maxScans = 0;
+
+    static void onProgress(j_common_ptr info) {
+        auto* limit = reinterpret_cast<JpegScanLimit*>(info->progress);
+        auto* decompress = reinterpret_cast<j_decompress_ptr>(info);
+        if (decompress->input_scan_number <= 0 ||
+            static_cast<unsigned int>(decompress->input_scan_number) <= limit->maxScans) {
+            return;
+        }
+        auto* manager = reinterpret_cast<JpegErrorManager*>(info->err);
+        std::snprintf(manager->message, sizeof manager->message, "more than %u scans, the limit", limit->maxScans);
+        std::longjmp(manager->jump, 1);
+    }
+};
+
+bool readJpegHeader(JpegReader& reader, JpegScanLimit& scans, const ImageDecodeLimits& limits,
+                    const std::uint8_t* data, unsigned long length) {
     if (setjmp(reader.errors.jump)) {
         return false;
     }
     jpeg_create_decompress(&reader.decompress);
-    reader.decompress.mem->max_memory_to_use = maxJpegWorkingMemory;
+    reader.decompress.mem->max_memory_to_use = jpegWorkingMemory(limits);
+    scans.base.progress_monitor = &JpegScanLimit::onProgress;
+    scans.maxScans = limits.maxJpegScans;
+    reader.decompress.progress = &scans.base;
     jpeg_mem_src(&reader.decompress, data, length);
     jpeg_read_header(&reader.decompress, TRUE);
     reader.decompress.out_color_space = JCS_RGB;
@@ -310,6 +429,8 @@ bool readJpegRows(JpegReader& reader, std::uint8_t* pixels, std::size_t stride) 
 
 std::unique_ptr<BitmapImage> imageLoadPNG(ZvcInputStream* stream, string_view name) {
     checkStream(stream, "PNG", name);
+    const ImageDecodeLimits limits = getImageDecodeLimits();
+    checkInputSize(stream->length - stream->position, limits, "PNG", name);
     PngReader reader(stream);
     if (!reader.valid()) {
         throw std::runtime_error(decodeError("PNG", name, "out of memory"));
@@ -318,14 +439,17 @@ std::unique_ptr<BitmapImage> imageLoadPNG(ZvcInputStream* stream, string_view na
     if (!readPngHeader(reader, layout)) {
         throw std::runtime_error(decodeError("PNG", name, reader.errorState.message));
     }
-    checkPixelCount(layout.width, layout.height, "PNG", name);
+    checkImageSize(layout.width, layout.height, layout.channels, limits, "PNG", name);
     const std::uint64_t rawBytes = static_cast<std::uint64_t>(layout.height) * (layout.sourceRowBytes + 1);
     if (rawBytes / maxDeflateRatio > stream->length) {
         throw std::runtime_error(decodeError("PNG", name, "data too short for the image size"));
     }
-    if (layout.channels != 3 && layout.channels != 4) {
-        throw std::runtime_error(
-            decodeError("PNG", name, "unexpected channel count " + std::to_string(layout.channels)));
+    unsigned int channels = 0;
+    if (!startPngRows(reader, channels)) {
+        throw std::runtime_error(decodeError("PNG", name, reader.errorState.message));
+    }
+    if (channels != layout.channels) {
+        throw std::runtime_error(decodeError("PNG", name, "unexpected channel count " + std::to_string(channels)));
     }
 
     const std::size_t stride = static_cast<std::size_t>(layout.width) * layout.channels;
@@ -338,24 +462,29 @@ std::unique_ptr<BitmapImage> imageLoadPNG(ZvcInputStream* stream, string_view na
         throw std::runtime_error(decodeError("PNG", name, reader.errorState.message));
     }
     const auto format = layout.channels == 4 ? BitmapImage::Format::RGBA8 : BitmapImage::Format::RGB8;
-    return std::make_unique<BitmapImage>(layout.width, layout.height, format, std::move(pixels));
+    auto image = std::make_unique<BitmapImage>(layout.width, layout.height, format, std::move(pixels));
+    image->preparePremultiplied();
+    return image;
 }
 
 std::unique_ptr<BitmapImage> imageLoadJPEG(ZvcInputStream* stream, string_view name) {
     checkStream(stream, "JPEG", name);
+    const ImageDecodeLimits limits = getImageDecodeLimits();
     const std::uint8_t* data = stream->data + stream->position;
     const unsigned long length = stream->length - stream->position;
     if (length == 0) {
         throw std::runtime_error(decodeError("JPEG", name, "no data"));
     }
+    checkInputSize(length, limits, "JPEG", name);
     JpegReader reader;
-    if (!readJpegHeader(reader, data, length)) {
+    JpegScanLimit scans{};
+    if (!readJpegHeader(reader, scans, limits, data, length)) {
         throw std::runtime_error(decodeError("JPEG", name, reader.errors.message));
     }
-    checkPixelCount(reader.decompress.image_width, reader.decompress.image_height, "JPEG", name);
-
     const std::uint32_t width = reader.decompress.image_width;
     const std::uint32_t height = reader.decompress.image_height;
+    checkImageSize(width, height, 3, limits, "JPEG", name);
+
     const std::size_t stride = static_cast<std::size_t>(width) * 3;
     std::vector<std::uint8_t> pixels(stride * height);
     if (!readJpegRows(reader, pixels.data(), stride)) {

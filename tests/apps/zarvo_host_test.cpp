@@ -1,16 +1,26 @@
 // The host program end to end, as an HMI engineer runs it, and the plug-in
 // library as a host loads it.
 
-#include "run_program.h"
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/process.h>
 
 #include <gmock/gmock.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <set>
 #include <fstream>
 #include <sstream>
 
 namespace zarvo {
 namespace test {
+
+using namespace zarvo::testkit;
 namespace {
 
 using ::testing::EndsWith;
@@ -36,33 +46,15 @@ const char* const SNAPSHOT =
 
 class ZarvoHost : public ::testing::Test {
 protected:
-    void SetUp() override {
-        // A service named in the environment must not reach these runs.
-        unsetenv("TETHRIX_SERVICE_URL");
-        char pattern[] = "/tmp/zarvo-host-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        directory = pattern;
-    }
-    void TearDown() override {
-        for (const std::string& file : files) {
-            std::remove(file.c_str());
-        }
-        rmdir(directory.c_str());
-    }
-
-    std::string writeFile(const std::string& name, const std::string& text) {
-        const std::string path = directory + "/" + name;
-        std::ofstream(path) << text;
-        files.push_back(path);
-        return path;
-    }
+    // A service named in the environment must not reach these runs.
+    void SetUp() override { unsetenv("TETHRIX_SERVICE_URL"); }
 
     static ProgramResult host(const std::vector<std::string>& arguments) {
         return runProgram(builtFile("bin/zarvo-host"), arguments);
     }
 
-    std::string directory;
-    std::vector<std::string> files;
+    TemporaryDirectory folder;
+    const std::string directory = folder.path().string();
 };
 
 TEST_F(ZarvoHost, SnapshotFromADeclarationIsTheDocumentAloneOnStandardOutput) {
@@ -72,7 +64,7 @@ TEST_F(ZarvoHost, SnapshotFromADeclarationIsTheDocumentAloneOnStandardOutput) {
 }
 
 TEST_F(ZarvoHost, SnapshotFromAFileAndFromADeclarationFileAgree) {
-    const std::string path = writeFile("media.xml", DECLARATION);
+    const std::string path = folder.write("media.xml", DECLARATION);
     const ProgramResult fromFile = host({"snapshot", "--config", path});
     const ProgramResult fromAt = host({"snapshot", "--declaration", "@" + path});
     EXPECT_EQ(fromFile.status, 0) << fromFile.err;
@@ -126,7 +118,6 @@ struct FailureRow {
 
 TEST_F(ZarvoHost, BadInputGivesOneLineAndANonZeroExit) {
     const std::vector<FailureRow> rows = {
-        {{"snapshot", "--config", "/nonexistent/media.xml"}, 1, "no configuration file /nonexistent/media.xml"},
         {{"snapshot", "--plugin", "/nonexistent/plugin.so"}, 1, "no plug-in at /nonexistent/plugin.so"},
         {{"snapshot", "--declaration", "@/nonexistent/d.xml"}, 1, "cannot read declaration file /nonexistent/d.xml"},
         {{"frobnicate"}, 2, "unknown command frobnicate"},
@@ -175,28 +166,93 @@ TEST_F(ZarvoHost, LoadOfAMissingFileSaysWhy) {
     EXPECT_THAT(result.err, HasSubstr("zarvo-host: could not load " + directory + "/missing.png"));
 }
 
-TEST(PluginLibrary, ExportsOnlyItsModuleEntryOfItsOwnFunctions) {
+TEST_F(ZarvoHost, LoadFromAServerThatAcceptsAndStaysSilentEndsAtTheTimeLimit) {
+    // Listening but never accepting: the kernel completes every connection,
+    // and no byte ever comes back.
+    const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    ASSERT_EQ(bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(listen(server, 4), 0);
+    ASSERT_EQ(getsockname(server, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/cover.png";
+
+    const ProgramResult result = host({"load", url, "--timeout-ms", "300"});
+    close(server);
+    EXPECT_EQ(result.status, 1);
+    EXPECT_THAT(result.err, HasSubstr("Loading resource '" + url + "' did not finish within 300 ms"));
+    EXPECT_THAT(result.err, HasSubstr("zarvo-host: could not load " + url));
+}
+
+TEST_F(ZarvoHost, AMissingConfigurationFileGoesToThePlugInWhichLogsTheReadersFailure) {
+    const ProgramResult result = host({"tree", "--config", directory + "/later.xml"});
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, StartsWith("Root (object)\n"));
+    EXPECT_THAT(result.err, HasSubstr("ERROR, xml file " + directory + "/later.xml loading failed, error code 3"));
+}
+
+/// The plug-in's dynamic symbols of one kind, demangled: "U" undefined, or
+/// the defined code (T, W, i) that is its own rather than the standard
+/// library's.
+std::vector<std::string> pluginSymbols(bool undefined) {
     const ProgramResult symbols =
-        runProgram("/usr/bin/nm", {"-D", "--defined-only", "-C", builtFile("lib/libzarvo_tethrix_datasource.so")});
-    ASSERT_EQ(symbols.status, 0) << symbols.err;
+        runProgram("/usr/bin/nm", {"-D", undefined ? "--undefined-only" : "--defined-only", "-C",
+                                   builtFile("lib/libzarvo_tethrix_datasource.so")});
+    EXPECT_EQ(symbols.status, 0) << symbols.err;
     std::istringstream lines(symbols.out);
-    std::string line;
-    std::vector<std::string> ownFunctions;
-    while (std::getline(lines, line)) {
-        // "<address> <kind> <name>": code is T, W or i; the standard
-        // library's template instances are not the plug-in's own.
+    std::vector<std::string> names;
+    for (std::string line; std::getline(lines, line);) {
         std::istringstream fields(line);
         std::string address;
         std::string kind;
+        if (!undefined) {
+            fields >> address;
+        }
+        fields >> kind;
         std::string name;
-        fields >> address >> kind;
         std::getline(fields >> std::ws, name);
-        const bool code = kind == "T" || kind == "W" || kind == "i";
-        if (code && name.rfind("std::", 0) != 0 && name.find(" std::") == std::string::npos) {
-            ownFunctions.push_back(name);
+        // The standard library's template instances are not the plug-in's own.
+        const std::string function = name.substr(0, name.find('('));
+        const bool own = function.rfind("std::", 0) != 0 && function.find(" std::") == std::string::npos;
+        if (undefined ? name.find("zarvo::") != std::string::npos : (kind == "T" || kind == "W" || kind == "i") && own) {
+            names.push_back(name);
         }
     }
-    EXPECT_EQ(ownFunctions, std::vector<std::string>{"createModule"});
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+TEST(PluginLibrary, ExportsItsModuleEntryAndTheOperationsForOutsideCallersAlone) {
+    EXPECT_EQ(pluginSymbols(false), (std::vector<std::string>{
+                                        "createModule",
+                                        "zarvo::AbstractTethrixDataSource::isConnected() const",
+                                        "zarvo::ZarvoTethrixDataSource::takeDataSnapshot(zarvo::Domain*, std::__cxx11::"
+                                        "basic_string<char, std::char_traits<char>, std::allocator<char> > const&, "
+                                        "std::__cxx11::basic_string<char, std::char_traits<char>, std::allocator<char> "
+                                        ">&, std::__cxx11::basic_string<char, std::char_traits<char>, "
+                                        "std::allocator<char> >&)",
+                                        "zarvo::getDataObjectValueAsAny(std::shared_ptr<zarvo::DataObject>)",
+                                        "zarvo::setDataObjectValueFromAny(std::shared_ptr<zarvo::DataObject>, "
+                                        "boost::any const&)",
+                                    }));
+}
+
+TEST(PluginLibrary, ImportsOfOursAreContractOperationsAlone) {
+    const char* path = std::getenv("ZARVO_CONTRACT_SYMBOLS");
+    ASSERT_NE(path, nullptr) << "ZARVO_CONTRACT_SYMBOLS names no list of contract symbols";
+    std::ifstream listed(path);
+    ASSERT_TRUE(listed) << "cannot read " << path;
+    std::set<std::string> contract;
+    for (std::string line; std::getline(listed, line);) {
+        if (!line.empty() && line[0] != '#') {
+            contract.insert(line);
+        }
+    }
+    for (const std::string& name : pluginSymbols(true)) {
+        EXPECT_EQ(contract.count(name), 1u) << "the plug-in imports " << name << ", which is no contract operation";
+    }
 }
 
 }  // namespace

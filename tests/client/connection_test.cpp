@@ -46,19 +46,6 @@ TEST_F(ConnectionTest, StatesFromTheServiceReachSubscribersOnlyWhenTheLoopRuns) 
     EXPECT_EQ(connection().getState(), Connection::StateLost);
 }
 
-TEST_F(ConnectionTest, RemovedSubscriptionHearsNothingAndOddTokensAreHarmless) {
-    auto a = subscribe("a");
-    subscribe("b");
-    connection().removeStateSubscription(a);
-    connection().removeStateSubscription(a);
-    connection().removeStateSubscription(nullptr);
-    connection().removeStateSubscription(std::make_shared<int>(7));
-
-    connection().setState(Connection::StateConnected);
-    EXPECT_THAT(heard, ElementsAre("b1"));
-    EXPECT_EQ(connection().getSubscriptionCount(), 1u);
-}
-
 TEST_F(ConnectionTest, ChangesToSubscriptionsDuringADeliveryTakeEffectAtOnce) {
     std::shared_ptr<void> self;
     std::shared_ptr<void> later;
@@ -103,17 +90,6 @@ TEST_F(ConnectionTest, SubscriberMayDestroyTheContextThatNotifiesIt) {
     host.runUntilIdle();
     EXPECT_THAT(heard, ElementsAre("first"));
     EXPECT_EQ(service.context(), nullptr);
-}
-
-TEST_F(ConnectionTest, DroppedTokenEndsTheSubscription) {
-    // A subscriber destroyed without removing its subscription must not be
-    // called back into.
-    subscribe("kept");
-    connection().addStateSubscription([this](Connection::State) { heard.push_back("dropped"); });
-
-    connection().setState(Connection::StateConnected);
-    EXPECT_THAT(heard, ElementsAre("kept1"));
-    EXPECT_EQ(connection().getSubscriptionCount(), 1u);
 }
 
 }  // namespace

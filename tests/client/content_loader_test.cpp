@@ -1,4 +1,4 @@
-#include "recording_observer.h"
+#include <zarvo/testkit/recording_observer.h>
 
 #include <zarvo/client.h>
 #include <zarvo/client/client_core.h>
@@ -18,11 +18,13 @@
 #include <vector>
 
 namespace zarvo {
+
+using namespace zarvo::testkit;
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using test::RecordingObserver;
+using testkit::RecordingObserver;
 
 const char* const songs = "content://com.tavelorix.content/songs";
 
@@ -142,30 +144,6 @@ TEST_F(LoaderTest, ObserverRemovedDuringADeliveryIsNotCalledForIt) {
     host.runUntilIdle();
     EXPECT_EQ(observer.deliveries(), 1u);
     EXPECT_EQ(second.deliveries(), 0u);
-}
-
-TEST_F(LoaderTest, AnswersFindTheirOwnLoader) {
-    RecordingObserver otherObserver;
-    auto one = makeLoader(observer);
-    auto other = makeLoader(otherObserver);
-    EXPECT_NE(one->getLoaderId(), other->getLoaderId());
-    one->load(query());
-    other->load(query());
-    other->subscribeRuntimeData("servicedata://player");
-    const auto sent = service.queries();
-
-    replyOneSong(sent[1], "to other");
-    replyOneSong(sent[0], "to one");
-    service.invalidate(sent[0]);
-    service.pushRuntimeUpdate(service.subscriptions()[0], "player", "volume=3");
-    host.runUntilIdle();
-
-    ASSERT_EQ(observer.results.size(), 1u);
-    EXPECT_EQ(observer.results[0].rows[0][0], "to one");
-    EXPECT_EQ(observer.invalidations, 1);
-    ASSERT_EQ(otherObserver.results.size(), 1u);
-    EXPECT_EQ(otherObserver.results[0].rows[0][0], "to other");
-    EXPECT_THAT(otherObserver.updates, ElementsAre("player=volume=3"));
 }
 
 TEST_F(LoaderTest, ServiceErrorIsLoggedWithTheQueryAndTheLoaderGetsNothing) {
@@ -289,31 +267,6 @@ TEST_F(LoaderTest, ObserverMayDestroyTheLoaderThatDeliversToIt) {
     EXPECT_EQ(second.deliveries(), 0u);
 }
 
-TEST_F(LoaderTest, ServedTableAnswersWithTheRequestedSliceAndColumns) {
-    testkit::ServedTable table;
-    table.columns = {{"year", ContentDataTypeInteger}, {"title", ContentDataTypeString}};
-    table.rowCount = 5;
-    table.value = [](std::size_t row, std::size_t column) {
-        return column == 0 ? boost::any(2000 + static_cast<int>(row)) : boost::any("t" + std::to_string(row));
-    };
-    service.serve(songs, table);
-    auto loader = makeLoader(observer);
-
-    loader->load(query(3, 10));
-    loader->load(std::make_shared<ContentQueryArguments>(songs, std::vector<std::string>{"title", "missing"}, "", 1,
-                                                         0, ""));
-    EXPECT_EQ(observer.deliveries(), 0u);
-    host.runUntilIdle();
-
-    ASSERT_EQ(observer.results.size(), 2u);
-    EXPECT_EQ(observer.results[0].startIndex, 3u);
-    EXPECT_THAT(observer.results[0].rows, ElementsAre(ElementsAre("t3", "2003"), ElementsAre("t4", "2004")));
-    EXPECT_THAT(observer.results[1].columns, ElementsAre("title", "missing"));
-    EXPECT_EQ(observer.results[1].rows.size(), 4u);
-    EXPECT_THAT(observer.results[1].rows[0], ElementsAre("t1", ""));
-    EXPECT_EQ(service.openQueryCount(), 0u);
-}
-
 // A transport whose service answers from a thread of its own.
 class ThreadedTransport : public client::Transport {
 public:
@@ -369,17 +322,6 @@ TEST_F(LoaderTest, ReplacingTheTransportDropsWhatWasAskedOfTheOldOne) {
     host.runUntilIdle();
     EXPECT_EQ(observer.deliveries(), 0u);
     EXPECT_EQ(service.context()->getClient()->core().openQueryCount(), 0u);
-}
-
-TEST_F(LoaderTest, WithoutATransportAQueryIsLoggedAndNotSent) {
-    testkit::LogCapture log;
-    client::installTransport(*service.context(), nullptr);
-    auto loader = makeLoader(observer);
-    loader->load(query());
-    host.runUntilIdle();
-    EXPECT_EQ(observer.deliveries(), 0u);
-    EXPECT_THAT(log.messages(LogLevel::Warning),
-                ElementsAre(std::string("No connection to the service: the query of ") + songs + " is not sent"));
 }
 
 }  // namespace

@@ -59,26 +59,6 @@ TEST_F(ServiceAcquisitionTest, ServiceClientIsSharedByHoldersAndGoesWithTheLastR
     EXPECT_EQ(factoryCalls, 2);
 }
 
-TEST_F(ServiceAcquisitionTest, SurplusReleasesAreCountedAndHarmless) {
-    context->releaseService("Content");
-    acquire();
-    context->releaseService("Content");
-    context->releaseService("Content");
-    context->releaseService("Never acquired");
-
-    auto statistics = context->getServiceStatistics("Content");
-    EXPECT_EQ(statistics.acquires, 1u);
-    EXPECT_EQ(statistics.releases, 3u);
-    EXPECT_EQ(statistics.holders, 0u);
-
-    // A surplus does not eat into later acquires.
-    acquire();
-    statistics = context->getServiceStatistics("Content");
-    EXPECT_EQ(statistics.holders, 1u);
-    EXPECT_EQ(factoryCalls, 2);
-    EXPECT_EQ(context->getServiceStatistics("Unknown").acquires, 0u);
-}
-
 struct ResolveCase {
     const char* base;
     const char* url;

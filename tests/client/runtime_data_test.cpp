@@ -12,42 +12,6 @@ namespace {
 
 using ::testing::ElementsAre;
 
-std::vector<std::string> childNames(const RuntimeDataObject& node) {
-    std::vector<std::string> names;
-    for (auto it = node.beginChildren(); it != node.endChildren(); ++it) {
-        names.push_back((*it)->getNameOverride());
-    }
-    return names;
-}
-
-TEST(RuntimeDataTest, NodeKeepsNamePropertiesAndChildrenInOrder) {
-    auto root = std::make_shared<RuntimeDataObject>(nullptr, "", "");
-    auto volume = std::make_shared<RuntimeDataObjectInteger>(nullptr, "volume", 3);
-    auto title = std::make_shared<RuntimeDataObjectString>(nullptr, "title");
-    title->setStringProperty("dynamic_source", "albums");
-    root->addChild(volume);
-    root->addChild(title);
-    root->addChild(nullptr);
-
-    EXPECT_EQ(root->getType(), RuntimeDataObject::TypeObject);
-    EXPECT_THAT(childNames(*root), ElementsAre("volume", "title"));
-    EXPECT_EQ(root->findChild("title"), title);
-    EXPECT_EQ(root->findChild("nothing"), nullptr);
-    EXPECT_TRUE(title->hasProperty("dynamic_source"));
-    EXPECT_FALSE(title->hasProperty("lookup_column"));
-    EXPECT_EQ(title->getStringProperty("dynamic_source", "x"), "albums");
-    EXPECT_EQ(title->getStringProperty("lookup_column", "fallback"), "fallback");
-}
-
-TEST(RuntimeDataTest, CastToAgreesWithGetType) {
-    std::shared_ptr<RuntimeDataObject> node = std::make_shared<RuntimeDataObjectReal>(nullptr, "gain", 0.5);
-    EXPECT_EQ(node->getType(), RuntimeDataObject::TypeReal);
-    ASSERT_NE(node->castTo<RuntimeDataObjectReal>(), nullptr);
-    EXPECT_EQ(node->castTo<RuntimeDataObjectReal>()->getValue(), 0.5);
-    EXPECT_EQ(node->castTo<RuntimeDataObjectInteger>(), nullptr);
-    EXPECT_EQ(node->castTo<RuntimeDataObjectList>(), nullptr);
-}
-
 TEST(RuntimeDataTest, HandlersFireOnlyWhenTheValueChanges) {
     auto volume = std::make_shared<RuntimeDataObjectInteger>(nullptr, "volume", 3);
     std::vector<int> seen;

@@ -122,15 +122,6 @@ TEST_F(ConnectedFlag, SourceLoadedWhileUpStartsLiveAndTellsBindingsLast) {
     EXPECT_EQ(service.contentStatistics().acquires, acquiresBefore + 1);
 }
 
-TEST_F(ConnectedFlag, StateDeliveredBeforeTheFirstStartFindsNoFlagAndDoesNoHarm) {
-    setState(Connection::StateConnected);
-    setState(Connection::StateLost);
-    EXPECT_EQ(source->getData(), nullptr);
-    EXPECT_FALSE(source->isConnected());
-    load(*source);
-    EXPECT_FALSE(flag());
-}
-
 TEST_F(ConnectedFlag, StopWhileUpLetsTheFlagFallAndReleasesTheServiceTwice) {
     loadAndWatch();
     setState(Connection::StateConnected);
@@ -144,19 +135,6 @@ TEST_F(ConnectedFlag, StopWhileUpLetsTheFlagFallAndReleasesTheServiceTwice) {
     const Context::ServiceStatistics content = service.contentStatistics();
     EXPECT_EQ(content.acquires, 1u);
     EXPECT_EQ(content.releases, 2u);
-}
-
-TEST_F(ConnectedFlag, StopWhileDownSendsNoNotificationAtAll) {
-    loadAndWatch();
-    setState(Connection::StateConnected);
-    setState(Connection::StateLost);
-    recorder.clear();
-    log.clear();
-
-    source->unloadOverride();
-
-    EXPECT_THAT(recorder.events(), IsEmpty());
-    EXPECT_THAT(log.messages(), IsEmpty());
 }
 
 TEST_F(ConnectedFlag, AfterStopAndStartTheSourceNoLongerFollowsTheConnection) {
@@ -186,13 +164,6 @@ TEST_F(ConnectedFlag, ReloadWhileUpReadsTheStateOnceAndKeepsIt) {
 
     setState(Connection::StateLost);  // no longer followed
     EXPECT_TRUE(flag());
-}
-
-TEST_F(ConnectedFlag, StoppingTwiceIsHarmless) {
-    load(*source);
-    source->unloadOverride();
-    source->unloadOverride();
-    EXPECT_EQ(source->getData(), nullptr);
 }
 
 }  // namespace

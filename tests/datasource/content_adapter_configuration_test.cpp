@@ -24,19 +24,6 @@ std::vector<std::string> fieldNames(const ContentAdapterConfiguration& config) {
     return names;
 }
 
-TEST(ContentAdapterConfigurationTest, GetFieldFindsTheFirstFieldOfAName) {
-    ContentAdapterConfiguration config;
-    EXPECT_EQ(config.getField("title"), nullptr);
-
-    config.fields = {Field("a", DataObject::TypeString, "title"), Field("b", DataObject::TypeInteger, "title"),
-                     Field("c", DataObject::TypeString, "")};
-    ASSERT_NE(config.getField("title"), nullptr);
-    EXPECT_EQ(config.getField("title")->column, "a");
-    ASSERT_NE(config.getField(""), nullptr);
-    EXPECT_EQ(config.getField("")->column, "c");
-    EXPECT_EQ(config.getField("Title"), nullptr);
-}
-
 TEST(ContentAdapterConfigurationTest, FieldMergeCopiesTypeAlwaysAndStringsOnlyWhenGiven) {
     Field target("art", DataObject::TypeString, "cover");
     target.preloadUrl = "old.png";
@@ -59,17 +46,6 @@ TEST(ContentAdapterConfigurationTest, FieldMergeCopiesTypeAlwaysAndStringsOnlyWh
     EXPECT_EQ(target.column, "picture");
     EXPECT_EQ(target.dynamicSource, "artists");
     EXPECT_EQ(target.lookupColumn, "key");
-}
-
-TEST(ContentAdapterConfigurationTest, FieldMergeRefusesAnotherName) {
-    testkit::LogCapture log;
-    Field target("art", DataObject::TypeString, "cover");
-    const Field other("art", DataObject::TypeInteger, "title");
-
-    EXPECT_FALSE(target.fillOverrideValues(other));
-    EXPECT_EQ(target.type, DataObject::TypeString);
-    EXPECT_THAT(log.lines(), ElementsAre("error tethrix: Field cover is trying to override values from title. "
-                                         "Different fields can not be overridden."));
 }
 
 class ConfigurationMergeTest : public testing::Test {
@@ -147,30 +123,6 @@ TEST_F(ConfigurationMergeTest, FieldsMergeByNameInPlaceAndNewOnesMoveToTheEnd) {
     EXPECT_EQ(other.getField("album"), nullptr);
     ASSERT_NE(other.getField("cover"), nullptr);
     EXPECT_EQ(other.getField("cover")->column, "id");
-}
-
-TEST(ContentAdapterConfigurationTest, EmptyUrisAreTheSameSource) {
-    ContentAdapterConfiguration target;
-    ContentAdapterConfiguration other;
-    other.name = "x";
-    EXPECT_TRUE(target.fillOverrideValues(other));
-    EXPECT_EQ(target.name, "x");
-}
-
-TEST_F(ConfigurationMergeTest, AnotherUriChangesNothing) {
-    testkit::LogCapture log;
-    other.uri = "content://com.tavelorix.content/albums";
-    other.name = "albums";
-    other.fields = {Field("artist", DataObject::TypeString, "artist")};
-
-    EXPECT_FALSE(target.fillOverrideValues(other));
-    EXPECT_EQ(target.name, "tracks");
-    EXPECT_EQ(target.blockSize, 50u);
-    EXPECT_THAT(fieldNames(target), ElementsAre("title", "cover"));
-    EXPECT_THAT(fieldNames(other), ElementsAre("artist"));
-    EXPECT_THAT(log.lines(),
-                ElementsAre("error tethrix: content://com.tavelorix.content/tracks is trying to override values from "
-                            "content://com.tavelorix.content/albums. Different configurations can not be overridden."));
 }
 
 }  // namespace

@@ -96,18 +96,6 @@ TEST_F(SourceQueries, TreeHoldsDynamicSourcesAheadOfOrdinaryOnes) {
     EXPECT_EQ(source->getData()->findChild("now_playing")->getChildCount(), 2u);
 }
 
-TEST_F(SourceQueries, DynamicSourcesStandByWithoutLoaderOrQuery) {
-    setState(Connection::StateConnected);
-    for (const auto& query : service.queries()) {
-        EXPECT_NE(query.uri, "content://com.tavelorix.content/albums");
-    }
-    EXPECT_EQ(adapter("albums"), nullptr);
-    std::shared_ptr<ContentAdapter> albums = source->findDynamicSource("albums");
-    ASSERT_NE(albums, nullptr);
-    EXPECT_NE(albums->getDataObject(), nullptr);  // initialized all the same
-    EXPECT_FALSE(albums->loadItems(0, 200));
-}
-
 TEST_F(SourceQueries, ConnectionLostAndBackGivesNewLoadersAndTheSameQueriesAgain) {
     setState(Connection::StateConnected);
     std::shared_ptr<DataObject> tracksBefore = source->getData()->findChild("tracks");
@@ -151,22 +139,6 @@ TEST_F(SourceQueries, FilterIsReadFromTheConfigurationAtEachQuery) {
 
     ASSERT_EQ(service.queries().size(), 1u);
     EXPECT_EQ(service.queries()[0].filter, "genre=jazz");
-}
-
-TEST_F(SourceQueries, AStoppedAdapterSendsNothing) {
-    setState(Connection::StateConnected);
-    setState(Connection::StateLost);
-    service.takeQueries();
-    EXPECT_FALSE(adapter("tracks")->loadItems(0, 50));
-    EXPECT_THAT(service.queries(), IsEmpty());
-}
-
-TEST_F(SourceQueries, ContentServiceIsAcquiredOncePerStartAndReleasedOncePerAdapterStopToo) {
-    setState(Connection::StateConnected);
-    setState(Connection::StateLost);
-    // One release by the data source and one by each stopped adapter.
-    EXPECT_EQ(service.contentStatistics().acquires, 1u);
-    EXPECT_EQ(service.contentStatistics().releases, 1u + FIRST_QUERIES.size());
 }
 
 }  // namespace

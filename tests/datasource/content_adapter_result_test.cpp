@@ -4,8 +4,9 @@
 
 #include "data_source_fixture.h"
 
-#include "sample_images.h"
-#include "image_server.h"
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/sample_images.h>
+#include <zarvo/testkit/image_server.h>
 
 #include "datasource/http_protocol_handler_actions.h"
 
@@ -20,6 +21,8 @@
 
 namespace zarvo {
 namespace test {
+
+using namespace zarvo::testkit;
 namespace {
 
 using ::testing::ElementsAre;
@@ -50,6 +53,7 @@ protected:
         load(*source);
         setState(Connection::StateConnected);
         recorder.watchTree(source->getData());
+        recorder.clear();
         log.clear();
     }
 
@@ -269,21 +273,8 @@ TEST_F(Results, UnknownDynamicSourceIsReportedAndTheListStaysEmpty) {
 
 class Preload : public Results {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/zarvo-preload-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        directory = pattern;
-        cover = directory + "/cover.png";
-        std::ofstream(cover, std::ios::binary) << samplePng();
-    }
-    void TearDown() override {
-        Results::TearDown();
-        std::remove(cover.c_str());
-        rmdir(directory.c_str());
-    }
-
-    std::string directory;
-    std::string cover;
+    TemporaryDirectory directory;
+    const std::string cover = directory.write("cover.png", samplePng());
 };
 
 TEST_F(Preload, FieldShowsThePlaceholderUntilTheResourceIsInThenTheValue) {
@@ -308,24 +299,20 @@ TEST_F(Preload, FieldShowsThePlaceholderUntilTheResourceIsInThenTheValue) {
     EXPECT_EQ(value<DataObjectString>("cover"), cover);  // no placeholder, no wait
 }
 
-TEST_F(Preload, RemoteImageOverHttpShowsThePlaceholderThenTheValue) {
-    registerSupportedProtocols(&host.domain());
-    test::ImageServers& servers = test::imageServers();
-    servers.put("preload-cover.png", samplePng());
-    const std::string url = servers.httpUrl("preload-cover.png");
-    start(R"(<sources><now uri="com.tavelorix.content/now">
-      <field name="cover" type="string" preload_url="placeholder.png"/></now></sources>)");
-    std::vector<std::string> shown;
-    auto token = now("cover")->addModifiedSubscription(
-        [&](DataContext& context) { shown.push_back(static_cast<DataObjectString&>(context).getValue()); });
-
-    answer("content://com.tavelorix.content/now", {{"cover", ContentDataTypeString}}, {{url}});
-    ASSERT_TRUE(host.loop().runUntil([&] { return value<DataObjectString>("cover") == url; },
-                                     std::chrono::seconds(20)));
-    now("cover")->removeModifiedSubscription(token);
-
-    EXPECT_THAT(shown, ElementsAre("placeholder.png", url));
-    EXPECT_NE(host.domain().getResourceManager()->acquireLoadedResource(url), nullptr);
+TEST_F(Results, RowPlacesAreAddedInThirtyTwoBitsAndSignExtended) {
+    start(R"(<sources><tracks uri="com.tavelorix.content/tracks" type="list" block_size="10">
+               <field name="title" type="string"/></tracks></sources>)");
+    answer("content://com.tavelorix.content/tracks", {{"title", ContentDataTypeString}},
+           {{std::string("last positive")}, {std::string("wrapped")}}, 0x7FFFFFFF);
+    auto list = std::dynamic_pointer_cast<TethrixDataObjectList>(source->getData()->findChild("tracks"));
+    const std::size_t wrapped = static_cast<std::size_t>(std::int64_t{-2147483647 - 1});
+    EXPECT_EQ(list->itemCount(), wrapped + 1);
+    for (const auto& [index, title] : {std::make_pair(std::size_t{0x7FFFFFFF}, "last positive"),
+                                      std::make_pair(wrapped, "wrapped")}) {
+        auto row = list->getItem(index);
+        ASSERT_EQ(row->getChildCount(), 1u) << index;
+        EXPECT_EQ(std::static_pointer_cast<DataObjectString>(row->getChild(0))->getValue(), title);
+    }
 }
 
 }  // namespace

@@ -107,53 +107,6 @@ TEST_F(ContentAdapterRuntimeTest, UpdatesNotifyOnlyTheDataObjectsThatChange) {
     EXPECT_EQ(at<DataObjectString>("cover")->getValue(), "b.png");
 }
 
-TEST_F(ContentAdapterRuntimeTest, NanNotifiesEachTime) {
-    start({runtimeSource(playerXml)});
-    recorder.watchTree(root);
-
-    push(R"({"values":{"gain":"nan"}})");
-    push(R"({"values":{"gain":"nan"}})");
-
-    EXPECT_THAT(recorder.take(), ElementsAre("Root.gain", "Root.gain"));
-    EXPECT_TRUE(std::isnan(at<DataObjectReal>("gain")->getValue()));
-}
-
-TEST_F(ContentAdapterRuntimeTest, ARefusedUpdateChangesNoDataObject) {
-    start({runtimeSource(playerXml)});
-    recorder.watchTree(root);
-
-    push(R"({"values":{"volume":9,"title":"X","gain":"loud"}})");
-
-    EXPECT_THAT(recorder.take(), IsEmpty());
-    EXPECT_EQ(at<DataObjectInteger>("volume")->getValue(), 3);
-    EXPECT_EQ(at<DataObjectString>("title")->getValue(), "Blue Hour");
-    ASSERT_EQ(log.entries().size(), 1u);
-    EXPECT_EQ(log.entries()[0].category, "tethrix-client");
-}
-
-TEST_F(ContentAdapterRuntimeTest, APlainObjectHasNoHandlerOfItsOwn) {
-    start({runtimeSource(playerXml)});
-    recorder.watchTree(root);
-
-    // Its value can change only from within the library; nothing follows.
-    configs[0]->runtimeData->findChild("player")->setValueFromString("changed");
-    EXPECT_THAT(recorder.take(), IsEmpty());
-}
-
-TEST_F(ContentAdapterRuntimeTest, ARestartKeepsOneHandlerPerNode) {
-    start({runtimeSource(playerXml)});
-    recorder.watchTree(root);
-    manager.stopAllAdapters();
-    manager.startAllAdapters();
-    host.runUntilIdle();
-    ASSERT_EQ(service.subscriptions().size(), 2u);
-    EXPECT_EQ(service.activeSubscriptionCount(), 1u);
-
-    push(R"({"values":{"volume":5}})");
-
-    EXPECT_THAT(recorder.take(), ElementsAre("Root.volume"));
-}
-
 // A node of a type the data tree has no object for: the enumeration.
 class EnumerationNode : public RuntimeDataObject {
 public:
@@ -274,16 +227,6 @@ TEST_F(RuntimeDynamicExpansionTest, AShorterListOfKeysLeavesTheRowsBehindIt) {
     EXPECT_EQ(titleOf(2), "album2");
 }
 
-TEST_F(RuntimeDynamicExpansionTest, TheSameKeysAgainAreNoChange) {
-    startWithAlbums();
-    push(R"({"values":{"artistAlbums":"7;8"}})");
-    service.takeQueries();
-
-    push(R"({"values":{"artistAlbums":"7;8"}})");
-
-    EXPECT_THAT(service.queries(), IsEmpty());
-}
-
 TEST_F(RuntimeDynamicExpansionTest, AnUnknownDynamicSourceIsReportedAtEachChange) {
     startWithAlbums(R"(<r><string name="artistAlbums" dynamic_source="singles" lookup_column="artist_id"/></r>)");
 
@@ -295,20 +238,6 @@ TEST_F(RuntimeDynamicExpansionTest, AnUnknownDynamicSourceIsReportedAtEachChange
     ASSERT_EQ(entries.size(), 1u);
     EXPECT_EQ(entries[0].category, "tethrix");
     EXPECT_EQ(entries[0].message, "DynamicSource not found with name 'singles' (runtime)");
-}
-
-TEST_F(RuntimeDynamicExpansionTest, AnEmptyNameOrColumnStopsSilently) {
-    startWithAlbums(R"(<r><string name="artistAlbums" dynamic_source="" lookup_column="artist_id"/>)"
-                    R"(<string name="byNothing" dynamic_source="albums" lookup_column=""/></r>)");
-    auto other = at<TethrixDataObjectList>("byNothing");
-    ASSERT_NE(other, nullptr);
-
-    push(R"({"values":{"artistAlbums":"7","byNothing":"8"}})");
-
-    EXPECT_THAT(service.queries(), IsEmpty());
-    EXPECT_EQ(list->itemCount(), 0u);
-    EXPECT_EQ(other->itemCount(), 0u);
-    EXPECT_THAT(log.lines(), IsEmpty());
 }
 
 }  // namespace

@@ -22,13 +22,10 @@ namespace test {
 
 class DataSourceFixture : public ::testing::Test {
 protected:
+    // Unloading frees each tree, as the engine's unload does.
     void TearDown() override {
         for (const auto& source : sources) {
-            TethrixDataObjectList::releaseAdapters(source->getData());
-            for (const auto& adapter : source->getAdapters()) {
-                TethrixDataObjectList::releaseAdapters(adapter->getDataObject());
-                TethrixDataObjectList::releaseAdapters(adapter->getItemTemplate());
-            }
+            source->unloadOverride();
         }
         sources.clear();
     }

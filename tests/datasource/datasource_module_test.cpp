@@ -75,29 +75,6 @@ TEST_F(ModuleTest, MetaclassesHaveTheirNamesBasesFlagsAndProperties) {
     }
 }
 
-TEST_F(ModuleTest, PropertiesDefaultToEmptyAndCarryNoEditorText) {
-    for (const PropertyType<std::string>* property :
-         {&ZarvoTethrixDataSource::XmlFilenameProperty, &ZarvoTethrixDataSource::XmlDeclarationProperty}) {
-        EXPECT_EQ(property->getDefaultValue(), "");
-        EXPECT_EQ(property->getChangeFlags(), 0u);
-        EXPECT_FALSE(property->isInherited());
-        EXPECT_EQ(property->getEditorInfo(), nullptr);
-    }
-}
-
-TEST_F(ModuleTest, AbstractMetaclassesRefuseToCreate) {
-    for (const Metaclass* metaclass : {DataContext::getStaticMetaclass(), DataSource::getStaticMetaclass(),
-                                       AbstractTethrixDataSource::getStaticMetaclass()}) {
-        try {
-            metaclass->create(&host.domain(), "x");
-            ADD_FAILURE() << metaclass->getName() << " created an object";
-        } catch (const std::logic_error& error) {
-            EXPECT_EQ(std::string(error.what()),
-                      std::string("Tried to create an abstract type object '") + metaclass->getName() + "'");
-        }
-    }
-}
-
 TEST_F(ModuleTest, EngineCreatesTheSourceByTypeName) {
     ObjectFactory factory;
     for (const Metaclass* metaclass : module->getMetaclassesOverride()) {
@@ -119,13 +96,6 @@ public:
     std::shared_ptr<DataObject> getData() override { return nullptr; }
 };
 
-TEST_F(ModuleTest, MetaclassDoesNotClaimOtherDataSources) {
-    OtherDataSource other(&host.domain(), "other");
-    EXPECT_FALSE(ZarvoTethrixDataSource::getStaticMetaclass()->isMetaclassOf(other));
-    EXPECT_FALSE(AbstractTethrixDataSource::getStaticMetaclass()->isMetaclassOf(other));
-    EXPECT_FALSE(DataContext::getStaticMetaclass()->isMetaclassOf(other));
-}
-
 TEST_F(ModuleTest, RegisteringMetadataInstallsTheRemoteImageProtocols) {
     ObjectFactory factory;
     module->domain = &host.domain();
@@ -134,10 +104,6 @@ TEST_F(ModuleTest, RegisteringMetadataInstallsTheRemoteImageProtocols) {
     EXPECT_TRUE(resources->supportsProtocolHandler("http"));
     EXPECT_TRUE(resources->supportsProtocolHandler("https"));
     EXPECT_TRUE(factory.getMetaclasses().empty());
-}
-
-TEST(ModuleDestroy, NullModuleIsHarmless) {
-    destroyModule(nullptr);
 }
 
 }  // namespace

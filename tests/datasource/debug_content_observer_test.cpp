@@ -30,13 +30,5 @@ TEST(DebugContentObserver, LogsOneLinePerRowWithTheValuesOfTheCurrentRow) {
                                          "info tethrix: DebugContentObserver, row 1: id=7 name=Anna "));
 }
 
-TEST(DebugContentObserver, AResultWithoutRowsLogsNothing) {
-    testkit::LogCapture log;
-    PrintingObserver observer;
-    ContentResult empty(0, {{"id", ContentDataTypeInteger}}, {});
-    observer.onContentLoaded(nullptr, &empty);
-    EXPECT_THAT(log.lines(), IsEmpty());
-}
-
 }  // namespace
 }  // namespace zarvo

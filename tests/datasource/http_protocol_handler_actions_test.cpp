@@ -1,7 +1,7 @@
 #include "datasource/http_protocol_handler_actions.h"
 
-#include "image_server.h"
-#include "sample_images.h"
+#include <zarvo/testkit/image_server.h>
+#include <zarvo/testkit/sample_images.h>
 
 #include <zarvo/client.h>
 #include <zarvo/domain.h>
@@ -19,6 +19,8 @@
 #include <unordered_set>
 
 namespace zarvo {
+
+using namespace zarvo::testkit;
 namespace {
 
 using ::testing::Contains;
@@ -30,8 +32,8 @@ using ::testing::StartsWith;
 class HttpProtocolHandlerActionsTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        test::imageServers().put("handler.png", test::samplePng());
-        test::imageServers().put("handler.jpg", test::sampleJpeg());
+        testkit::imageServers().put("handler.png", testkit::samplePng());
+        testkit::imageServers().put("handler.jpg", testkit::sampleJpeg());
     }
 
     ResourceManager& manager() { return *host.domain().getResourceManager(); }
@@ -46,7 +48,7 @@ protected:
         return manager().acquireLoadedResource(url);
     }
 
-    test::ImageServers& servers = test::imageServers();
+    testkit::ImageServers& servers = testkit::imageServers();
     testkit::TestHost host;
     testkit::LogCapture log;
 };
@@ -58,23 +60,6 @@ TEST_F(HttpProtocolHandlerActionsTest, RegistersHttpThenHttpsAfterSettingTheCont
     EXPECT_TRUE(manager().supportsProtocolHandler("http"));
     EXPECT_TRUE(manager().supportsProtocolHandler("https"));
     EXPECT_EQ(1, context()->getContextValue(1, 0));
-}
-
-TEST_F(HttpProtocolHandlerActionsTest, SecondRegistrationAddsNothingButSetsTheContextValueAgain) {
-    registerSupportedProtocols(&host.domain());
-    context()->setContextValue(1, 0);
-    log.clear();
-
-    registerSupportedProtocols(&host.domain());
-
-    EXPECT_THAT(log.lines(), IsEmpty());
-    EXPECT_EQ(1, context()->getContextValue(1, 0));
-}
-
-TEST_F(HttpProtocolHandlerActionsTest, NullDomainDoesNothing) {
-    registerSupportedProtocols(nullptr);
-    EXPECT_THAT(log.lines(), IsEmpty());
-    EXPECT_FALSE(manager().supportsProtocolHandler("http"));
 }
 
 std::shared_ptr<Texture> otherHandlersTexture;
@@ -99,27 +84,6 @@ TEST_F(HttpProtocolHandlerActionsTest, ExistingHttpHandlerIsKept) {
     otherHandlersTexture.reset();
 }
 
-TEST_F(HttpProtocolHandlerActionsTest, ResourceManagerLoadsHttpAndHttpsImagesThroughTheTask) {
-    registerSupportedProtocols(&host.domain());
-    struct Case {
-        const char* name;
-        std::string url;
-        BitmapImage::Format format;
-    } cases[] = {
-        {"png over http", servers.httpUrl("handler.png"), BitmapImage::Format::RGBA8},
-        {"jpeg over https", servers.httpsUrl("handler.jpg"), BitmapImage::Format::RGB8},
-    };
-    for (const Case& sample : cases) {
-        SCOPED_TRACE(sample.name);
-        log.clear();
-        const auto texture = std::dynamic_pointer_cast<Texture>(acquire(sample.url));
-        ASSERT_NE(nullptr, texture);
-        EXPECT_EQ(sample.format, texture->getImage().getFormat());
-        EXPECT_EQ(4u, texture->getImage().getWidth());
-        EXPECT_THAT(log.lines(), ElementsAre("info debug: Loading image from: " + sample.url + "."));
-    }
-}
-
 TEST_F(HttpProtocolHandlerActionsTest, UpperCaseSchemeReachesTheHandlerAndLoadsWithAWarning) {
     registerSupportedProtocols(&host.domain());
     const std::string url = "HTTP" + servers.httpUrl("handler.png").substr(4);
@@ -129,18 +93,6 @@ TEST_F(HttpProtocolHandlerActionsTest, UpperCaseSchemeReachesTheHandlerAndLoadsW
                                          "info debug: Registering https protocol",
                                          "info debug: Loading image from: " + url + ".",
                                          "warning tethrix: Unsupported protocol for file request: " + url));
-}
-
-TEST_F(HttpProtocolHandlerActionsTest, FailedLoadStillCompletesWithoutAResource) {
-    registerSupportedProtocols(&host.domain());
-    log.clear();
-    const std::string url = servers.httpUrl("handler-absent.png");
-
-    EXPECT_EQ(nullptr, acquire(url));
-    EXPECT_THAT(log.lines(),
-                ElementsAre("info debug: Loading image from: " + url + ".",
-                            "error tethrix: Loading image \"" + url + "\" failed due to unsupported image type",
-                            "error tethrix: failed to create image " + url + " from stream."));
 }
 
 }  // namespace

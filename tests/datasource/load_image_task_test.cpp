@@ -1,7 +1,7 @@
 #include "datasource/load_image_task.h"
 
-#include "image_server.h"
-#include "sample_images.h"
+#include <zarvo/testkit/image_server.h>
+#include <zarvo/testkit/sample_images.h>
 
 #include <zarvo/domain.h>
 #include <zarvo/testkit/log_capture.h>
@@ -10,11 +10,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace zarvo {
+
+using namespace zarvo::testkit;
 namespace {
 
 using ::testing::ElementsAre;
@@ -32,8 +35,8 @@ std::string bytes(std::initializer_list<int> values) {
 }
 
 TEST(LoadImageTaskDetectionTest, RecognisesImagesByContentAlone) {
-    const std::string png = test::samplePng();
-    const std::string jpeg = test::sampleJpeg();
+    const std::string png = testkit::samplePng();
+    const std::string jpeg = testkit::sampleJpeg();
     struct Case {
         const char* name;
         std::string data;
@@ -62,9 +65,9 @@ TEST(LoadImageTaskDetectionTest, RecognisesImagesByContentAlone) {
 class LoadImageTaskTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite() {
-        test::ImageServers& servers = test::imageServers();
-        const std::string png = test::samplePng();
-        const std::string jpeg = test::sampleJpeg();
+        testkit::ImageServers& servers = testkit::imageServers();
+        const std::string png = testkit::samplePng();
+        const std::string jpeg = testkit::sampleJpeg();
         servers.put("task.png", png);
         servers.put("task.jpg", jpeg);
         servers.put("task-missing.png", png, 404);
@@ -85,7 +88,7 @@ protected:
         return task.getResult();
     }
 
-    test::ImageServers& servers = test::imageServers();
+    testkit::ImageServers& servers = testkit::imageServers();
     testkit::TestHost host;
     testkit::LogCapture log;
 };
@@ -132,6 +135,20 @@ TEST_F(LoadImageTaskTest, LoadsPngAndJpegOverHttpAndHttpsIntoPremultipliedTextur
         EXPECT_EQ("", texture->getObjectName());
         EXPECT_EQ(&host.domain(), texture->getDomain());
     }
+}
+
+TEST_F(LoadImageTaskTest, AProxyNamedInTheEnvironmentIsNeverUsed) {
+    // Nothing listens on port 1: a transfer through this proxy would fail.
+    const char* const names[] = {"http_proxy", "https_proxy", "ALL_PROXY"};
+    for (const char* name : names) {
+        setenv(name, "http://127.0.0.1:1", 1);
+    }
+    LoadImageTask task(servers.httpUrl("task.png"), &host.domain());
+    const auto texture = load(task);
+    for (const char* name : names) {
+        unsetenv(name);
+    }
+    EXPECT_NE(nullptr, texture) << testing::PrintToString(log.lines());
 }
 
 TEST_F(LoadImageTaskTest, BodiesThatAreNoImageEndInANullResourceWithTheirMessages) {

@@ -74,20 +74,6 @@ TEST(RuntimeConfiguration, SourcesReadAsTheirUriNameAndTree) {
     }
 }
 
-TEST(RuntimeConfiguration, WhatDescribesNothingIsNoSourceAndSaysNothing) {
-    testkit::LogCapture log;
-    for (const std::string document : {
-             R"(<s name="n" uri="servicedata://x"/>)",          // no service: not a runtime root
-             R"(<s service="player"/>)",                       // a tree without nodes
-             R"(<s service=""><integer name="a"/></s>)",       // empty service, no name, no uri
-             R"(<s><r uri="servicedata://x"/></s>)",           // a description without nodes
-             R"(<s><r uri="servicedata://x"><note/></r></s>)",  // no element the tree grammar knows
-         }) {
-        EXPECT_THAT(read(document), IsEmpty()) << document;
-    }
-    EXPECT_THAT(log.lines(), IsEmpty());
-}
-
 TEST(RuntimeConfiguration, ABrokenTreeStillGivesASourceWithoutNodes) {
     testkit::LogCapture log;
     const Configurations configs = read(R"(<s service="player"><integer name="volume" value="loud"/></s>)");
@@ -119,16 +105,6 @@ TEST(RuntimeConfiguration, ASecondDescriptionOfTheSameSourceReplacesTreeAndName)
     EXPECT_EQ(configs[0]->name, "noname");  // a missing name counts as "noname" and overwrites
     EXPECT_EQ(nodeNames(*configs[0]), std::vector<std::string>{"title"});
     EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre("Overriding configuration from XML for servicedata://player"));
-}
-
-TEST(RuntimeConfiguration, SourcesWithoutNameAreAllNoname) {
-    const Configurations configs = read(R"(<s>
-        <a uri="servicedata://one"><integer name="x"/></a>
-        <b uri="servicedata://two"><integer name="y"/></b>
-      </s>)");
-    ASSERT_EQ(configs.size(), 2u);
-    EXPECT_EQ(configs[0]->name, "noname");
-    EXPECT_EQ(configs[1]->name, "noname");
 }
 
 TEST(RuntimeConfiguration, OverridesNeverReachARuntimeSource) {

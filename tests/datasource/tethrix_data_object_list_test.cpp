@@ -3,6 +3,7 @@
 #include "datasource/content_adapter.h"
 #include "datasource/tethrix_data_object_list.h"
 
+#include <zarvo/host/list_view.h>
 #include <zarvo/testkit/notification_recorder.h>
 #include <zarvo/testkit/scripted_service.h>
 #include <zarvo/testkit/test_host.h>
@@ -148,44 +149,6 @@ private:
     Requests unseen;
 };
 
-// Holds the rows [first, first + size) below the list's count as a list view
-// does: acquires what enters, releases what leaves, and binds its rows afresh
-// once the list has said that it changed.
-class ListView {
-public:
-    ListView(std::shared_ptr<TethrixDataObjectList> list, std::uint64_t size) : list(std::move(list)), size(size) {
-        token = this->list->addModifiedSubscription([this](DataContext&) { rebind = true; });
-    }
-    ~ListView() { list->removeModifiedSubscription(token); }
-
-    void scrollTo(std::uint64_t newFirst) {
-        const std::uint64_t newEnd = std::min<std::uint64_t>(newFirst + size, list->itemCount());
-        for (std::uint64_t index = first; index < end && !rebind; ++index) {
-            if (index < newFirst || index >= newEnd) {
-                list->releaseItem(index);
-            }
-        }
-        for (std::uint64_t index = newFirst; index < newEnd; ++index) {
-            if (rebind || index < first || index >= end) {
-                list->acquireItem(index);
-            }
-        }
-        first = newFirst;
-        end = newEnd;
-        rebind = false;
-    }
-    std::uint64_t firstRow() const { return first; }
-    std::uint64_t endRow() const { return end; }
-
-private:
-    std::shared_ptr<TethrixDataObjectList> list;
-    std::uint64_t size;
-    std::shared_ptr<void> token;
-    std::uint64_t first = 0;
-    std::uint64_t end = 0;
-    bool rebind = false;
-};
-
 TEST_F(TethrixDataObjectListTest, GrowsFromOneRowThroughReadAheadBlockByBlock) {
     create(10);
     EXPECT_EQ(list->itemCount(), 0u);
@@ -292,14 +255,14 @@ TEST_F(TethrixDataObjectListTest, ScrollingBackwardLoadsOnlyWhatIsMissing) {
 
 TEST_F(TethrixDataObjectListTest, ResidentRowsStayNearFiveBlocksWhileScrollingFar) {
     start(10);
-    ListView view(list, 7);
+    ListView view(list);
     std::size_t peak = 0;
     for (std::uint64_t first = 0; first < 300; ++first) {
-        view.scrollTo(first);
+        view.moveTo(first, 7);
         peak = std::max(peak, cache().residentItemCount());
         deliver();
-        for (std::uint64_t index = view.firstRow(); index < view.endRow(); ++index) {
-            ASSERT_EQ(idOf(list->getItem(index)), static_cast<int>(index));
+        for (const auto& row : view.rows()) {
+            ASSERT_EQ(idOf(list->getItem(row.first)), static_cast<int>(row.first));
         }
     }
     // Five blocks, plus the block that came in since the last release.
@@ -429,35 +392,6 @@ TEST_P(PurgeTest, ReleasePurgesOnlyPastFiveBlocksOldestFirst) {
 
 INSTANTIATE_TEST_SUITE_P(FiftyOrFiftyOne, PurgeTest, testing::Values(49u, 50u));
 
-TEST_F(TethrixDataObjectListTest, RemoveAllItemsForgetsRowsButNotReadAheadProgress) {
-    start(10);
-    acquireAll(0, 10);
-    deliver();
-    acquireAll(0, 10);  // reads ahead up to block 1
-    deliver();
-    auto waiting = list->getItem(70);
-    list->removeAllItems();
-    EXPECT_EQ(list->itemCount(), 0u);
-    EXPECT_EQ(cache().residentItemCount(), 1u);
-    EXPECT_EQ(list->getItem(70), waiting);
-
-    recorder.clear();
-    list->notifyLoadingFinished();
-    EXPECT_THAT(recorder.take(), ElementsAre("list"));
-
-    // Filled again by hand, as a dynamic source does: read-ahead stays off
-    // for the blocks it reached before.
-    for (std::uint64_t index = 0; index < 20; ++index) {
-        list->notifyItemLoaded(index, list->getItem(index));
-    }
-    list->notifyLoadingFinished();
-    requests();
-    acquireAll(0, 19);
-    EXPECT_THAT(requests(), IsEmpty());
-    list->acquireItem(19);
-    EXPECT_THAT(requests(), ElementsAre(Request(20, 10)));
-}
-
 TEST_F(TethrixDataObjectListTest, ItemTemplateIsTheLowestReferencedRowElseTheAdaptersTemplate) {
     create(10);
     EXPECT_EQ(list->getItemTemplate(), adapter->getItemTemplate());
@@ -472,32 +406,6 @@ TEST_F(TethrixDataObjectListTest, ItemTemplateIsTheLowestReferencedRowElseTheAda
     auto empty = detached->getItemTemplate();
     EXPECT_EQ(empty->getName(), "empty");
     EXPECT_NE(detached->getItemTemplate(), empty);
-}
-
-TEST(TethrixDataObjectListCacheTest, ReleasesAppendToPurgeOrderAndPurgeSkipsStaleEntries) {
-    testkit::TestHost host;
-    Domain* domain = &host.domain();
-    TethrixDataObjectList::Cache cache;
-    for (std::uint64_t index : {1u, 2u}) {
-        cache.getItem(domain, index);
-        cache.notifyLoaded(index);
-    }
-    cache.referenceItem(domain, 1);
-    cache.referenceItem(domain, 1);
-    EXPECT_EQ(cache.unreferenceItem(1), 1u);
-    EXPECT_THAT(keys(cache.getReferencedItems()), ElementsAre(1u));
-    EXPECT_EQ(cache.unreferenceItem(1), 0u);
-    EXPECT_THAT(cache.getUnreferencedOrder(), ElementsAre(2u, 1u, 1u));
-
-    cache.purge(1);
-    EXPECT_THAT(keys(cache.getUnreferencedItems()), ElementsAre(1u));
-    auto row = cache.referenceItem(domain, 1);
-    EXPECT_THAT(cache.getUnreferencedOrder(), ElementsAre(1u));
-    // More than there is to purge: the stale entry goes, the referenced row
-    // stays.
-    cache.purge(5);
-    EXPECT_THAT(cache.getUnreferencedOrder(), IsEmpty());
-    EXPECT_EQ(cache.getReferencedItems().at(1), row);
 }
 
 }  // namespace

@@ -107,15 +107,6 @@ TEST_F(TethrixRuntimeDataObjectListTest, TheTemplateIsMadeOnceAndIsNoRow) {
     EXPECT_EQ(at<TethrixRuntimeDataObjectList>("plain")->getItemTemplate()->getName(), "empty");
 }
 
-TEST_F(TethrixRuntimeDataObjectListTest, WithoutARuntimeListThereAreNoRows) {
-    TethrixRuntimeDataObjectList orphan(&host.domain(), "orphan", nullptr, nullptr);
-
-    EXPECT_EQ(orphan.itemCount(), 0u);
-    EXPECT_EQ(orphan.acquireItem(0)->getName(), "empty");
-    orphan.releaseItem(0);
-    EXPECT_THAT(log.messages(LogLevel::Error), ElementsAre("Invalid index in acquireItem. index=0 amount=0"));
-}
-
 TEST_F(TethrixRuntimeDataObjectListTest, RowChangesNotifyTheListOncePerUpdate) {
     recorder.watch(*list, "queue");
     const auto bound = list->acquireItem(0);
@@ -156,19 +147,6 @@ TEST_F(TethrixRuntimeDataObjectListTest, AShrunkListTurnsAHeldIndexAway) {
     EXPECT_EQ(list->acquireItem(1)->getName(), "empty");
     list->releaseItem(1);
     EXPECT_THAT(log.messages(LogLevel::Error), ElementsAre("Invalid index in acquireItem. index=1 amount=1"));
-}
-
-TEST_F(TethrixRuntimeDataObjectListTest, AllRowsAtOnce) {
-    recorder.watch(*list, "queue");
-
-    push(R"({"values":{"queue":[{"title":"X"},{"title":"Y"},{"title":"Z"}],"plain":[{"n":1}]}})");
-
-    EXPECT_THAT(recorder.take(), ElementsAre("queue"));
-    ASSERT_EQ(list->itemCount(), 3u);
-    EXPECT_EQ(titleOf(list->acquireItem(2)), "Z");
-    auto plain = at<TethrixRuntimeDataObjectList>("plain");
-    ASSERT_EQ(plain->itemCount(), 1u);
-    EXPECT_EQ(plain->acquireItem(0)->getName(), "row");
 }
 
 TEST_F(TethrixRuntimeDataObjectListTest, ReleasingTheTreeOpensTheRingOfListAdapterAndRuntimeTree) {

@@ -5,6 +5,8 @@
 
 #include "datasource/content_adapter.h"
 
+#include <zarvo/testkit/files.h>
+
 #include <gmock/gmock.h>
 
 #include <sys/stat.h>
@@ -36,19 +38,6 @@ const milliseconds TICK(1000);
 
 class ConfigurationFile : public DataSourceFixture {
 protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/zarvo-datasource-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        directory = pattern;
-        path = directory + "/sources.xml";
-    }
-
-    void TearDown() override {
-        DataSourceFixture::TearDown();
-        std::remove(path.c_str());
-        rmdir(directory.c_str());
-    }
-
     /// Writes the file and gives it a modification time of its own, so that
     /// no test waits for the clock's second to turn.
     void writeFile(const std::string& text, time_t modified) {
@@ -69,8 +58,8 @@ protected:
         return names;
     }
 
-    std::string directory;
-    std::string path;
+    testkit::TemporaryDirectory directory;
+    const std::string path = directory.file("sources.xml");
     std::shared_ptr<ZarvoTethrixDataSource> source;
 };
 
@@ -96,35 +85,6 @@ TEST_F(ConfigurationFile, ChangedFileReloadsTheSourceOnTheLoop) {
     EXPECT_TRUE(source->isConnected());
     ASSERT_EQ(service.queries().size(), 2u);  // the new adapters query at once
     EXPECT_EQ(service.queries()[1].uri, "content://com.tavelorix.content/artists");
-}
-
-TEST_F(ConfigurationFile, ReloadedSourceNoLongerFollowsTheConnection) {
-    writeFile(ONE_SOURCE, 1000000000);
-    source = makeSource(std::string(), path);
-    load(*source);
-    setState(Connection::StateConnected);
-    touch(1000000005);
-    host.advance(TICK);
-    log.clear();
-
-    setState(Connection::StateLost);
-
-    EXPECT_TRUE(source->isConnected());
-    EXPECT_THAT(log.messages(), IsEmpty());
-    EXPECT_EQ(service.liveLoaderCount(), 1u);  // the adapter stays started
-}
-
-TEST_F(ConfigurationFile, TouchWithoutChangeStillReloadsEverything) {
-    writeFile(ONE_SOURCE, 1000000000);
-    source = makeSource(std::string(), path);
-    load(*source);
-    std::shared_ptr<DataObject> oldRoot = source->getData();
-
-    touch(999999990);  // older counts as changed too
-    host.advance(TICK);
-
-    EXPECT_NE(source->getData(), oldRoot);
-    EXPECT_THAT(adapterNames(), ElementsAre("tracks"));
 }
 
 TEST_F(ConfigurationFile, MissingFileIsLoggedWatchedAndPickedUpWhenItAppears) {
@@ -155,49 +115,25 @@ TEST_F(ConfigurationFile, DisappearingFileReloadsIntoTheDeclarationAlone) {
     EXPECT_THAT(adapterNames(), ElementsAre("now"));
 }
 
-TEST_F(ConfigurationFile, DeclarationAloneIsNeverWatched) {
-    source = makeSource(ONE_SOURCE);
-    load(*source);
-    EXPECT_THAT(adapterNames(), ElementsAre("tracks"));
-
-    std::shared_ptr<DataObject> root = source->getData();
-    host.advance(TICK * 5);
-    EXPECT_EQ(source->getData(), root);
-}
-
-TEST_F(ConfigurationFile, NoPropertiesMeansNoReaderNoAdaptersAndNoTimer) {
-    source = makeSource(std::string());
-    load(*source);
-    EXPECT_EQ(host.loop().timerCount(), 0u);
-    EXPECT_THAT(adapterNames(), IsEmpty());
-    EXPECT_THAT(log.messages(), IsEmpty());
-}
-
-TEST_F(ConfigurationFile, UnloadStopsWatching) {
+TEST_F(ConfigurationFile, AReloadLetsTheOldFlagFallThenTellsTheSourceOnceTheNewTreeIsLive) {
     writeFile(ONE_SOURCE, 1000000000);
     source = makeSource(std::string(), path);
     load(*source);
-    EXPECT_EQ(host.loop().timerCount(), 1u);
+    setState(Connection::StateConnected);
+    testkit::NotificationRecorder recorder;
+    recorder.watchTree(source->getData());
+    recorder.watch(*source, "DataSource");
+    bool liveWhenTold = false;
+    auto token = source->addModifiedSubscription([this, &liveWhenTold](DataContext&) {
+        liveWhenTold = source->isConnected() && source->getData()->findChild("artists") != nullptr;
+    });
 
-    source->unloadOverride();
-    EXPECT_EQ(host.loop().timerCount(), 0u);
     writeFile(TWO_SOURCES, 1000000010);
     host.advance(TICK);
-    EXPECT_EQ(source->getData(), nullptr);
-}
 
-TEST_F(ConfigurationFile, PropertiesAreReadAgainAtEachReload) {
-    writeFile(ONE_SOURCE, 1000000000);
-    source = makeSource(std::string(), path);
-    load(*source);
-
-    source->setValue(ZarvoTethrixDataSource::XmlDeclarationProperty,
-                     std::string(R"(<s><now uri="com.tavelorix.content/now"/></s>)"));
-    EXPECT_THAT(adapterNames(), ElementsAre("tracks"));  // no effect of its own
-
-    touch(1000000001);
-    host.advance(TICK);
-    EXPECT_THAT(adapterNames(), ElementsAre("now", "tracks"));
+    EXPECT_THAT(recorder.events(), ElementsAre("Root.connected", "DataSource"));
+    EXPECT_TRUE(liveWhenTold);
+    source->removeModifiedSubscription(token);
 }
 
 }  // namespace

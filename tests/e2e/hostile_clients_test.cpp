@@ -3,8 +3,8 @@
 // frame, a frame that claims 2 GB, and a thousand connections that do
 // nothing. While each does its worst and after it, a client that plays by
 // the rules still gets its blocks, and the hostile one is closed.
-#include "service_client.h"
-#include "test_database.h"
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/running_service.h>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -32,7 +32,7 @@ const std::string tracksUri = "content://com.tavelorix.content/tracks";
 /// A block of the tracks, as a client of the rules asks for it.
 void expectBlocks(unsigned short port)
 {
-    testing::TestClient client(port);
+    zarvo::testkit::ProtocolClient client(port);
     client.send(protocol::Query{1, tracksUri, {"id", "title"}, "", "id", 100, 20});
     auto result = client.receiveAs<protocol::Result>();
     EXPECT_EQ(result.id, 1u);
@@ -116,8 +116,8 @@ std::vector<std::unique_ptr<RawConnection>> one(unsigned short port, bool upgrad
 
 TEST(HostileClientsTest, NoClientKeepsAnotherFromItsBlocks)
 {
-    testing::TemporaryDirectory directory;
-    testing::createDatabase(directory.path() / "media.db", testing::tracksScript(2000));
+    zarvo::testkit::TemporaryDirectory directory;
+    zarvo::testkit::executeSql(directory.file("media.db"), zarvo::testkit::tracksScript(2000));
     ServiceOptions options;
     options.database = (directory.path() / "media.db").string();
     options.limits.sessionOutboxBytes = 64 * 1024;
@@ -125,7 +125,7 @@ TEST(HostileClientsTest, NoClientKeepsAnotherFromItsBlocks)
     options.limits.idleTimeout = std::chrono::milliseconds(1000);
     options.limits.requestTimeout = std::chrono::milliseconds(400);
     options.limits.maxConnections = 64;
-    testing::RunningService service(options);
+    zarvo::testkit::RunningService service(options);
 
     const std::vector<HostileCase> cases = {
         {"asks for every row, again and again, and never reads", false,

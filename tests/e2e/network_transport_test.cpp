@@ -1,60 +1,45 @@
 // The client library's network transport against a real tethrix-service on
 // 127.0.0.1: the handshake, a query answered with typed values on the loop,
 // the file base URL, and reconnecting after the service went away.
-#include "e2e_support.h"
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/process.h>
+#include <zarvo/testkit/running_service.h>
 
 #include <zarvo/client.h>
 #include <zarvo/client/network_transport.h>
 #include <zarvo/content_loader.h>
+#include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/recording_observer.h>
 #include <zarvo/testkit/test_host.h>
 
+#include <tethrix/protocol/codec.h>
+
 #include <boost/any.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/beast/websocket.hpp>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <climits>
 #include <filesystem>
+#include <limits>
+#include <mutex>
 #include <thread>
 #include <unistd.h>
 
 namespace zarvo {
+
+using namespace zarvo::testkit;
 namespace {
 
-namespace service = tethrix::service;
-using test::ServiceRunner;
-
-class Recorder : public ContentLoader::Observer {
-public:
-    void onContentLoaded(ContentLoader*, ContentResult* result) override
-    {
-        onLoop = onLoop && std::this_thread::get_id() == loopThread;
-        result->setRowIndex(0);
-        startIndex = result->getStartIndex();
-        rows = result->getRowCount();
-        values.clear();
-        for (std::size_t c = 0; c < result->getColumnCount(); ++c) values.push_back(result->getValueAny(c));
-        ++loaded;
-    }
-    void onContentInvalidated(ContentLoader*) override {}
-    void onRuntimeDataUpdateReceived(ContentLoader*, const std::string&, const std::string&) override {}
-
-    std::thread::id loopThread = std::this_thread::get_id();
-    bool onLoop = true;
-    int loaded = 0;
-    std::size_t startIndex = 0;
-    std::size_t rows = 0;
-    std::vector<boost::any> values;
-};
 
 class NetworkTransportTest : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        directory = std::filesystem::temp_directory_path() /
-                    ("tethrix-transport-" + std::to_string(::getpid()) + "-" +
-                     ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::create_directories(directory);
-        auto database = service::SqliteDatabase::openReadWrite((directory / "media.db").string());
-        database.execute("CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT, duration REAL, favourite BOOL);"
+        executeSql(database(), "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT, duration REAL, favourite BOOL);"
                          "INSERT INTO tracks VALUES (1, 'Blue Hour', 215.5, 1), (2, 'Cold Light', 187, 0);");
         context = Context::instance(host.domain(), nullptr);
         client = context->getClient();
@@ -67,14 +52,12 @@ protected:
     {
         client->getConnection()->removeStateSubscription(token);
         client::installTransport(*context, nullptr);
-        std::filesystem::remove_all(directory);
     }
 
-    std::string database() const { return (directory / "media.db").string(); }
+    std::string database() const { return directory.file("media.db"); }
 
-    void connectTo(unsigned short port)
+    void connectTo(unsigned short port, client::NetworkTransportOptions options = {})
     {
-        client::NetworkTransportOptions options;
         options.port = port;
         options.firstReconnectDelay = std::chrono::milliseconds(20);
         options.maxReconnectDelay = std::chrono::milliseconds(100);
@@ -100,7 +83,7 @@ protected:
         return pumpUntil([&] { return !states.empty() && states.back() == state; });
     }
 
-    std::shared_ptr<DefaultContentLoader> makeLoader(Recorder& recorder)
+    std::shared_ptr<DefaultContentLoader> makeLoader(RecordingObserver& recorder)
     {
         auto loader =
             std::make_shared<DefaultContentLoader>(client.get(), client->getConnection()->getMessageDispatcher());
@@ -115,7 +98,7 @@ protected:
                                                        "", index, 1, "id");
     }
 
-    std::filesystem::path directory;
+    TemporaryDirectory directory;
     testkit::TestHost host;
     std::shared_ptr<Context> context;
     std::shared_ptr<Client> client;
@@ -125,24 +108,25 @@ protected:
 
 TEST_F(NetworkTransportTest, QueriesAreAnsweredOnTheLoopWithTheClientsValueTypes)
 {
-    ServiceRunner running(database());
+    RunningService running(database());
     connectTo(running.port());
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     EXPECT_EQ(client->resolveResourceUrl("covers/a.png", 1),
               "http://127.0.0.1:" + std::to_string(running.port()) + "/covers/a.png");
 
-    Recorder recorder;
+    RecordingObserver recorder;
     auto loader = makeLoader(recorder);
     loader->load(tracksQuery(1));
-    ASSERT_TRUE(pumpUntil([&] { return recorder.loaded == 1; }));
-    EXPECT_TRUE(recorder.onLoop);
-    EXPECT_EQ(recorder.startIndex, 1u);
-    ASSERT_EQ(recorder.rows, 1u);
-    ASSERT_EQ(recorder.values.size(), 4u);
-    EXPECT_EQ(boost::any_cast<int>(recorder.values[0]), 2);
-    EXPECT_EQ(boost::any_cast<std::string>(recorder.values[1]), "Cold Light");
-    EXPECT_EQ(boost::any_cast<float>(recorder.values[2]), 187.0f);
-    EXPECT_EQ(boost::any_cast<bool>(recorder.values[3]), false);
+    ASSERT_TRUE(pumpUntil([&] { return recorder.results.size() == 1; }));
+    EXPECT_EQ(recorder.threads[0], std::this_thread::get_id());  // on the loop
+    EXPECT_EQ(recorder.results[0].startIndex, 1u);
+    ASSERT_EQ(recorder.results[0].values.size(), 1u);
+    const std::vector<boost::any>& values = recorder.results[0].values[0];
+    ASSERT_EQ(values.size(), 4u);
+    EXPECT_EQ(boost::any_cast<int>(values[0]), 2);
+    EXPECT_EQ(boost::any_cast<std::string>(values[1]), "Cold Light");
+    EXPECT_EQ(boost::any_cast<float>(values[2]), 187.0f);
+    EXPECT_EQ(boost::any_cast<bool>(values[3]), false);
     loader->removeObserver(&recorder);
 }
 
@@ -150,23 +134,23 @@ TEST_F(NetworkTransportTest, ALostServiceIsReportedAndReconnectedTo)
 {
     unsigned short port = 0;
     {
-        ServiceRunner running(database());
+        RunningService running(database());
         port = running.port();
         connectTo(port);
         ASSERT_TRUE(reachesState(Connection::StateConnected));
     }
     ASSERT_TRUE(reachesState(Connection::StateLost));
 
-    ServiceRunner again(database(), port);
+    RunningService again(database(), port);
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     // Lost is told once, however many attempts failed meanwhile.
     EXPECT_EQ(states, (std::vector<int>{1, 2, 1}));
 
-    Recorder recorder;
+    RecordingObserver recorder;
     auto loader = makeLoader(recorder);
     loader->load(tracksQuery(0));
-    ASSERT_TRUE(pumpUntil([&] { return recorder.loaded == 1; }));
-    EXPECT_EQ(boost::any_cast<std::string>(recorder.values[1]), "Blue Hour");
+    ASSERT_TRUE(pumpUntil([&] { return recorder.results.size() == 1; }));
+    EXPECT_EQ(boost::any_cast<std::string>(recorder.results[0].values[0][1]), "Blue Hour");
     loader->removeObserver(&recorder);
 }
 
@@ -174,14 +158,134 @@ TEST_F(NetworkTransportTest, NoServiceAtFirstIsALostConnection)
 {
     unsigned short port = 0;
     {
-        ServiceRunner probe(database());  // a port that is free again once it stops
+        RunningService probe(database());  // a port that is free again once it stops
         port = probe.port();
     }
     connectTo(port);
     ASSERT_TRUE(reachesState(Connection::StateLost));
-    ServiceRunner running(database(), port);
+    RunningService running(database(), port);
     ASSERT_TRUE(reachesState(Connection::StateConnected));
     EXPECT_EQ(states, (std::vector<int>{2, 1}));
+}
+
+TEST_F(NetworkTransportTest, NumbersBeyondTheClientsTypesBecomeTheNearestInRangeAndAreLoggedOncePerColumn)
+{
+    executeSql(database(), "CREATE TABLE numbers(id INTEGER PRIMARY KEY, i INTEGER, r REAL);"
+                           "INSERT INTO numbers VALUES (1, 2147483648, 1e300), (2, -2147483649, -1e300),"
+                           " (3, 9007199254740992, 3.4e38), (4, -7, 0.5);");
+    RunningService running(database());
+    connectTo(running.port());
+    ASSERT_TRUE(reachesState(Connection::StateConnected));
+    testkit::LogCapture log;
+    RecordingObserver recorder;
+    auto loader = makeLoader(recorder);
+    loader->load(std::make_shared<ContentQueryArguments>("content://com.tavelorix.content/numbers",
+                                                         std::vector<std::string>{"i", "r"}, "", 0, 0, "id"));
+    ASSERT_TRUE(pumpUntil([&] { return recorder.results.size() == 1; }));
+    loader->removeObserver(&recorder);
+    ASSERT_EQ(recorder.results[0].values.size(), 4u);
+    const struct {
+        int integer;
+        float real;
+    } expected[] = {{INT_MAX, std::numeric_limits<float>::max()},
+                    {INT_MIN, std::numeric_limits<float>::lowest()},
+                    {INT_MAX, 3.4e38f},
+                    {-7, 0.5f}};
+    for (std::size_t row = 0; row < 4; ++row) {
+        SCOPED_TRACE(row);
+        EXPECT_EQ(boost::any_cast<int>(recorder.results[0].values[row][0]), expected[row].integer);
+        EXPECT_EQ(boost::any_cast<float>(recorder.results[0].values[row][1]), expected[row].real);
+    }
+    EXPECT_THAT(log.messages(LogLevel::Warning),
+                testing::ElementsAre(testing::HasSubstr("Column 'i' of the answer to query"),
+                                     testing::HasSubstr("Column 'r' of the answer to query")));
+}
+
+/// A WebSocket peer on 127.0.0.1 that takes every connection and then either
+/// says nothing or says hello and closes at once. Keeps when each came.
+class BadPeer {
+public:
+    explicit BadPeer(bool sayHello) : sayHello(sayHello)
+    {
+        acceptor.open(tcp::v4());
+        acceptor.bind({boost::asio::ip::address_v4::loopback(), 0});
+        acceptor.listen();
+        thread = std::thread([this] { serve(); });
+    }
+    ~BadPeer()
+    {
+        stopping = true;
+        tcp::socket wake(io);
+        boost::system::error_code ignored;
+        wake.connect(acceptor.local_endpoint(), ignored);
+        thread.join();
+    }
+
+    unsigned short port() const { return acceptor.local_endpoint().port(); }
+    std::vector<std::chrono::steady_clock::time_point> connections() const
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        return accepted;
+    }
+
+private:
+    using tcp = boost::asio::ip::tcp;
+
+    void serve()
+    {
+        while (!stopping) {
+            tcp::socket socket(io);
+            boost::system::error_code error;
+            acceptor.accept(socket, error);
+            if (error || stopping) return;
+            {
+                std::lock_guard<std::mutex> lock(mutex);
+                accepted.push_back(std::chrono::steady_clock::now());
+            }
+            auto peer = std::make_unique<boost::beast::websocket::stream<tcp::socket>>(std::move(socket));
+            peer->accept(error);
+            if (!error && sayHello) {
+                namespace protocol = tethrix::protocol;
+                peer->text(true);
+                peer->write(boost::asio::buffer(
+                                protocol::encode(protocol::Hello{protocol::protocolVersion, "bad peer", ""})),
+                            error);
+                peer->close(boost::beast::websocket::close_code::normal, error);
+            }
+            silent.push_back(std::move(peer));  // open, unread, until the peer goes
+        }
+    }
+
+    const bool sayHello;
+    boost::asio::io_context io;
+    tcp::acceptor acceptor{io};
+    std::thread thread;
+    std::atomic<bool> stopping{false};
+    mutable std::mutex mutex;
+    std::vector<std::chrono::steady_clock::time_point> accepted;
+    std::vector<std::unique_ptr<boost::beast::websocket::stream<tcp::socket>>> silent;
+};
+
+TEST_F(NetworkTransportTest, APeerWithoutHelloIsLeftAndOneThatDropsEveryConnectionMeetsAGrowingWait)
+{
+    using std::chrono::milliseconds;
+    for (bool sayHello : {false, true}) {
+        SCOPED_TRACE(sayHello ? "hello, then close" : "no hello");
+        states.clear();
+        BadPeer peer(sayHello);
+        client::NetworkTransportOptions options;
+        options.helloTimeout = milliseconds(50);
+        connectTo(peer.port(), options);
+        ASSERT_TRUE(pumpUntil([&] { return peer.connections().size() >= 5; }));
+        client::installTransport(*context, nullptr);
+        host.runUntilIdle();
+
+        const auto at = peer.connections();
+        EXPECT_EQ(std::count(states.begin(), states.end(), Connection::StateConnected) > 0, sayHello);
+        // Waits of 20, 40, 80 and then 100 ms (the maximum) between
+        // attempts: a hello is no reason to start short again.
+        EXPECT_GE(at[4] - at[3], milliseconds(90));
+    }
 }
 
 TEST_F(NetworkTransportTest, ServiceUrlsAreRead)

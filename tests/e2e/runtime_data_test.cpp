@@ -4,8 +4,10 @@
 // published change in its data objects: values, the rows of a runtime list,
 // and album ids that a dynamic source expands into album records; and
 // zarvo-host watch showing such a change.
-#include "e2e_support.h"
-#include "running_service.h"
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/process.h>
+#include <zarvo/testkit/running_service.h>
+
 
 #include "datasource/content_adapter.h"
 #include "datasource/content_adapter_configuration.h"
@@ -26,6 +28,8 @@
 #include <type_traits>
 
 namespace zarvo {
+
+using namespace zarvo::testkit;
 namespace {
 
 namespace service = tethrix::service;
@@ -40,27 +44,10 @@ std::string examplePlayer() {
     return std::string(source ? source : ".") + "/examples/player.xml";
 }
 
-/// A runtime list and its data object hold each other through
-/// boundDataObject; the test breaks that ring at its end.
-void unbind(RuntimeDataObject& node) {
-    node.boundDataObject.reset();
-    for (auto child = node.beginChildren(); child != node.endChildren(); ++child) {
-        unbind(**child);
-    }
-    auto* list = dynamic_cast<RuntimeDataObjectList*>(&node);
-    if (!list) {
-        return;
-    }
-    list->itemTemplateDataObject.reset();
-    for (std::size_t i = 0; i < list->itemCount(); ++i) {
-        unbind(*list->getItem(i));
-    }
-}
-
 class RuntimeDataEndToEndTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        test::executeSql(
+        executeSql(
             directory.file("media.db"),
             "CREATE TABLE albums(id INTEGER PRIMARY KEY, title TEXT, artist_id INTEGER, year INTEGER, cover TEXT);"
             "INSERT INTO albums VALUES (1, 'Northern Lights', 1, 1998, 'covers/1.png'),"
@@ -70,14 +57,7 @@ protected:
 
     void TearDown() override {
         if (source) {
-            for (const auto& adapter : source->getAdapters()) {
-                if (adapter->getConfig()->runtimeData) {
-                    unbind(*adapter->getConfig()->runtimeData);
-                }
-            }
-            std::shared_ptr<DataObject> tree = source->getData();
-            source->unloadOverride();
-            TethrixDataObjectList::releaseAdapters(tree);
+            source->unloadOverride();  // frees the tree, as the engine's unload does
         }
         client::installTransport(*context, nullptr);
         running.reset();
@@ -88,7 +68,7 @@ protected:
         options.database = directory.file("media.db");
         options.runtimeFiles = {examplePlayer()};
         options.simulate = std::move(simulate);
-        running = std::make_unique<test::RunningService>(options);
+        running = std::make_unique<RunningService>(options);
         client::NetworkTransportOptions transport;
         transport.port = running->port();
         client::installTransport(*context, std::make_shared<client::NetworkTransport>(transport));
@@ -112,7 +92,7 @@ protected:
 
     template <typename Predicate>
     bool runUntil(Predicate done) {
-        return host.loop().runUntil(std::function<bool()>(done), test::GENEROUS_WAIT);
+        return host.loop().runUntil(std::function<bool()>(done), GENEROUS_WAIT);
     }
 
     template <typename T = DataObject>
@@ -126,11 +106,11 @@ protected:
         return child ? child->getValue() : std::decay_t<decltype(child->getValue())>();
     }
 
-    test::TestDirectory directory;
+    TemporaryDirectory directory;
     testkit::TestHost host;
     testkit::LogCapture log;
     std::shared_ptr<Context> context;
-    std::unique_ptr<test::RunningService> running;
+    std::unique_ptr<RunningService> running;
     std::shared_ptr<ZarvoTethrixDataSource> source;
 };
 
@@ -174,38 +154,6 @@ TEST_F(RuntimeDataEndToEndTest, AlbumIdsExpandIntoAlbumRecordsThroughTheDynamicS
     }));
     EXPECT_EQ(valueOf<DataObjectString>(albums->getItem(0), "title"), "Glass Harbour");
     EXPECT_EQ(valueOf<DataObjectString>(albums->getItem(1), "title"), "Paper Tide");
-}
-
-TEST_F(RuntimeDataEndToEndTest, ASourceThatStartsLateGetsTheStateAsItIs) {
-    startService();
-    publish(R"({"values":{"volume":21,"track":{"artist":"Anna"}}})");
-    startSource();
-    ASSERT_TRUE(runUntil([&] { return at<DataObjectInteger>("volume")->getValue() == 21; }));
-    EXPECT_EQ(at<DataObjectString>("track.artist")->getValue(), "Anna");
-}
-
-TEST_F(RuntimeDataEndToEndTest, TheSimulatedPlayerKeepsTheDataObjectsMoving) {
-    startService({"player"});
-    startSource();
-    // The simulator has the player playing from its first state on, and
-    // moves the position a few times a second.
-    ASSERT_TRUE(runUntil([&] { return at<DataObjectString>("state")->getValue() != "stopped"; }));
-    EXPECT_EQ(at<DataObjectList>("queue")->itemCount(), service::PlayerSimulator::queueLength);
-    EXPECT_FALSE(at<DataObjectString>("track.title")->getValue().empty());
-    const double first = at<DataObjectReal>("position")->getValue();
-    ASSERT_TRUE(runUntil([&] { return at<DataObjectReal>("position")->getValue() != first; }));
-}
-
-TEST_F(RuntimeDataEndToEndTest, ZarvoHostWatchShowsAPublishedChangeAsItHappens) {
-    startService();
-    const std::string url = "ws://127.0.0.1:" + std::to_string(running->port()) + "/tethrix";
-    test::ChildProcess watch(test::builtFile("bin/zarvo-host"),
-                             {"watch", "--for", "2", "--config", examplePlayer(), "--service", url},
-                             directory.file("watch.log"));
-    ASSERT_TRUE(watch.readUntil("Root.connected = true\n")) << test::readFile(directory.file("watch.log"));
-    publish(R"({"values":{"volume":17}})");
-    EXPECT_TRUE(watch.readUntil("Root.volume = 17\n")) << watch.outputSoFar();
-    EXPECT_EQ(watch.wait(), 0) << test::readFile(directory.file("watch.log"));
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // A service that dies and comes back: the source shows that it is offline,
 // keeps what it has, and asks again once the service is back.
-#include "e2e_support.h"
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/process.h>
+#include <zarvo/testkit/running_service.h>
 
 #include "host_session.h"
 #include "service_connection.h"
@@ -10,6 +12,8 @@
 
 namespace zarvo {
 namespace test {
+
+using namespace zarvo::testkit;
 namespace {
 
 const char* const DECLARATION =
@@ -35,7 +39,7 @@ std::string firstRowText(host::HostSession& session, const std::string& path) {
 
 TEST(ServiceRestart, TheSourceGoesOfflineKeepsItsValuesAndQueriesAgainOnceTheServiceIsBack) {
     unsetenv("TETHRIX_SERVICE_URL");
-    TestDirectory directory;
+    TemporaryDirectory directory;
     const std::string database = directory.file("media.db");
     executeSql(database,
                "CREATE TABLE library(name TEXT); INSERT INTO library VALUES ('Before');"

@@ -85,24 +85,6 @@ TEST_F(TreeTest, DataSourceLooksUpBelowItsDataWithOrWithoutTheRootName) {
     EXPECT_EQ(source.lookupDataContext("Root.nothing"), nullptr);
 }
 
-TEST(DataObjectTest, TypedObjectsStartEmptyAndReportTheirType) {
-    EXPECT_EQ(DataObject(nullptr, "o").getType(), DataObject::TypeObject);
-    DataObjectInteger integer(nullptr, "i");
-    DataObjectReal real(nullptr, "r");
-    DataObjectBoolean boolean(nullptr, "b");
-    DataObjectString text(nullptr, "s");
-    EXPECT_EQ(integer.getValue(), 0);
-    EXPECT_EQ(real.getValue(), 0.0);
-    EXPECT_FALSE(boolean.getValue());
-    EXPECT_EQ(text.getValue(), "");
-    EXPECT_EQ(integer.getType(), 1);
-    EXPECT_EQ(real.getType(), 2);
-    EXPECT_EQ(boolean.getType(), 3);
-    EXPECT_EQ(text.getType(), 4);
-    text.setValue("x");
-    EXPECT_EQ(text.getValue(), "x");
-}
-
 TEST(DataContextTest, NotificationsReachSubscribersInOrderUntilRemoved) {
     auto context = object("c");
     std::vector<std::string> calls;
@@ -140,34 +122,6 @@ TEST(DataContextTest, ChangesDuringANotificationTakeEffectAsDocumented) {
     EXPECT_THAT(calls, ElementsAre("remover", "added"));
 }
 
-TEST(NotificationRecorderTest, RecordsATreeByPathAndOutlivesItsContexts) {
-    testkit::NotificationRecorder recorder;
-    auto root = object("Root");
-    auto child = std::make_shared<DataObjectInteger>(nullptr, "count");
-    root->addChild(child);
-    root->addChild(nullptr);
-    recorder.watchTree(root);
-
-    child->notifyModified();
-    root->notifyModified();
-    EXPECT_THAT(recorder.take(), ElementsAre("Root.count", "Root"));
-    EXPECT_TRUE(recorder.events().empty());
-
-    root->removeAllChildren();
-    child.reset();  // the recorder must not touch it when it goes
-}
-
-TEST(NotificationRecorderTest, UnsubscribesWhenItGoes) {
-    auto context = object("c");
-    {
-        testkit::NotificationRecorder recorder;
-        recorder.watch(*context, "c");
-        EXPECT_EQ(context->getModifiedSubscriptionCount(), 1u);
-    }
-    EXPECT_EQ(context->getModifiedSubscriptionCount(), 0u);
-    context->notifyModified();
-}
-
 class WatchedObject : public DataObject {
 public:
     using DataObject::DataObject;
@@ -178,35 +132,6 @@ public:
 };
 
 const PropertyType<std::string> fileProperty("Test.File", "default.xml", 0, false, nullptr);
-
-TEST(PropertyTest, ValuesOverrideTheDefaultUntilCleared) {
-    WatchedObject object(nullptr, "o");
-    auto& descriptor = fileProperty.getDescriptor();
-    EXPECT_EQ(object.getFinalValueSource(descriptor), nullptr);
-    EXPECT_EQ(object.getValue(fileProperty), "default.xml");
-    EXPECT_EQ(*static_cast<const std::string*>(descriptor.getDefaultValueSource()), "default.xml");
-
-    object.setValue(fileProperty, std::string("own.xml"));
-    const void* source = object.getFinalValueSource(descriptor);
-    ASSERT_NE(source, nullptr);
-    EXPECT_EQ(*static_cast<const std::string*>(source), "own.xml");
-    EXPECT_EQ(object.getValue(fileProperty), "own.xml");
-
-    object.clearValue(fileProperty);
-    object.clearValue(fileProperty);
-    EXPECT_EQ(object.getFinalValueSource(descriptor), nullptr);
-    EXPECT_EQ(object.getValue(fileProperty), "default.xml");
-    EXPECT_THAT(object.changes, ElementsAre("Test.File=", "Test.File-"));
-}
-
-TEST(ResourceTest, LoadingAndUnloadingMarkTheResource) {
-    TestSource source(nullptr, "source");
-    EXPECT_FALSE(source.isLoaded());
-    source.loadFromZVB(nullptr, nullptr, nullptr);
-    EXPECT_TRUE(source.isLoaded());
-    source.unloadOverride();
-    EXPECT_FALSE(source.isLoaded());
-}
 
 TEST(DomainTest, AttachmentsGoFirstNewestFirstWhileTheLoopStillLives) {
     std::vector<std::string> order;

@@ -102,30 +102,5 @@ TEST(LogTest, DefaultLoggerWritesOneLinePerRecordToStandardError) {
     EXPECT_EQ(written, "warning tethrix datasource/content_adapter.cpp:57: Got 3 rows\n");
 }
 
-TEST(LogTest, CaptureRestoresThePreviousLoggerAndTakesRecordsFromAnyThread) {
-    {
-        testkit::LogCapture outer;
-        {
-            testkit::LogCapture inner;
-            std::vector<std::thread> threads;
-            for (int t = 0; t < 4; ++t) {
-                threads.emplace_back([] {
-                    for (int i = 0; i < 50; ++i) {
-                        ZARVO_LOG_INFO("host", "n {}", i);
-                    }
-                });
-            }
-            for (auto& thread : threads) {
-                thread.join();
-            }
-            EXPECT_EQ(inner.entries().size(), 200u);
-        }
-        EXPECT_EQ(DefaultLogger::s_chainedLogger, &outer);
-        ZARVO_LOG_INFO("host", "outer");
-        EXPECT_THAT(outer.messages(), testing::ElementsAre("outer"));
-    }
-    EXPECT_EQ(DefaultLogger::s_chainedLogger, nullptr);
-}
-
 }  // namespace
 }  // namespace zarvo

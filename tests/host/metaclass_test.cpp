@@ -49,24 +49,6 @@ std::vector<std::string> propertyNames(const Metaclass& metaclass) {
     return names;
 }
 
-TEST(MetaclassTest, EngineMetaclassesAreBuiltSealedWithTheirBasesAndProperties) {
-    const Metaclass* context = DataContext::getStaticMetaclass();
-    const Metaclass* source = DataSource::getStaticMetaclass();
-    EXPECT_STREQ(context->getName(), "Zarvo.DataContext");
-    EXPECT_EQ(context->getBase(), nullptr);
-    EXPECT_TRUE(context->isAbstract());
-    EXPECT_THAT(propertyNames(*context), ElementsAre(DataContext::DataContextProperty.getName(),
-                                                     DataContext::ItemsSourceProperty.getName()));
-    EXPECT_STREQ(source->getName(), "Zarvo.DataSource");
-    EXPECT_EQ(source->getBase(), context);
-    EXPECT_TRUE(source->isAbstract());
-    EXPECT_TRUE(source->getPropertyTypes().empty());
-    EXPECT_TRUE(context->isSealed());
-    EXPECT_TRUE(source->isSealed());
-    EXPECT_THROW(source->checkSealed(), std::logic_error);
-    EXPECT_EQ(DataSource::getStaticMetaclass(), source) << "built once";
-}
-
 TEST(MetaclassTest, ADerivedMetaclassFindsItsOwnAndInheritedProperties) {
     const Metaclass* sample = SampleSource::getStaticMetaclass();
     EXPECT_FALSE(sample->isAbstract());
@@ -133,24 +115,6 @@ public:
     std::vector<const Metaclass*> getMetaclassesOverride() override { return {SampleSource::getStaticMetaclass()}; }
     int* destroyed;
 };
-
-TEST(ModuleTest, BaseModuleOffersNothingAndDestroyModuleTakesNull) {
-    int destroyed = 0;
-    Module* module = new CountingModule(&destroyed);
-    ObjectFactory factory;
-    for (const Metaclass* metaclass : module->getMetaclassesOverride()) {
-        factory.registerMetaclass(metaclass);
-    }
-    module->registerMetadataOverride(factory);
-    EXPECT_NE(factory.findMetaclass("SampleSource"), nullptr);
-    destroyModule(module);
-    EXPECT_EQ(destroyed, 1);
-    destroyModule(nullptr);
-
-    Module plain;
-    EXPECT_TRUE(plain.getMetaclassesOverride().empty());
-    EXPECT_EQ(plain.domain, nullptr);
-}
 
 }  // namespace
 }  // namespace zarvo

@@ -3,7 +3,11 @@
 #include <zarvo/message_dispatcher.h>
 #include <zarvo/resource_manager.h>
 #include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/scripted_service.h>
 #include <zarvo/testkit/test_host.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -32,6 +36,7 @@ class Thing : public Resource {
 public:
     using Resource::Resource;
     const Metaclass* getDynamicMetaclass() const override { return nullptr; }
+    std::size_t getCPUMemoryUsageOverride() const override { return 1000; }
 };
 
 // What the test protocol handler sees and the tasks do, shared through the
@@ -46,6 +51,7 @@ struct Script {
     std::set<std::string> urls;
     std::shared_future<void> gate;  // tasks wait for it when valid
     std::promise<void> started;
+    std::atomic<int> finishedStages{0};
 };
 
 class ScriptedTask : public ResourceManager::LoadTask {
@@ -62,7 +68,10 @@ public:
             throw std::runtime_error("network unreachable");
         }
     }
-    void finishFunction(const ResourceLoaderThreadContext* context) override { noteStage(context); }
+    void finishFunction(const ResourceLoaderThreadContext* context) override {
+        noteStage(context);
+        ++script.finishedStages;
+    }
     std::shared_ptr<Resource> getResult() override {
         if (std::this_thread::get_id() == script.loopThread) {
             ++script.resultsOnLoop;
@@ -131,23 +140,6 @@ protected:
     testkit::TestHost host;
 };
 
-TEST_F(ResourceManagerTest, RegistryFindsResourcesByExactName) {
-    auto thing = std::make_shared<Thing>(&host.domain(), "thing");
-    manager().registerResource("Images/thing", thing);
-    EXPECT_EQ(manager().tryAcquireResource("Images/thing"), thing);
-    EXPECT_EQ(manager().acquireLoadedResource("Images/thing"), thing);
-    EXPECT_EQ(manager().tryAcquireResource("images/thing"), nullptr);
-    EXPECT_EQ(manager().tryAcquireResource("Images/thing/"), nullptr);
-
-    auto other = std::make_shared<Thing>(&host.domain(), "other");
-    manager().registerResource("Images/thing", other);
-    EXPECT_EQ(manager().tryAcquireResource("Images/thing"), other);
-    manager().unregisterResource("Images/thing");
-    manager().unregisterResource("Images/thing");
-    EXPECT_EQ(manager().tryAcquireResource("Images/thing"), nullptr);
-    EXPECT_NE(manager().getMemoryManager(), nullptr);
-}
-
 TEST_F(ResourceManagerTest, SchemesAreMatchedWithoutRegardToCase) {
     EXPECT_TRUE(manager().supportsProtocolHandler("test"));
     EXPECT_TRUE(manager().supportsProtocolHandler("TEST"));
@@ -177,12 +169,6 @@ TEST_F(ResourceManagerTest, TasksRunOnLoaderThreadsAndCompleteOnTheLoop) {
     host.runUntilIdle();
     EXPECT_EQ(finished, 1);
     EXPECT_EQ(script.handlerCalls, 3);
-}
-
-TEST_F(ResourceManagerTest, AcquireLoadedResourceStartsNothing) {
-    EXPECT_EQ(manager().acquireLoadedResource("test://a"), nullptr);
-    host.runUntilIdle();
-    EXPECT_EQ(script.handlerCalls, 0);
 }
 
 TEST_F(ResourceManagerTest, RequestsForOneUrlShareOneLoad) {
@@ -219,27 +205,12 @@ TEST_F(ResourceManagerTest, FailuresAreLoggedAndStillCountAsDone) {
     EXPECT_THAT(all, HasSubstr("nohandler://x"));
 }
 
-TEST_F(ResourceManagerTest, TheLoadGoesOnWhenTheHandleIsDropped) {
-    bool finished = false;
-    manager().acquireResourcesAsync({"test://dropped"}, [&] { finished = true; }).reset();
-    EXPECT_TRUE(host.loop().runUntil([&] { return finished; }, patience));
-    EXPECT_NE(manager().acquireLoadedResource("test://dropped"), nullptr);
-}
-
 TEST_F(ResourceManagerTest, ACompletionCallbackThatThrowsIsLogged) {
     bool other = false;
     manager().acquireResourcesAsync({"test://x"}, [] { throw std::runtime_error("callback broke"); });
     manager().acquireResourcesAsync({"test://x"}, [&] { other = true; });
     EXPECT_TRUE(host.loop().runUntil([&] { return other; }, patience));
     EXPECT_THAT(log.messages(LogLevel::Error), testing::ElementsAre(HasSubstr("callback broke")));
-}
-
-TEST_F(ResourceManagerTest, MissingLocalFilesAreLoggedByUrl) {
-    const std::string path = testing::TempDir() + "/zarvo-host-no-such-file.png";
-    EXPECT_EQ(load({path, "file://" + path}), 1);
-    const auto errors = log.messages(LogLevel::Error);
-    ASSERT_EQ(errors.size(), 2u);
-    EXPECT_THAT(errors, testing::UnorderedElementsAre(HasSubstr("'" + path + "'"), HasSubstr("'file://" + path + "'")));
 }
 
 TEST_F(ResourceManagerTest, LocalImagesAreRecognisedByContentAndBecomeTextures) {
@@ -268,6 +239,91 @@ TEST_F(ResourceManagerTest, LocalImagesAreRecognisedByContentAndBecomeTextures) 
     EXPECT_THAT(log.messages(LogLevel::Error), testing::ElementsAre(HasSubstr("'" + text + "'")));
     std::remove(image.c_str());
     std::remove(text.c_str());
+}
+
+TEST_F(ResourceManagerTest, LocalFilesThatAreNoRegularFilesOrTooLargeAreRefused) {
+    const std::string fifo = testing::TempDir() + "/zarvo-host-fifo-" + std::to_string(getpid());
+    const std::string large = testing::TempDir() + "/zarvo-host-large-" + std::to_string(getpid()) + ".png";
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    std::ofstream(large, std::ios::binary) << std::string(2048, 'x');
+    ResourceManager::Limits limits = manager().getLimits();
+    limits.maxFileBytes = 1024;
+    manager().setLimits(limits);
+
+    // Neither a FIFO without a writer nor a device without end holds a
+    // loader thread.
+    EXPECT_EQ(load({fifo, "file:///dev/zero", large}), 1);
+    EXPECT_THAT(log.messages(LogLevel::Error),
+                testing::UnorderedElementsAre("The file of resource '" + fifo + "' is not a regular file",
+                                              "The file of resource 'file:///dev/zero' is not a regular file",
+                                              "The file of resource '" + large +
+                                                  "' has 2048 bytes, more than the limit of 1024"));
+    std::remove(fifo.c_str());
+    std::remove(large.c_str());
+}
+
+TEST_F(ResourceManagerTest, RelativeUrlsAreLoadedFromTheServiceAndKeptUnderTheirOwnName) {
+    testkit::ScriptedService service(host.domain());
+    service.setResourceBaseUrl("test://files/");
+    host.runUntilIdle();
+    EXPECT_EQ(load({"covers/a.png", "/etc/passwd"}), 1);
+    for (const char* url : {"covers/a.png", "/etc/passwd"}) {
+        auto resource = manager().acquireLoadedResource(url);
+        ASSERT_NE(resource, nullptr) << url;
+        EXPECT_THAT(resource->getObjectName(), testing::StartsWith("test://files/")) << url;
+    }
+}
+
+TEST_F(ResourceManagerTest, LoadedResourcesPastTheCacheBoundGoLeastRecentlyUsedFirst) {
+    ResourceManager::Limits limits = manager().getLimits();
+    limits.cacheBytes = 2500;  // two of the test's resources of 1000 bytes
+    manager().setLimits(limits);
+    load({"test://a"});
+    load({"test://b"});
+    EXPECT_NE(manager().acquireLoadedResource("test://a"), nullptr);  // now b is the older
+    load({"test://c"});
+    EXPECT_NE(manager().acquireLoadedResource("test://a"), nullptr);
+    EXPECT_EQ(manager().acquireLoadedResource("test://b"), nullptr);
+    EXPECT_NE(manager().acquireLoadedResource("test://c"), nullptr);
+    EXPECT_EQ(manager().cachedBytes(), 2000u);
+
+    // Registered resources are the host's and never go; a smaller bound
+    // evicts at once.
+    manager().registerResource("Images/kept", std::make_shared<Thing>(&host.domain(), "kept"));
+    limits.cacheBytes = 0;
+    manager().setLimits(limits);
+    EXPECT_EQ(manager().cachedBytes(), 0u);
+    EXPECT_EQ(manager().acquireLoadedResource("test://a"), nullptr);
+    EXPECT_NE(manager().acquireLoadedResource("Images/kept"), nullptr);
+}
+
+TEST_F(ResourceManagerTest, ALoadPastItsTimeLimitIsGivenUpAndLaterLoadsDoNotWaitForIt) {
+    ResourceManager::Limits limits = manager().getLimits();
+    limits.loadTimeout = milliseconds(500);
+    manager().setLimits(limits);
+    std::promise<void> gate;
+    script.gate = gate.get_future().share();
+    int finished = 0;
+    manager().acquireResourcesAsync({"test://blocking"}, [&] { ++finished; });
+    script.started.get_future().wait();
+    host.runUntilIdle();  // the loader has told the loop that the load runs
+    host.advance(milliseconds(499));
+    EXPECT_EQ(finished, 0);
+    host.advance(milliseconds(1));
+    EXPECT_EQ(finished, 1);
+    EXPECT_THAT(log.messages(LogLevel::Error),
+                testing::ElementsAre(HasSubstr("'test://blocking' did not finish within 500 ms")));
+
+    // Both loader threads serve other loads while the given-up one runs.
+    EXPECT_EQ(load({"test://a", "test://b"}), 1);
+    EXPECT_NE(manager().acquireLoadedResource("test://b"), nullptr);
+
+    // When it ends at last, its result is dropped.
+    gate.set_value();
+    EXPECT_TRUE(host.loop().runUntil([&] { return script.finishedStages == 3; }, patience));
+    host.runUntilIdle();
+    EXPECT_EQ(manager().acquireLoadedResource("test://blocking"), nullptr);
+    EXPECT_EQ(manager().pendingLoadCount(), 0u);
 }
 
 TEST(ResourceManagerLifetimeTest, ALoadOutlivingItsManagerIsAbandonedSafely) {

@@ -1,15 +1,18 @@
 #include "options.h"
 
-#include "test_database.h"
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/running_service.h>
 
 #include <gtest/gtest.h>
 
 namespace tethrix::service {
 namespace {
 
+using namespace zarvo::testkit;
+
 TEST(OptionsTest, ReadsEveryOption)
 {
-    testing::TemporaryDirectory directory;
+    zarvo::testkit::TemporaryDirectory directory;
     auto line = parseCommandLine({"--db", "media.db", "--port=8080", "--bind", "0.0.0.0", "--files",
                                   directory.path().string(), "--authority=org.example", "--log-queries"});
     EXPECT_FALSE(line.help);

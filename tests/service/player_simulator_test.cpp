@@ -4,7 +4,8 @@
 #include "player_simulator.h"
 #include "runtime_data_hub.h"
 #include "runtime_file.h"
-#include "test_database.h"
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/running_service.h>
 
 #include <tethrix/protocol/runtime_tree.h>
 
@@ -16,6 +17,8 @@
 
 namespace tethrix::service {
 namespace {
+
+using namespace zarvo::testkit;
 
 const RuntimeNode& at(const RuntimeNode& root, const std::string& name)
 {
@@ -84,31 +87,6 @@ TEST(PlayerSimulatorTest, AfterAResyncTheNextTickIsTheFullState)
     player.resync();
     EXPECT_EQ(player.tick(), player.fullState());
     EXPECT_NE(player.tick(), player.fullState());
-}
-
-TEST(PlayerSimulatorTest, TracksComeFromTheMediaLibraryOrAreMadeUp)
-{
-    testing::TemporaryDirectory directory;
-    const auto media = directory.path() / "media.db";
-    testing::createDatabase(media,
-                            "CREATE TABLE artists(id INTEGER PRIMARY KEY, name TEXT);"
-                            "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT, artist_id INTEGER,"
-                            " album_id INTEGER, duration REAL);"
-                            "INSERT INTO artists VALUES (1, 'Anna'), (2, 'Ben');"
-                            "INSERT INTO tracks VALUES (5, 'Blue Hour', 2, 9, 215.5), (6, 'Cold Light', 1, 3, 187);");
-    ContentStore store(media.string(), "com.tavelorix.content");
-    auto tracks = simulatedTracks(store, "com.tavelorix.content");
-    ASSERT_EQ(tracks.size(), 2u);
-    EXPECT_EQ(tracks[0].id, 5);
-    EXPECT_EQ(tracks[0].title, "Blue Hour");
-    EXPECT_EQ(tracks[0].artist, "Ben");
-    EXPECT_EQ(tracks[0].album, 9);
-    EXPECT_EQ(tracks[1].duration, 187.0);
-
-    const auto other = directory.path() / "other.db";
-    testing::createDatabase(other, "CREATE TABLE notes(text TEXT);");
-    ContentStore empty(other.string(), "com.tavelorix.content");
-    EXPECT_FALSE(simulatedTracks(empty, "com.tavelorix.content").empty());
 }
 
 }  // namespace

@@ -247,6 +247,7 @@ class Inspector {
     $('#client').textContent = header.client;
     $('#queries').textContent = header.queries;
     $('#browsers').textContent = header.browsers;
+    $('#objects').textContent = header.liveObjects;
     $('#config').textContent = header.config;
     if (this.reloads !== null && header.reloads !== this.reloads) {
       this.banner('The source built a new tree (its configuration changed) at ' +

@@ -46,15 +46,39 @@ public:
     static const char* formatName(Format format);
 
     /// Multiplies colour by alpha, once; formats without alpha are left alone.
+    /// After preparePremultiplied() this only swaps in the prepared pixels.
     void premultiplyAlpha();
+    /// Host side: does the work of premultiplyAlpha() now and keeps the
+    /// result aside, so that the later call, on the loop's thread, costs
+    /// nothing. The decoders call it on the loader thread. An image with
+    /// alpha below 255 holds a second copy of its pixels until then.
+    void preparePremultiplied();
 
 private:
     std::uint32_t width;
     std::uint32_t height;
     Format format;
     bool premultiplied = false;
+    bool premultipliedPrepared = false;
     std::vector<std::uint8_t> pixels;
+    std::vector<std::uint8_t> preparedPixels;  // empty when premultiplying changes nothing
 };
+
+/// Host side: what the decoders accept. Past a limit a decoder throws
+/// std::runtime_error that names it, before it allocates for the pixels.
+/// Shared by all threads; docs/limits.md lists the defaults.
+struct ImageDecodeLimits {
+    /// Encoded bytes handed to one decoder.
+    std::uint64_t maxInputBytes = std::uint64_t(16) << 20;
+    /// Width and height, each.
+    std::uint32_t maxSide = 4096;
+    /// Decoded bytes: width x height x bytes per pixel of the result.
+    std::uint64_t maxPixelBytes = std::uint64_t(32) << 20;
+    /// Scans of one JPEG (a progressive file has about ten).
+    std::uint32_t maxJpegScans = 64;
+};
+ImageDecodeLimits getImageDecodeLimits();
+void setImageDecodeLimits(const ImageDecodeLimits& limits);
 
 /// Decoders. Throw std::runtime_error for corrupt or truncated data.
 std::unique_ptr<BitmapImage> imageLoadPNG(ZvcInputStream* stream, string_view name);

@@ -8,14 +8,25 @@
 // URLs: the text before "://" is the scheme (compared without regard to
 // case), which picks the protocol handler. A URL without a scheme, or with
 // "file://", is a path of a local PNG or JPEG file, recognised by content and
-// loaded as a Texture. A loaded resource is kept under its URL.
+// loaded as a Texture; only a regular file is read, up to a size. A URL
+// resolver, when one is set, may first turn a URL into another (the service
+// client turns a relative path into a URL of the service's files). A loaded
+// resource is kept under the URL asked for, in a cache bounded by bytes.
+//
+// Bounds (see Limits and docs/limits.md): a load that runs too long is given
+// up and its requests finish without the resource; the loader thread that
+// runs it is left to end on its own and a new one takes its place, so later
+// loads do not queue behind it, and destruction does not wait for it.
 #ifndef ZARVO_RESOURCE_MANAGER_H
 #define ZARVO_RESOURCE_MANAGER_H
 
 #include <zarvo/string_view.h>
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -53,6 +64,29 @@ public:
         std::function<std::int32_t(ResourceManager*, string_view, string_view, string_view, std::uint32_t,
                                    string_view, void*, LoadTask*)>;
 
+    /// Host side: the bounds of loading and of the cache.
+    struct Limits {
+        /// A load running longer is given up (see above).
+        std::chrono::milliseconds loadTimeout{30000};
+        /// Loader threads given up on and still running; while this many
+        /// are, none of them is replaced, and with no thread left a load
+        /// fails at once.
+        std::size_t maxAbandonedLoaders = 4;
+        /// Loads waiting for a loader thread; one more fails at once.
+        std::size_t maxQueuedLoads = 1024;
+        /// How long destruction waits for running loads before it leaves
+        /// them to end on their own.
+        std::chrono::milliseconds shutdownWait{1000};
+        /// Bytes of loaded resources kept for reuse; past it the least
+        /// recently used go, to be loaded again when asked for.
+        std::size_t cacheBytes = std::size_t(64) << 20;
+        /// Bytes of one local file.
+        std::uint64_t maxFileBytes = std::uint64_t(16) << 20;
+    };
+    /// Gives the URL to load for the URL asked for; called on the loop's
+    /// thread for every load.
+    using UrlResolver = std::function<std::string(const std::string& url)>;
+
     explicit ResourceManager(Domain* domain);
     ~ResourceManager();
     ResourceManager(const ResourceManager&) = delete;
@@ -83,6 +117,15 @@ public:
     /// until everything asked for is in.
     std::size_t pendingLoadCount() const { return pending.size(); }
 
+    /// Host side: the bounds. A smaller cache takes effect at once; a new
+    /// load timeout from the next load on.
+    const Limits& getLimits() const { return limits; }
+    void setLimits(const Limits& newLimits);
+    /// Host side: replaces the URL resolver; null to have none.
+    void setUrlResolver(UrlResolver resolver);
+    /// Host side: bytes of the loaded resources in the cache.
+    std::size_t cachedBytes() const { return cacheBytesUsed; }
+
 private:
     struct ProtocolEntry {
         ProtocolHandler handler;
@@ -91,17 +134,36 @@ private:
     };
 
     struct Request;
+    struct Job;
     struct PendingLoad;
     struct LoaderPool;
+    struct CacheEntry {
+        std::size_t bytes;
+        std::list<std::string>::iterator use;
+    };
 
     void startLoad(const std::string& url, const std::shared_ptr<Request>& request);
     bool resolveUrl(const std::string& url, std::shared_ptr<Resource>& resource, std::shared_ptr<LoadTask>& task);
     void enqueue(const std::shared_ptr<PendingLoad>& load);
-    void completeLoad(const std::shared_ptr<PendingLoad>& load);
+    void startDeadline(const std::shared_ptr<Job>& job);
+    void giveUp(const std::shared_ptr<Job>& job);
+    void replaceLoaders();
+    void completeLoad(const std::shared_ptr<Job>& job);
+    void finishLoad(const std::string& url, std::shared_ptr<Resource> result);
     void finishRequest(const std::shared_ptr<Request>& request);
+    void touch(string_view url) const;
+    void cache(const std::string& url, const std::shared_ptr<Resource>& resource);
+    void forget(const std::string& url);
+    void evict(const std::string& keep);
 
     Domain* domain;
+    Limits limits;
+    UrlResolver urlResolver;
     std::map<std::string, std::shared_ptr<Resource>, std::less<>> resources;
+    // The loaded resources among them, most recently used first.
+    mutable std::list<std::string> recentUse;
+    std::map<std::string, CacheEntry, std::less<>> cached;
+    std::size_t cacheBytesUsed = 0;
     std::map<std::string, ProtocolEntry, std::less<>> protocols;
     // Loads under way by URL, so that requests for one URL share one load.
     std::map<std::string, std::shared_ptr<PendingLoad>, std::less<>> pending;

@@ -5,10 +5,13 @@
 //     auto options = zarvo::client::parseServiceUrl("ws://127.0.0.1:8080/tethrix");
 //     zarvo::client::installTransport(*context, std::make_shared<zarvo::client::NetworkTransport>(*options));
 //
-// The connection is reported up (state 1) once the service has answered the
-// handshake, and lost (state 2) when it breaks or the first attempt fails.
-// While it is down the transport tries again, waiting longer after each
-// failure. Requests made while it is down fail at once with a reason, and
+// The connection is reported up (state 1) once the service has said hello,
+// and lost (state 2) when it breaks or the first attempt fails. A peer that
+// completes the WebSocket handshake but says no hello within helloTimeout
+// counts as a failed attempt. While it is down the transport tries again,
+// waiting longer after each failure; the wait starts short again only after
+// a connection has stayed up for stableAfter, so that a service that says
+// hello and drops the connection at once is not hammered. Requests made while it is down fail at once with a reason, and
 // requests open when it breaks fail with one: the data sources start over
 // when the connection is reported up again.
 #ifndef ZARVO_CLIENT_NETWORK_TRANSPORT_H
@@ -32,6 +35,22 @@ struct NetworkTransportOptions {
     /// failure, up to maxReconnectDelay.
     std::chrono::milliseconds firstReconnectDelay{100};
     std::chrono::milliseconds maxReconnectDelay{5000};
+    /// How long a connection must have been up for the next failure to
+    /// start again at firstReconnectDelay.
+    std::chrono::milliseconds stableAfter{10000};
+    /// For the TCP connection, and again for the WebSocket handshake.
+    std::chrono::milliseconds handshakeTimeout{10000};
+    /// From the handshake to the service's hello.
+    std::chrono::milliseconds helloTimeout{10000};
+    /// Without any frame for this long the connection counts as broken;
+    /// pings go out at half of it, and a live service answers them.
+    std::chrono::milliseconds idleTimeout{20000};
+    /// Bytes of requests waiting to be sent; a query or subscription past
+    /// it fails at once ("too much waiting to be sent to the service").
+    std::size_t maxPendingSendBytes = std::size_t(4) << 20;
+    /// Answers and updates read and not yet delivered on the loop; past
+    /// it no further frame is read until the loop has caught up.
+    std::size_t maxPendingReports = 1000;
 };
 
 /// Reads "ws://HOST:PORT[/PATH]" or "HOST:PORT"; empty if it is neither.

@@ -73,6 +73,10 @@ public:
     /// The base against which relative resource URLs are resolved (see
     /// Client::resolveResourceUrl); empty to have none.
     virtual void onResourceBaseUrl(std::string url) = 0;
+    /// Reports handed over and not yet delivered on the loop. A transport
+    /// that reads from a network reads no further while this is high, so
+    /// that a service faster than the loop cannot fill the memory.
+    virtual std::size_t pendingReports() const;
 };
 
 /// A way to the service. Called by the client core on the loop thread only.

@@ -1,8 +1,10 @@
 // An observer of content loaders that keeps what it is told, as text.
-#ifndef ZARVO_TESTS_CLIENT_RECORDING_OBSERVER_H
-#define ZARVO_TESTS_CLIENT_RECORDING_OBSERVER_H
+#ifndef ZARVO_TESTKIT_RECORDING_OBSERVER_H
+#define ZARVO_TESTKIT_RECORDING_OBSERVER_H
 
 #include <zarvo/content_loader.h>
+
+#include <boost/any.hpp>
 
 #include <functional>
 #include <string>
@@ -10,7 +12,7 @@
 #include <vector>
 
 namespace zarvo {
-namespace test {
+namespace testkit {
 
 class RecordingObserver : public ContentLoader::Observer {
 public:
@@ -19,18 +21,22 @@ public:
         std::vector<std::string> columns;
         /// Each row's values, rendered by getColumnValue.
         std::vector<std::vector<std::string>> rows;
+        /// Each row's values as getValueAny gives them.
+        std::vector<std::vector<boost::any>> values;
     };
 
     void onContentLoaded(ContentLoader* loader, ContentResult* result) override {
-        Loaded loaded{result->getStartIndex(), {}, {}};
+        Loaded loaded{result->getStartIndex(), {}, {}, {}};
         for (std::size_t c = 0; c < result->getColumnCount(); ++c) {
             loaded.columns.push_back(result->getColumnName(c));
         }
         for (std::size_t r = 0; r < result->getRowCount(); ++r) {
             result->setRowIndex(r);
             loaded.rows.emplace_back();
+            loaded.values.emplace_back();
             for (std::size_t c = 0; c < result->getColumnCount(); ++c) {
                 loaded.rows.back().push_back(result->getColumnValue(c));
+                loaded.values.back().push_back(result->getValueAny(c));
             }
         }
         results.push_back(std::move(loaded));
@@ -66,7 +72,7 @@ private:
     }
 };
 
-}  // namespace test
+}  // namespace testkit
 }  // namespace zarvo
 
 #endif

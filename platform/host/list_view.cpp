@@ -1,8 +1,8 @@
-#include "list_view.h"
+#include <zarvo/host/list_view.h>
 
 #include <algorithm>
 
-namespace zarvo::host {
+namespace zarvo {
 
 ListView::ListView(std::shared_ptr<DataObjectList> list) : viewed(std::move(list)) {
     subscription = viewed->addModifiedSubscription([this](DataContext&) {
@@ -67,4 +67,4 @@ void ListView::show(std::uint64_t first, std::uint64_t size, bool clipped) {
     }
 }
 
-}  // namespace zarvo::host
+}  // namespace zarvo

@@ -1,5 +1,6 @@
-// What a list view of the engine holds of a list: the rows of a window,
-// acquired as they enter it and released as they leave.
+// The engine's list view: what a screen holds of a list, the rows of a
+// window, acquired as they enter it and released as they leave, and bound
+// afresh after the list reports a change.
 #ifndef ZARVO_HOST_LIST_VIEW_H
 #define ZARVO_HOST_LIST_VIEW_H
 
@@ -10,7 +11,7 @@
 #include <map>
 #include <memory>
 
-namespace zarvo::host {
+namespace zarvo {
 
 class ListView {
 public:
@@ -62,6 +63,6 @@ private:
     bool stale = false;
 };
 
-}  // namespace zarvo::host
+}  // namespace zarvo
 
 #endif

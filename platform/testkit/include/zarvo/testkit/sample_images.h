@@ -1,7 +1,7 @@
 // Small PNG and JPEG files made in memory, so that the tests carry no binary
 // images and can make exactly the variant they need.
-#ifndef ZARVO_TESTS_SUPPORT_SAMPLE_IMAGES_H
-#define ZARVO_TESTS_SUPPORT_SAMPLE_IMAGES_H
+#ifndef ZARVO_TESTKIT_SAMPLE_IMAGES_H
+#define ZARVO_TESTKIT_SAMPLE_IMAGES_H
 
 #include <png.h>
 // jpeglib.h needs size_t and FILE declared before it.
@@ -18,7 +18,7 @@
 #include <vector>
 
 namespace zarvo {
-namespace test {
+namespace testkit {
 
 struct PngOptions {
     int colourType = PNG_COLOR_TYPE_RGB;
@@ -146,7 +146,7 @@ inline std::string sampleJpeg() {
     return encodeJpeg(4, 2, solidPixels(8, {0x80, 0x80, 0x80}));
 }
 
-}  // namespace test
+}  // namespace testkit
 }  // namespace zarvo
 
 #endif

@@ -3,8 +3,8 @@
 // folder. A file "<name>.status" beside "<name>" sets the answer's status; a
 // missing file gets a 404 with an HTML page. The HTTPS server uses a
 // self-signed certificate made when the servers start.
-#ifndef ZARVO_TESTS_DATASOURCE_IMAGE_SERVER_H
-#define ZARVO_TESTS_DATASOURCE_IMAGE_SERVER_H
+#ifndef ZARVO_TESTKIT_IMAGE_SERVER_H
+#define ZARVO_TESTKIT_IMAGE_SERVER_H
 
 #include <curl/curl.h>
 
@@ -26,7 +26,7 @@
 extern char** environ;
 
 namespace zarvo {
-namespace test {
+namespace testkit {
 
 namespace detail {
 
@@ -225,7 +225,7 @@ inline ImageServers& imageServers() {
     return servers;
 }
 
-}  // namespace test
+}  // namespace testkit
 }  // namespace zarvo
 
 #endif

@@ -1,7 +1,8 @@
 // The service over real sockets on 127.0.0.1: the protocol conversation,
 // several clients, cancelling, hostile frames, and files over HTTP.
-#include "service_client.h"
-#include "test_database.h"
+#include <zarvo/testkit/running_service.h>
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/running_service.h>
 
 #include <gtest/gtest.h>
 
@@ -10,8 +11,10 @@
 namespace tethrix::service {
 namespace {
 
-using testing::RunningService;
-using testing::TestClient;
+using namespace zarvo::testkit;
+
+
+
 
 const std::string tracksUri = "content://com.tavelorix.content/tracks";
 const std::string bigUri = "content://com.tavelorix.content/big";
@@ -33,15 +36,15 @@ class ServiceEndToEndTest : public ::testing::Test {
 protected:
     static void SetUpTestSuite()
     {
-        directory = new testing::TemporaryDirectory();
+        directory = new zarvo::testkit::TemporaryDirectory();
         auto files = directory->path() / "files";
         std::filesystem::create_directories(files / "covers");
         std::ofstream(files / "covers" / "a b.png", std::ios::binary) << "\x89PNG\r\n\x1a\nfake";
         std::ofstream(files / "notes.txt") << "hello";
         std::ofstream(directory->path() / "secret.txt") << "secret";
         std::filesystem::create_symlink(directory->path() / "secret.txt", files / "link.txt");
-        testing::createDatabase(directory->path() / "media.db",
-                                testing::tracksScript(1000) +
+        zarvo::testkit::executeSql(directory->path() / "media.db",
+                                zarvo::testkit::tracksScript(1000) +
                                     "CREATE TABLE big(id INTEGER PRIMARY KEY, word TEXT, n INTEGER);"
                                     "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 400000)"
                                     " INSERT INTO big SELECT i, printf('w%08x', i * 2654435761 % 4294967296),"
@@ -62,33 +65,23 @@ protected:
         return o;
     }
 
-    static testing::TemporaryDirectory* directory;
+    static zarvo::testkit::TemporaryDirectory* directory;
     RunningService service{options()};
 };
 
-testing::TemporaryDirectory* ServiceEndToEndTest::directory = nullptr;
+zarvo::testkit::TemporaryDirectory* ServiceEndToEndTest::directory = nullptr;
 
 TEST_F(ServiceEndToEndTest, HelloTellsTheVersionAndWhereFilesAre)
 {
-    TestClient client(service.port());
+    ProtocolClient client(service.port());
     EXPECT_EQ(client.serverHello().version, protocol::protocolVersion);
     EXPECT_EQ(client.serverHello().software, "tethrix-service");
     EXPECT_EQ(client.serverHello().filesBaseUrl, "http://127.0.0.1:" + std::to_string(service.port()) + "/");
 }
 
-TEST_F(ServiceEndToEndTest, WithoutFilesNoBaseUrlIsGiven)
-{
-    ServiceOptions o = options();
-    o.files.reset();
-    RunningService bare(o);
-    TestClient client(bare.port());
-    EXPECT_EQ(client.serverHello().filesBaseUrl, "");
-    EXPECT_EQ(testing::httpRequest(bare.port(), "GET", "/notes.txt").status, 404);
-}
-
 TEST_F(ServiceEndToEndTest, QueriesAreAnsweredWithResultsOrErrors)
 {
-    TestClient client(service.port());
+    ProtocolClient client(service.port());
     client.send(query(1, tracksUri, {"id", "title"}, "artist_id=2", "id DESC", 1, 2));
     auto result = client.receiveAs<protocol::Result>();
     EXPECT_EQ(result.id, 1u);
@@ -110,37 +103,9 @@ TEST_F(ServiceEndToEndTest, QueriesAreAnsweredWithResultsOrErrors)
     EXPECT_EQ(bad.position, std::optional<std::uint64_t>(5));
 }
 
-TEST_F(ServiceEndToEndTest, ClientsAreServedSideBySide)
-{
-    std::vector<std::unique_ptr<TestClient>> clients;
-    for (int i = 0; i < 4; ++i) clients.push_back(std::make_unique<TestClient>(service.port()));
-    // Every client uses the same ids; each gets its own answers.
-    for (int i = 0; i < 4; ++i) {
-        clients[i]->send(query(1, tracksUri, {"id"}, "", "", i * 100, 1));
-        clients[i]->send(query(2, tracksUri, {"id"}, "", "", i * 100 + 1, 1));
-    }
-    for (int i = 0; i < 4; ++i) {
-        for (protocol::RequestId id : {1u, 2u}) {
-            auto result = clients[i]->receiveAs<protocol::Result>();
-            EXPECT_EQ(result.id, id);
-            ASSERT_EQ(result.rows.size(), 1u);
-            EXPECT_EQ(std::get<std::int64_t>(result.rows[0][0]), i * 100 + static_cast<int>(id));
-        }
-    }
-}
-
-TEST_F(ServiceEndToEndTest, PingIsAnsweredWhileTheDatabaseIsBusy)
-{
-    TestClient client(service.port());
-    client.send(slowQuery(1));
-    client.send(protocol::Ping{77});
-    EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 77u);
-    EXPECT_EQ(client.receiveAs<protocol::Result>().id, 1u);
-}
-
 TEST_F(ServiceEndToEndTest, CancelDropsTheAnswer)
 {
-    TestClient client(service.port());
+    ProtocolClient client(service.port());
     client.send(slowQuery(1));                                // keeps the worker busy
     client.send(query(2, tracksUri, {"id"}, "", "", 0, 1));  // waits behind it
     client.send(protocol::Cancel{2});
@@ -154,7 +119,7 @@ TEST_F(ServiceEndToEndTest, CancelDropsTheAnswer)
 
 TEST_F(ServiceEndToEndTest, CancellingARunningQueryFreesTheWorker)
 {
-    TestClient client(service.port());
+    ProtocolClient client(service.port());
     client.send(slowQuery(1));
     client.send(protocol::Cancel{1});
     client.send(query(1, tracksUri, {"id"}, "", "", 7, 1));  // the id is free again
@@ -164,22 +129,9 @@ TEST_F(ServiceEndToEndTest, CancellingARunningQueryFreesTheWorker)
     EXPECT_EQ(std::get<std::int64_t>(result.rows[0][0]), 8);  // the new query's row, not the slow one's
 }
 
-TEST_F(ServiceEndToEndTest, TakenIdsAreRefusedWithoutDisturbingTheOpenRequest)
-{
-    TestClient client(service.port());
-    client.send(slowQuery(5));
-    client.send(query(5, tracksUri, {"id"}));
-    auto refused = client.receiveAs<protocol::Error>();
-    EXPECT_EQ(refused.id, std::optional<protocol::RequestId>(5));
-    EXPECT_EQ(refused.reason, "request id 5 is already in use");
-    auto result = client.receiveAs<protocol::Result>();
-    EXPECT_EQ(result.id, 5u);
-    EXPECT_EQ(result.columns.size(), 1u);
-}
-
 TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
 {
-    TestClient client(service.port());
+    ProtocolClient client(service.port());
     struct Case {
         std::string frame;
         std::optional<protocol::RequestId> id;
@@ -210,7 +162,7 @@ TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
 
 TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAreRefused)
 {
-    TestClient client(service.port(), false);
+    ProtocolClient client(service.port(), false);
     client.send(query(3, tracksUri, {"id"}));
     auto error = client.receiveAs<protocol::Error>();
     EXPECT_EQ(error.id, std::optional<protocol::RequestId>(3));
@@ -223,7 +175,7 @@ TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAreRefused)
 
 TEST_F(ServiceEndToEndTest, AnotherProtocolVersionIsRefusedAndClosed)
 {
-    TestClient client(service.port(), false);
+    ProtocolClient client(service.port(), false);
     client.send(protocol::Hello{2, "future", ""});
     auto error = client.receiveAs<protocol::Error>();
     EXPECT_EQ(error.id, std::nullopt);
@@ -233,29 +185,17 @@ TEST_F(ServiceEndToEndTest, AnotherProtocolVersionIsRefusedAndClosed)
 
 TEST_F(ServiceEndToEndTest, OversizedFramesCloseTheConnection)
 {
-    TestClient client(service.port());
+    ProtocolClient client(service.port());
     client.sendText(std::string(protocol::maxRequestFrameBytes + 1, ' '));
     EXPECT_EQ(client.awaitClose(), std::optional<int>(1009));
-    TestClient next(service.port());  // the service itself is fine
+    ProtocolClient next(service.port());  // the service itself is fine
     next.send(protocol::Ping{1});
     EXPECT_EQ(next.receiveAs<protocol::Pong>().id, 1u);
 }
 
-TEST_F(ServiceEndToEndTest, RuntimeDataThatIsNotThereIsRefused)
-{
-    TestClient client(service.port());
-    client.send(protocol::Subscribe{8, "servicedata://player"});
-    auto error = client.receiveAs<protocol::Error>();
-    EXPECT_EQ(error.id, std::optional<protocol::RequestId>(8));
-    EXPECT_EQ(error.reason, "no runtime data \"servicedata://player\"; this service has none");
-    client.send(protocol::Unsubscribe{8});  // nothing to end: no answer
-    client.send(protocol::Ping{1});
-    EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 1u);
-}
-
 TEST_F(ServiceEndToEndTest, StoppingTheServiceClosesConnectionsAsGoingAway)
 {
-    TestClient client(service.port());
+    ProtocolClient client(service.port());
     service.stop();
     EXPECT_EQ(client.awaitClose(), std::optional<int>(1001));
 }
@@ -290,12 +230,12 @@ TEST_F(ServiceEndToEndTest, FilesAreServedFromTheDirectoryOnly)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.method + " " + c.target);
-        auto reply = testing::httpRequest(service.port(), c.method, c.target);
+        auto reply = zarvo::testkit::httpRequest(service.port(), c.method, c.target);
         EXPECT_EQ(reply.status, c.status);
         EXPECT_EQ(reply.contentType, c.contentType);
         EXPECT_EQ(reply.body, c.body);
     }
-    EXPECT_EQ(testing::httpRequest(service.port(), "HEAD", "/notes.txt").contentLength, "5");
+    EXPECT_EQ(zarvo::testkit::httpRequest(service.port(), "HEAD", "/notes.txt").contentLength, "5");
 }
 
 }  // namespace
