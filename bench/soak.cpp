@@ -26,6 +26,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <fstream>
@@ -240,7 +241,7 @@ private:
         unsigned nextKill = framesBetween(random);
         std::uint64_t first = 0;
         for (;;) {
-            view.jumpTo(first, window);
+            view.moveTo(first, window);
             if (nextKill-- == 0 && restarts < options.restarts) {
                 if (!restart(view, downMs(random))) {
                     return false;
@@ -256,7 +257,13 @@ private:
             if (first + window >= options.rows) {
                 break;
             }
-            first = std::min(first + step, options.rows - window);
+            // As a screen scrolls: only as far as the list knows rows, and at
+            // its end it waits for the list to grow by its read-ahead.
+            if (!session->loop().runUntil([&] { return view.list().itemCount() > first + window; }, LONGEST_WAIT)) {
+                return fail("the list stopped growing at " + std::to_string(view.list().itemCount()) +
+                            " rows, short of " + std::to_string(options.rows));
+            }
+            first = std::min({first + step, view.list().itemCount() - window, options.rows - window});
         }
         if (restarts < options.restarts) {
             return fail("the table ended after " + std::to_string(restarts) + " restarts");

@@ -16,12 +16,23 @@ const char* const LOG_CATEGORY = "tethrix";
 
 /// libcurl's write callback: appends the received bytes to the stream.
 /// Returning less than was given makes libcurl abort the transfer.
+/// The largest image body taken, as large as the host's decoders accept.
+const unsigned long maxImageBodyBytes = 16UL * 1024 * 1024;
+
 unsigned long writeDataBuffer(void* data, unsigned long size, unsigned long count, void* stream) {
     if (stream == nullptr) {
         return 0;
     }
     auto* out = static_cast<std::ostringstream*>(stream);
     const unsigned long length = size * count;
+    // A body without end would hold the loader's memory until the host gives
+    // up on the load: past the largest image a decoder takes, the data are
+    // refused, which ends the transfer.
+    const std::streamoff held = out->tellp();
+    if (held >= 0 && static_cast<unsigned long>(held) + length > maxImageBodyBytes) {
+        ZARVO_LOG_ERROR(LOG_CATEGORY, "Image transfer refused: its body passed {} bytes", maxImageBodyBytes);
+        return 0;
+    }
     out->write(static_cast<const char*>(data), static_cast<std::streamsize>(length));
     if (out->fail()) {
         return 0;

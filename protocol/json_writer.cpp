@@ -73,6 +73,16 @@ void appendNumber(std::string& out, Number number)
 
 }  // namespace
 
+bool isValidUtf8(std::string_view text)
+{
+    while (!text.empty()) {
+        const std::size_t length = validSequenceLength(text);
+        if (length == 0) return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
 void appendJsonString(std::string& out, std::string_view text)
 {
     out += '"';

@@ -36,7 +36,9 @@ bool exists(const std::string& path) {
 
 std::string PluginLibrary::defaultPath() {
     const std::string directory = programDirectory();
-    for (const std::string& candidate : {directory + "/" + LIBRARY_NAME, directory + "/../lib/" + LIBRARY_NAME}) {
+    // Beside the program or in the build's lib folder, then where it is installed.
+    for (const std::string& candidate : {directory + "/" + LIBRARY_NAME, directory + "/../lib/" + LIBRARY_NAME,
+                                         directory + "/../lib/zarvo/plugins/" + LIBRARY_NAME}) {
         if (exists(candidate)) {
             return candidate;
         }

@@ -28,7 +28,7 @@ public:
                           std::string& snapshot);
     const std::string& path() const { return libraryPath; }
 
-    /// The plug-in built beside this program.
+    /// The plug-in built beside this program, or installed with it.
     static std::string defaultPath();
 
 private:

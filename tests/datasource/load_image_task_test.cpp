@@ -191,7 +191,18 @@ TEST_F(LoadImageTaskTest, BodiesThatAreNoImageEndInANullResourceWithTheirMessage
     }
 }
 
-TEST_F(LoadImageTaskTest, RefusedConnectionWritesTheCurlLineAndFails) {
+TEST_F(LoadImageTaskTest, RefusedConnectionOrBodyWritesTheCurlLineAndFails) {
+    servers.put("task-endless.png", std::string(17 * 1024 * 1024, 'x'));
+    const std::string endless = servers.httpUrl("task-endless.png");
+    LoadImageTask tooLong(endless, &host.domain());
+    ::testing::internal::CaptureStderr();
+    tooLong.loadFunction(nullptr);
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr(curl_easy_strerror(CURLE_WRITE_ERROR)));
+    tooLong.finishFunction(nullptr);
+    EXPECT_EQ(nullptr, tooLong.getResult());
+    EXPECT_THAT(log.lines(), ::testing::Contains("error tethrix: Image transfer refused: its body passed 16777216 bytes"));
+    log.clear();
+
     const std::string url = servers.refusedUrl("cover.png");
     LoadImageTask task(url, &host.domain());
 

@@ -40,6 +40,9 @@ private:
 /// Appends `text` as a quoted JSON string. Invalid UTF-8 bytes become U+FFFD.
 void appendJsonString(std::string& out, std::string_view text);
 
+/// True if `text` is valid UTF-8 throughout, and so passes through JSON as it is.
+bool isValidUtf8(std::string_view text);
+
 }  // namespace tethrix::protocol
 
 #endif

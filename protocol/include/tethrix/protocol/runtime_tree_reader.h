@@ -4,6 +4,7 @@
 #ifndef TETHRIX_PROTOCOL_RUNTIME_TREE_READER_H
 #define TETHRIX_PROTOCOL_RUNTIME_TREE_READER_H
 
+#include <tethrix/protocol/json_writer.h>
 #include <tethrix/protocol/runtime_tree.h>
 #include <tethrix/protocol/value_text.h>
 
@@ -109,6 +110,9 @@ private:
         const char* name = element.Attribute("name");
         if (!name) return refuse(element, "a node needs a name");
         if (!isReachableName(name)) return refuse(element, "the name " + quoted(name) + " is empty or holds a '.'");
+        // Names and text travel as JSON: what is not UTF-8 could not be named
+        // by an update, nor come back from a state as it was.
+        if (!isValidUtf8(name)) return refuse(element, "the name is not valid UTF-8");
         if (runtime_xml::isValueKind(*kind)) return readValue(element, *kind, name);
         return *kind == runtimeObject ? readObject(element, name) : readList(element, name);
     }
@@ -120,6 +124,7 @@ private:
             return refuse(element, "text inside a value is not read; give it in the attribute value");
         }
         const char* text = element.Attribute("value");
+        if (text && !isValidUtf8(text)) return refuse(element, "the value is not valid UTF-8");
         NodePtr node = makeValue(kind, name, text);
         if (!node) return refuse(element, quoted(text) + " is not " + runtime_xml::kindWord(kind));
         copyProperties(element, *node, true);
@@ -168,8 +173,9 @@ private:
         }
         if (templateElement) {
             const char* templateName = templateElement->Attribute("name");
-            if (templateName && !isReachableName(templateName)) {
-                return refuse(*templateElement, "the name " + quoted(templateName) + " is empty or holds a '.'");
+            if (templateName && (!isReachableName(templateName) || !isValidUtf8(templateName))) {
+                return refuse(*templateElement,
+                              "the name " + quoted(templateName) + " is empty, holds a '.' or is not valid UTF-8");
             }
             list->runtimeItemTemplate = readObject(*templateElement, templateName ? templateName : defaultRowName);
             if (!list->runtimeItemTemplate) return nullptr;
