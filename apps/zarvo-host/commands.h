@@ -30,6 +30,7 @@ int runTree(const CommandLine& line);
 int runLoad(const CommandLine& line);
 int runScroll(const CommandLine& line);
 int runWatch(const CommandLine& line);
+int runInspect(const CommandLine& line);
 
 }  // namespace zarvo::host
 

@@ -76,6 +76,19 @@ const std::vector<Command>& commands() {
          "The first N rows of each list (default 10) are held as a list view would, so\n"
          "that their values are watched too.\n",
          runWatch},
+        {"inspect", "serve a live page of the source to a browser",
+         "Usage: zarvo-host inspect [--port N] [--bind ADDR] [options]\n\n"
+         "Loads the data source and serves a live page of it on ADDR (default\n"
+         "127.0.0.1) and port N (default 0: a free one), until SIGINT or SIGTERM. The\n"
+         "first line on standard output is the page's address:\n"
+         "  inspector at http://127.0.0.1:41234/\n"
+         "The page shows the tree with its values as they change, the connection\n"
+         "flag, each list as a list view that acquires the rows it shows and releases\n"
+         "the others (with the list's queries and their round trips), images, the\n"
+         "log filtered by level and category, and a button that downloads the data\n"
+         "snapshot. Anyone who can reach the address can watch; the page changes\n"
+         "nothing in the source but which rows its views hold.\n",
+         runInspect},
     };
     return all;
 }

@@ -101,7 +101,8 @@ TEST_F(ZarvoHost, LogRecordsGoToStandardErrorInTheirLineFormat) {
 TEST_F(ZarvoHost, EveryCommandHasHelp) {
     for (const std::vector<std::string>& arguments :
          std::vector<std::vector<std::string>>{{"--help"}, {"snapshot", "--help"}, {"tree", "--help"},
-                                               {"load", "--help"}, {"scroll", "--help"}, {"watch", "--help"}}) {
+                                               {"load", "--help"}, {"scroll", "--help"}, {"watch", "--help"},
+                                               {"inspect", "--help"}}) {
         const ProgramResult result = host(arguments);
         EXPECT_EQ(result.status, 0) << arguments.front();
         EXPECT_THAT(result.out, StartsWith("Usage: zarvo-host")) << arguments.front();
@@ -129,6 +130,8 @@ TEST_F(ZarvoHost, BadInputGivesOneLineAndANonZeroExit) {
         {{"scroll"}, 2, "scroll needs the path of a list"},
         {{"scroll", "tracks", "--step", "0"}, 2, "--window and --step take at least 1"},
         {{"watch", "--for", "soon"}, 2, "option --for takes a number of seconds"},
+        {{"inspect", "--port", "70000"}, 2, "option --port takes a port from 0 to 65535"},
+        {{"inspect", "--bind", "nowhere"}, 2, "not an address to listen on: \"nowhere\""},
     };
     for (const FailureRow& row : rows) {
         const ProgramResult result = host(row.arguments);
