@@ -215,11 +215,14 @@ std::shared_ptr<DataObject> TethrixDataObjectList::getItemTemplate() {
             return itemTemplate;
         }
         // A list field whose source is a single record has no row template;
-        // the engine is never handed a null one.
-        ZARVO_LOG_ERROR("tethrix",
-                        "TethrixDataObjectList::getItemTemplate(): the source '{}' of list '{}' has no row template; "
-                        "is it a single record?",
-                        contentAdapter->getConfig()->name, getName());
+        // the engine is never handed a null one. A runtime source's key list
+        // has none either, by design: its rows come from the dynamic source.
+        if (!contentAdapter->getConfig()->runtimeData) {
+            ZARVO_LOG_ERROR("tethrix",
+                            "TethrixDataObjectList::getItemTemplate(): the source '{}' of list '{}' has no row "
+                            "template; is it a single record?",
+                            contentAdapter->getConfig()->name, getName());
+        }
     }
     return std::make_shared<DataObject>(getDomain(), "empty");
 }
