@@ -15,8 +15,8 @@ namespace tethrix::protocol {
 
 namespace {
 
-/// The handler of boost::json's own parser, plus exact reals and the check
-/// for repeated keys.
+/// The handler of boost::json's own parser, plus exact reals and, when
+/// asked, the check for repeated keys.
 class StrictHandler {
 public:
     constexpr static std::size_t max_object_size = std::size_t(-1);
@@ -26,18 +26,24 @@ public:
 
     StrictHandler() { stack.reset(); }
 
+    StrictHandler(json::storage_ptr storage, unsigned char* temp, std::size_t tempSize)
+        : stack(json::storage_ptr(), temp, tempSize), checkKeys(false)
+    {
+        stack.reset(std::move(storage));
+    }
+
     bool on_document_begin(json::error_code&) { return true; }
     bool on_document_end(json::error_code&) { return true; }
 
     bool on_object_begin(json::error_code&)
     {
-        keys.emplace_back();
+        if (checkKeys) keys.emplace_back();
         return true;
     }
 
     bool on_object_end(std::size_t n, json::error_code&)
     {
-        keys.pop_back();
+        if (checkKeys) keys.pop_back();
         stack.push_object(n);
         return true;
     }
@@ -52,13 +58,17 @@ public:
 
     bool on_key_part(json::string_view s, std::size_t, json::error_code&)
     {
-        key.append(s.data(), s.size());
+        if (checkKeys) key.append(s.data(), s.size());
         stack.push_chars(s);
         return true;
     }
 
     bool on_key(json::string_view s, std::size_t, json::error_code& ec)
     {
+        if (!checkKeys) {
+            stack.push_key(s);
+            return true;
+        }
         key.append(s.data(), s.size());
         if (!keys.back().insert(key).second) {
             repeatedKey = key;
@@ -135,6 +145,7 @@ public:
     std::string repeatedKey;
 
 private:
+    bool checkKeys = true;
     std::vector<std::set<std::string>> keys;
     std::string key;
     std::string number;
@@ -164,6 +175,17 @@ JsonReadResult readJson(std::string_view text, std::size_t maxDepth)
     }
     result.value = parser.handler().stack.release();
     return result;
+}
+
+JsonParseStatus readJsonInto(std::string_view text, json::storage_ptr storage, unsigned char* temp,
+                             std::size_t tempSize, json::value& value)
+{
+    json::basic_parser<StrictHandler> parser(json::parse_options(), std::move(storage), temp, tempSize);
+    JsonParseStatus status;
+    status.consumed = parser.write_some(false, text.data(), text.size(), status.code);
+    if (!status.code && status.consumed < text.size()) status.code = json::error::extra_data;
+    if (!status.code) value = parser.handler().stack.release();
+    return status;
 }
 
 }  // namespace tethrix::protocol

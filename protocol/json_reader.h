@@ -6,6 +6,8 @@
 #ifndef TETHRIX_PROTOCOL_JSON_READER_H
 #define TETHRIX_PROTOCOL_JSON_READER_H
 
+#include <boost/json/error.hpp>
+#include <boost/json/storage_ptr.hpp>
 #include <boost/json/value.hpp>
 
 #include <cstddef>
@@ -20,6 +22,20 @@ struct JsonReadResult {
 };
 
 JsonReadResult readJson(std::string_view text, std::size_t maxDepth);
+
+/// How readJsonInto went: `code` is set when the text is not JSON, with the
+/// byte where reading stopped.
+struct JsonParseStatus {
+    boost::system::error_code code;
+    std::size_t consumed = 0;
+};
+
+/// Reads one JSON text into `value` with the same exact reals as readJson,
+/// keeping the last of repeated keys. The value's memory comes from
+/// `storage`; `temp` is scratch space for the parser's stack, so that a
+/// small text needs no heap at all.
+JsonParseStatus readJsonInto(std::string_view text, boost::json::storage_ptr storage, unsigned char* temp,
+                             std::size_t tempSize, boost::json::value& value);
 
 }  // namespace tethrix::protocol
 

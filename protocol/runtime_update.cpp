@@ -1,7 +1,8 @@
 #include <tethrix/protocol/runtime_update.h>
 
-#include <tethrix/protocol/value_text.h>
+#include "json_reader.h"
 
+#include <tethrix/protocol/value_text.h>
 
 namespace tethrix::protocol {
 
@@ -120,17 +121,9 @@ void checkOperationKeys(const json::object& members, const Path& path)
 
 UpdateText::UpdateText(std::string_view text) : resource(valueBuffer, sizeof valueBuffer), parsed(&resource)
 {
-    json::stream_parser parser(json::storage_ptr(), json::parse_options(), parserBuffer, sizeof parserBuffer);
-    parser.reset(&resource);
-    boost::system::error_code error;
-    const std::size_t used = parser.write(text.data(), text.size(), error);
-    if (!error) parser.finish(error);
-    if (error) {
-        syntaxError = error.message() + " at byte " + std::to_string(used);
-        return;
-    }
-    // Same storage on both sides: a move, not a copy onto the heap.
-    parsed = parser.release();
+    // Same storage on both sides: the result is moved, not copied onto the heap.
+    const JsonParseStatus status = readJsonInto(text, &resource, parserBuffer, sizeof parserBuffer, parsed);
+    if (status.code) syntaxError = status.code.message() + " at byte " + std::to_string(status.consumed);
 }
 
 }  // namespace runtime_update
