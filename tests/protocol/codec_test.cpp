@@ -1,5 +1,4 @@
 #include <tethrix/protocol/codec.h>
-#include <tethrix/protocol/fuzz_decode.h>
 
 #include <gtest/gtest.h>
 
