@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <map>
-#include <ostream>
 #include <string>
 #include <vector>
 
@@ -42,13 +41,11 @@ const char* const playerXml = R"(
   <list name="loose"/>
 </player>)";
 
-class RuntimeDataInternalizerTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        tree = buildRuntimeData(playerXml);
-        ASSERT_NE(tree, nullptr);
-        watch(tree);
-    }
+/// The tree of playerXml with every node watched.
+struct PlayerTree {
+    PlayerTree() : tree(buildRuntimeData(playerXml)) { watch(tree); }
+    PlayerTree(const PlayerTree&) = delete;
+    PlayerTree& operator=(const PlayerTree&) = delete;
 
     /// Records the name of every node whose handlers fire, objects and
     /// lists included.
@@ -80,113 +77,96 @@ protected:
     std::vector<std::string> fired;
 };
 
-struct ValueCase {
-    const char* what;
-    std::string update;
-    std::vector<std::string> fired;
-    std::map<std::string, std::string> values;  // path -> text afterwards
-};
+class RuntimeDataInternalizerTest : public ::testing::Test, public PlayerTree {};
 
-void PrintTo(const ValueCase& c, std::ostream* out) { *out << c.what; }
-
-class RuntimeDataValueUpdateTest : public RuntimeDataInternalizerTest,
-                                   public ::testing::WithParamInterface<ValueCase> {};
-
-TEST_P(RuntimeDataValueUpdateTest, ChangesValuesAndFiresOncePerChange) {
-    apply(GetParam().update);
-    EXPECT_THAT(log.lines(), IsEmpty());
-    EXPECT_THAT(fired, ElementsAreArray(GetParam().fired));
-    for (const auto& expected : GetParam().values) {
-        EXPECT_EQ(at(expected.first)->getValueAsString(), expected.second) << expected.first;
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Updates, RuntimeDataValueUpdateTest,
-    ::testing::Values(
-        ValueCase{"one integer", R"({"values":{"volume":4}})", {"volume"}, {{"volume", "4"}}},
-        ValueCase{"a value as it is", R"({"values":{"volume":3,"title":"Blue Hour"}})", {}, {{"volume", "3"}}},
-        ValueCase{"each type, nested, in tree order",
+TEST(RuntimeDataUpdateTest, ValueUpdatesChangeValuesAndFireOncePerChangeInTreeOrder) {
+    const struct {
+        const char* what;
+        std::string update;
+        std::vector<std::string> fired;
+        std::map<std::string, std::string> values;  // path -> text afterwards
+    } cases[] = {
+        {"one integer", R"({"values":{"volume":4}})", {"volume"}, {{"volume", "4"}}},
+        {"a value as it is", R"({"values":{"volume":3,"title":"Blue Hour"}})", {}, {{"volume", "3"}}},
+        {"each type, nested, in tree order",
                   R"({"values":{"player":{"track":{"artist":"Ben"},"position":12},"muted":true,"gain":0.75,)"
                   R"("title":"Cold Light"}})",
                   {"gain", "muted", "title", "position", "artist"},
                   {{"gain", "0.75"}, {"muted", "1"}, {"title", "Cold Light"}, {"player.position", "12"},
                    {"player.track.artist", "Ben"}}},
-        ValueCase{"a real given as a whole number", R"({"values":{"gain":2}})", {"gain"}, {{"gain", "2"}}},
-        ValueCase{"a real given as text", R"({"values":{"gain":"-inf"}})", {"gain"}, {{"gain", "-inf"}}},
-        ValueCase{"the extremes of an integer", R"({"values":{"volume":-2147483648,"player":{"position":2147483647}}})",
+        {"a real given as a whole number", R"({"values":{"gain":2}})", {"gain"}, {{"gain", "2"}}},
+        {"a real given as text", R"({"values":{"gain":"-inf"}})", {"gain"}, {{"gain", "-inf"}}},
+        {"the extremes of an integer", R"({"values":{"volume":-2147483648,"player":{"position":2147483647}}})",
                   {"volume", "position"}, {{"volume", "-2147483648"}, {"player.position", "2147483647"}}},
-        ValueCase{"an empty string", R"({"values":{"title":""}})", {"title"}, {{"title", ""}}},
-        ValueCase{"nothing to do", R"({})", {}, {}},
-        ValueCase{"no values", R"({"values":{},"rows":[]})", {}, {}},
-        ValueCase{"a key given twice: the last counts", R"({"values":{"volume":8,"volume":9}})", {"volume"},
-                  {{"volume", "9"}}}),
-    [](const ::testing::TestParamInfo<ValueCase>& info) { return "Case" + std::to_string(info.index); });
-
-TEST_F(RuntimeDataInternalizerTest, NanIsAChangeEachTime) {
-    apply(R"({"values":{"gain":"nan"}})");
-    apply(R"({"values":{"gain":"nan"}})");
-    EXPECT_THAT(fired, ElementsAre("gain", "gain"));
-    EXPECT_EQ(at("gain")->getValueAsString(), "nan");
-}
-
-struct RowCase {
-    const char* what;
-    std::string update;
-    std::string queue;  // dump of the list afterwards
-    int listEvents;
-};
-
-void PrintTo(const RowCase& c, std::ostream* out) { *out << c.what; }
-
-class RuntimeDataRowUpdateTest : public RuntimeDataInternalizerTest,
-                                 public ::testing::WithParamInterface<RowCase> {};
-
-TEST_P(RuntimeDataRowUpdateTest, ChangesRowsAndFiresTheListOnce) {
-    apply(GetParam().update);
-    EXPECT_THAT(log.lines(), IsEmpty());
-    EXPECT_EQ(rowsOf("queue"), GetParam().queue);
-    EXPECT_EQ(fired, std::vector<std::string>(GetParam().listEvents, "queue"));
+        {"an empty string", R"({"values":{"title":""}})", {"title"}, {{"title", ""}}},
+        {"nothing to do", R"({})", {}, {}},
+        {"no values", R"({"values":{},"rows":[]})", {}, {}},
+        {"a key given twice: the last counts", R"({"values":{"volume":8,"volume":9}})", {"volume"},
+                  {{"volume", "9"}}},
+        {"NaN is a change each time", R"({"values":{"gain":"nan"}})", {"gain", "gain"}, {{"gain", "nan"}}}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        PlayerTree player;  // each case starts from the same tree
+        player.apply(c.update);
+        if (c.fired.size() == 2) player.apply(c.update);
+        EXPECT_THAT(player.log.lines(), IsEmpty());
+        EXPECT_THAT(player.fired, ElementsAreArray(c.fired));
+        for (const auto& expected : c.values) {
+            EXPECT_EQ(player.at(expected.first)->getValueAsString(), expected.second) << expected.first;
+        }
+    }
 }
 
 const std::string queueTemplate = "queue[template track(title:string=,duration:real=0);";
 
-INSTANTIATE_TEST_SUITE_P(
-    Updates, RuntimeDataRowUpdateTest,
-    ::testing::Values(
-        RowCase{"insert first", R"({"rows":[{"list":"queue","insert":0,"row":{"title":"Z","duration":9}}]})",
+TEST(RuntimeDataUpdateTest, RowOperationsChangeRowsAndFireTheListOnce) {
+    const struct {
+        const char* what;
+        std::string update;
+        std::string queue;  // dump of the list afterwards
+        int listEvents;
+    } cases[] = {
+        {"insert first", R"({"rows":[{"list":"queue","insert":0,"row":{"title":"Z","duration":9}}]})",
                 queueTemplate + "track(title:string=Z,duration:real=9),track(title:string=A,duration:real=1),"
                                 "track(title:string=B,duration:real=2)]",
                 1},
-        RowCase{"insert at the end, the template filling in",
+        {"insert at the end, the template filling in",
                 R"({"rows":[{"list":"queue","insert":2,"row":{"title":"C"}}]})",
                 queueTemplate + "track(title:string=A,duration:real=1),track(title:string=B,duration:real=2),"
                                 "track(title:string=C,duration:real=0)]",
                 1},
-        RowCase{"replace", R"({"rows":[{"list":"queue","replace":1,"row":{"title":"B","duration":2.5}}]})",
+        {"replace", R"({"rows":[{"list":"queue","replace":1,"row":{"title":"B","duration":2.5}}]})",
                 queueTemplate + "track(title:string=A,duration:real=1),track(title:string=B,duration:real=2.5)]", 1},
-        RowCase{"remove", R"({"rows":[{"remove":0,"list":"queue"}]})",
+        {"remove", R"({"rows":[{"remove":0,"list":"queue"}]})",
                 queueTemplate + "track(title:string=B,duration:real=2)]", 1},
-        RowCase{"several operations, each on the rows the one before left",
+        {"several operations, each on the rows the one before left",
                 R"({"rows":[{"list":"queue","remove":0},{"list":"queue","insert":1,"row":{"title":"C"}},)"
                 R"({"list":"queue","replace":0,"row":{"title":"D"}}]})",
                 queueTemplate + "track(title:string=D,duration:real=0),track(title:string=C,duration:real=0)]", 1},
-        RowCase{"all rows at once", R"({"values":{"queue":[{"title":"X"}]}})",
+        {"all rows at once", R"({"values":{"queue":[{"title":"X"}]}})",
                 queueTemplate + "track(title:string=X,duration:real=0)]", 1},
-        RowCase{"no rows at all", R"({"values":{"queue":[]}})", queueTemplate + "]", 1},
-        RowCase{"rows operated on after the values, whatever the key order",
+        {"no rows at all", R"({"values":{"queue":[]}})", queueTemplate + "]", 1},
+        {"rows operated on after the values, whatever the key order",
                 R"({"rows":[{"list":"queue","remove":1}],"values":{"queue":[{"title":"X"},{"title":"Y"}]}})",
                 queueTemplate + "track(title:string=X,duration:real=0)]", 1},
-        RowCase{"a row replaced by an equal one is no change",
+        {"a row replaced by an equal one is no change",
                 R"({"rows":[{"list":"queue","replace":0,"row":{"title":"A","duration":1}}]})",
                 queueTemplate + "track(title:string=A,duration:real=1),track(title:string=B,duration:real=2)]", 0},
-        RowCase{"the same rows again are no change",
+        {"the same rows again are no change",
                 R"({"values":{"queue":[{"title":"A","duration":1},{"title":"B","duration":2}]}})",
                 queueTemplate + "track(title:string=A,duration:real=1),track(title:string=B,duration:real=2)]", 0},
-        RowCase{"an insertion undone in the same update is no change",
+        {"an insertion undone in the same update is no change",
                 R"({"rows":[{"list":"queue","insert":0,"row":{}},{"list":"queue","remove":0}]})",
-                queueTemplate + "track(title:string=A,duration:real=1),track(title:string=B,duration:real=2)]", 0}),
-    [](const ::testing::TestParamInfo<RowCase>& info) { return "Case" + std::to_string(info.index); });
+                queueTemplate + "track(title:string=A,duration:real=1),track(title:string=B,duration:real=2)]", 0}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        PlayerTree player;  // each case starts from the same tree
+        player.apply(c.update);
+        EXPECT_THAT(player.log.lines(), IsEmpty());
+        EXPECT_EQ(player.rowsOf("queue"), c.queue);
+        EXPECT_EQ(player.fired, std::vector<std::string>(c.listEvents, "queue"));
+    }
+}
 
 TEST_F(RuntimeDataInternalizerTest, UnchangedRowsKeepTheirObjectsAndBindings) {
     auto queue = at("queue")->castTo<RuntimeDataObjectList>();
@@ -217,91 +197,80 @@ TEST_F(RuntimeDataInternalizerTest, ValuesFireBeforeLists) {
     EXPECT_THAT(fired, ElementsAre("volume", "queue"));
 }
 
-struct RefusalCase {
-    const char* what;
-    std::string update;
-    std::string message;  // part of the one error logged
-};
-
-void PrintTo(const RefusalCase& c, std::ostream* out) { *out << c.what; }
-
-class RuntimeDataRefusedUpdateTest : public RuntimeDataInternalizerTest,
-                                     public ::testing::WithParamInterface<RefusalCase> {};
-
 // Most updates below are right in their first part: a refused update must
 // change nothing, not even what came before the fault.
-TEST_P(RuntimeDataRefusedUpdateTest, LeavesTheTreeAsItWasAndSaysWhy) {
+TEST_F(RuntimeDataInternalizerTest, RefusedUpdatesLeaveTheTreeAsItWasAndSayWhy) {
     const std::string before = dumpRuntimeData(*tree);
-    apply(GetParam().update);
-
-    EXPECT_EQ(dumpRuntimeData(*tree), before);
-    EXPECT_THAT(fired, IsEmpty());
-    const auto entries = log.entries();
-    ASSERT_EQ(entries.size(), 1u) << ::testing::PrintToString(log.lines());
-    EXPECT_EQ(entries[0].level, LogLevel::Error);
-    EXPECT_EQ(entries[0].category, "tethrix-client");
-    EXPECT_THAT(entries[0].message, HasSubstr("Runtime data update refused"));
-    EXPECT_THAT(entries[0].message, HasSubstr(GetParam().message));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Updates, RuntimeDataRefusedUpdateTest,
-    ::testing::Values(
-        RefusalCase{"empty text", "", "not JSON"},
-        RefusalCase{"cut short", R"({"values":{"volume":4)", "not JSON (incomplete JSON"},
-        RefusalCase{"not an object", R"([{"values":{}}])", "at the top: an update is a JSON object"},
-        RefusalCase{"an unknown key", R"({"values":{"volume":4},"value":{}})", "unknown key \"value\""},
-        RefusalCase{"an unknown node", R"({"values":{"volume":4,"player":{"positon":1}}})",
+    const struct {
+        const char* what;
+        std::string update;
+        std::string message;  // part of the one error logged
+    } cases[] = {
+        {"empty text", "", "not JSON"},
+        {"cut short", R"({"values":{"volume":4)", "not JSON (incomplete JSON"},
+        {"not an object", R"([{"values":{}}])", "at the top: an update is a JSON object"},
+        {"an unknown key", R"({"values":{"volume":4},"value":{}})", "unknown key \"value\""},
+        {"an unknown node", R"({"values":{"volume":4,"player":{"positon":1}}})",
                     "at \"player\": no node called \"positon\""},
-        RefusalCase{"text for an integer", R"({"values":{"volume":"4"}})", "at \"volume\": \"4\" is not an integer"},
-        RefusalCase{"a fraction for an integer", R"({"values":{"volume":4.5}})", "at \"volume\": 4.5 is not an integer"},
-        RefusalCase{"an integer out of range", R"({"values":{"volume":4,"player":{"position":2147483648}}})",
+        {"text for an integer", R"({"values":{"volume":"4"}})", "at \"volume\": \"4\" is not an integer"},
+        {"a fraction for an integer", R"({"values":{"volume":4.5}})", "at \"volume\": 4.5 is not an integer"},
+        {"an integer out of range", R"({"values":{"volume":4,"player":{"position":2147483648}}})",
                     "at \"player.position\": 2147483648 is beyond the range of an integer"},
-        RefusalCase{"a word for a real", R"({"values":{"volume":4,"gain":"loud"}})", "\"loud\" is not a real"},
-        RefusalCase{"a number for a boolean", R"({"values":{"muted":1}})", "1 is not a boolean"},
-        RefusalCase{"a number for a string", R"({"values":{"title":5}})", "5 is not a string"},
-        RefusalCase{"a value for an object", R"({"values":{"player":5}})", "an object takes a JSON object"},
-        RefusalCase{"an object for a list", R"({"values":{"queue":{}}})", "a list takes a JSON array"},
-        RefusalCase{"a row that is no object", R"({"values":{"queue":[{"title":"X"},1]}})",
+        {"a word for a real", R"({"values":{"volume":4,"gain":"loud"}})", "\"loud\" is not a real"},
+        {"a number for a boolean", R"({"values":{"muted":1}})", "1 is not a boolean"},
+        {"a number for a string", R"({"values":{"title":5}})", "5 is not a string"},
+        {"a value for an object", R"({"values":{"player":5}})", "an object takes a JSON object"},
+        {"an object for a list", R"({"values":{"queue":{}}})", "a list takes a JSON array"},
+        {"a row that is no object", R"({"values":{"queue":[{"title":"X"},1]}})",
                     "at \"queue[1]\": a row is a JSON object"},
-        RefusalCase{"a row with a field its template lacks",
+        {"a row with a field its template lacks",
                     R"({"rows":[{"list":"queue","insert":0,"row":{"titel":"X"}}]})",
                     "at \"rows[0].row\": no node called \"titel\""},
-        RefusalCase{"a row with a value of the wrong type",
+        {"a row with a value of the wrong type",
                     R"({"rows":[{"list":"queue","insert":0,"row":{"duration":"long"}}]})",
                     "at \"rows[0].row.duration\": \"long\" is not a real"},
-        RefusalCase{"an index past the end", R"({"values":{"volume":9},"rows":[{"list":"queue","remove":2}]})",
+        {"an index past the end", R"({"values":{"volume":9},"rows":[{"list":"queue","remove":2}]})",
                     "row 2 is outside the list \"queue\" of 2 rows"},
-        RefusalCase{"an insertion past the end", R"({"rows":[{"list":"queue","insert":3,"row":{}}]})",
+        {"an insertion past the end", R"({"rows":[{"list":"queue","insert":3,"row":{}}]})",
                     "an insertion takes 0 to 2"},
-        RefusalCase{"an index that the update before made bad",
+        {"an index that the update before made bad",
                     R"({"rows":[{"list":"queue","remove":0},{"list":"queue","replace":1,"row":{}}]})",
                     "at \"rows[1]\": row 1 is outside the list \"queue\" of 1 rows"},
-        RefusalCase{"a negative index", R"({"rows":[{"list":"queue","remove":-1}]})", "-1 is not a row index"},
-        RefusalCase{"an unknown list", R"({"rows":[{"list":"playlist","remove":0}]})",
+        {"a negative index", R"({"rows":[{"list":"queue","remove":-1}]})", "-1 is not a row index"},
+        {"an unknown list", R"({"rows":[{"list":"playlist","remove":0}]})",
                     "no list \"playlist\": no node called \"playlist\""},
-        RefusalCase{"a value for a list", R"({"rows":[{"list":"volume","remove":0}]})", "\"volume\" is not a list"},
-        RefusalCase{"a path through a value", R"({"rows":[{"list":"volume.x","remove":0}]})",
+        {"a value for a list", R"({"rows":[{"list":"volume","remove":0}]})", "\"volume\" is not a list"},
+        {"a path through a value", R"({"rows":[{"list":"volume.x","remove":0}]})",
                     "\"volume\" is not an object"},
-        RefusalCase{"no list named", R"({"rows":[{"remove":0}]})", "names its list in \"list\""},
-        RefusalCase{"two operations in one", R"({"rows":[{"list":"queue","insert":0,"remove":0,"row":{}}]})",
+        {"no list named", R"({"rows":[{"remove":0}]})", "names its list in \"list\""},
+        {"two operations in one", R"({"rows":[{"list":"queue","insert":0,"remove":0,"row":{}}]})",
                     "one of insert, replace and remove"},
-        RefusalCase{"no operation", R"({"rows":[{"list":"queue","row":{}}]})", "one of insert, replace and remove"},
-        RefusalCase{"a removal with a row", R"({"rows":[{"list":"queue","remove":0,"row":{}}]})",
+        {"no operation", R"({"rows":[{"list":"queue","row":{}}]})", "one of insert, replace and remove"},
+        {"a removal with a row", R"({"rows":[{"list":"queue","remove":0,"row":{}}]})",
                     "a removal takes no row"},
-        RefusalCase{"an insertion without a row", R"({"rows":[{"list":"queue","insert":0}]})", "takes a row"},
-        RefusalCase{"an unknown key in an operation", R"({"rows":[{"list":"queue","remove":0,"at":1}]})",
+        {"an insertion without a row", R"({"rows":[{"list":"queue","insert":0}]})", "takes a row"},
+        {"an unknown key in an operation", R"({"rows":[{"list":"queue","remove":0,"at":1}]})",
                     "unknown key \"at\""},
-        RefusalCase{"operations that are no array", R"({"rows":{"list":"queue","remove":0}})",
+        {"operations that are no array", R"({"rows":{"list":"queue","remove":0}})",
                     "at \"rows\": row operations are a JSON array"},
-        RefusalCase{"null in a row of no template", R"({"rows":[{"list":"loose","insert":0,"row":{"a":null}}]})",
+        {"null in a row of no template", R"({"rows":[{"list":"loose","insert":0,"row":{"a":null}}]})",
                     "at \"rows[0].row.a\": null is no value"},
-        RefusalCase{"a name no path can reach", R"({"rows":[{"list":"loose","insert":0,"row":{"a.b":1}}]})",
-                    "holds no '.'"}),
-    [](const ::testing::TestParamInfo<RefusalCase>& info) { return "Case" + std::to_string(info.index); });
-
-TEST(RuntimeDataInternalizerNullTest, NoTreeIsRefused) {
-    testkit::LogCapture log;
+        {"a name no path can reach", R"({"rows":[{"list":"loose","insert":0,"row":{"a.b":1}}]})",
+                    "holds no '.'"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        log.clear();
+        apply(c.update);
+        EXPECT_EQ(dumpRuntimeData(*tree), before);
+        EXPECT_THAT(fired, IsEmpty());
+        const auto entries = log.entries();
+        ASSERT_EQ(entries.size(), 1u) << ::testing::PrintToString(log.lines());
+        EXPECT_EQ(entries[0].level, LogLevel::Error);
+        EXPECT_EQ(entries[0].category, "tethrix-client");
+        EXPECT_THAT(entries[0].message, HasSubstr("Runtime data update refused"));
+        EXPECT_THAT(entries[0].message, HasSubstr(c.message));
+    }
+    log.clear();
     RuntimeDataInternalizer::internalize(R"({"values":{}})", nullptr);
     EXPECT_EQ(log.messages(LogLevel::Error).size(), 1u);
 }

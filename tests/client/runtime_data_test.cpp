@@ -33,35 +33,28 @@ TEST(RuntimeDataTest, HandlersFireOnlyWhenTheValueChanges) {
     EXPECT_EQ(nanChanges, 1);
 }
 
-struct TextCase {
-    std::shared_ptr<RuntimeDataObject> node;
-    std::string input;
-    bool accepted;
-    std::string text;  // getValueAsString afterwards
-};
-
-class RuntimeValueTextTest : public ::testing::TestWithParam<TextCase> {};
-
-TEST_P(RuntimeValueTextTest, ParsesWholeTextOrLeavesTheValue) {
-    const TextCase& c = GetParam();
-    auto node = c.node->clone();
-    EXPECT_EQ(node->setValueFromString(c.input), c.accepted);
-    EXPECT_EQ(node->getValueAsString(), c.text);
+TEST(RuntimeDataTest, TextIsParsedWholeOrTheValueIsLeft) {
+    const struct {
+        std::shared_ptr<RuntimeDataObject> node;
+        std::string input;
+        bool accepted;
+        std::string text;  // getValueAsString afterwards
+    } cases[] = {
+        {std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "+12", true, "12"},
+        {std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "12x", false, "1"},
+        {std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "99999999999", false, "1"},
+        {std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), "0.1", true, "0.1"},
+        {std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), "-2.5e3", true, "-2500"},
+        {std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), " 2", false, "1"},
+        {std::make_shared<RuntimeDataObjectBoolean>(nullptr, "b", false), "true", true, "1"},
+        {std::make_shared<RuntimeDataObjectBoolean>(nullptr, "b", true), "yes", false, "1"},
+        {std::make_shared<RuntimeDataObjectString>(nullptr, "s", "a"), "b;c", true, "b;c"},
+        {std::make_shared<RuntimeDataObject>(nullptr, "o", "text"), "other", true, "other"}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.node->setValueFromString(c.input), c.accepted) << c.input;
+        EXPECT_EQ(c.node->getValueAsString(), c.text) << c.input;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Types, RuntimeValueTextTest,
-    ::testing::Values(
-        TextCase{std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "+12", true, "12"},
-        TextCase{std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "12x", false, "1"},
-        TextCase{std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "99999999999", false, "1"},
-        TextCase{std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), "0.1", true, "0.1"},
-        TextCase{std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), "-2.5e3", true, "-2500"},
-        TextCase{std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), " 2", false, "1"},
-        TextCase{std::make_shared<RuntimeDataObjectBoolean>(nullptr, "b", false), "true", true, "1"},
-        TextCase{std::make_shared<RuntimeDataObjectBoolean>(nullptr, "b", true), "yes", false, "1"},
-        TextCase{std::make_shared<RuntimeDataObjectString>(nullptr, "s", "a"), "b;c", true, "b;c"},
-        TextCase{std::make_shared<RuntimeDataObject>(nullptr, "o", "text"), "other", true, "other"}));
 
 TEST(RuntimeDataTest, ListRowsChangeInPlaceAndTellTheListsHandlers) {
     auto list = std::make_shared<RuntimeDataObjectList>(nullptr, "queue");

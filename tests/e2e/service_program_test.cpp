@@ -56,7 +56,6 @@ TEST_F(ProgramTest, CannotStartSaysWhyInOneLine)
     std::ofstream(directory.path() / "radio.xml") << "<sources service='radio'>\n<string value='FM 4'/></sources>";
     std::ofstream(directory.path() / "radio.xml.ok") << "<sources service='radio'><string name='station'/></sources>";
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-        {{}, "tethrix-service: --db FILE is required\n"},
         {{"--db", database.string(), "--frobnicate"}, "tethrix-service: unknown option \"--frobnicate\" (see --help)\n"},
         {{"--db", (directory.path() / "missing.db").string()},
          "tethrix-service: cannot open " + (directory.path() / "missing.db").string() + ": unable to open database file\n"},

@@ -1,6 +1,5 @@
 // The service over real sockets on 127.0.0.1: the protocol conversation,
 // several clients, cancelling, hostile frames, and files over HTTP.
-#include <zarvo/testkit/running_service.h>
 #include <zarvo/testkit/files.h>
 #include <zarvo/testkit/running_service.h>
 
@@ -12,9 +11,6 @@ namespace tethrix::service {
 namespace {
 
 using namespace zarvo::testkit;
-
-
-
 
 const std::string tracksUri = "content://com.tavelorix.content/tracks";
 const std::string bigUri = "content://com.tavelorix.content/big";
@@ -71,17 +67,12 @@ protected:
 
 zarvo::testkit::TemporaryDirectory* ServiceEndToEndTest::directory = nullptr;
 
-TEST_F(ServiceEndToEndTest, HelloTellsTheVersionAndWhereFilesAre)
+TEST_F(ServiceEndToEndTest, HelloTellsWhereFilesAreAndQueriesAreAnsweredWithResultsOrErrors)
 {
     ProtocolClient client(service.port());
     EXPECT_EQ(client.serverHello().version, protocol::protocolVersion);
     EXPECT_EQ(client.serverHello().software, "tethrix-service");
     EXPECT_EQ(client.serverHello().filesBaseUrl, "http://127.0.0.1:" + std::to_string(service.port()) + "/");
-}
-
-TEST_F(ServiceEndToEndTest, QueriesAreAnsweredWithResultsOrErrors)
-{
-    ProtocolClient client(service.port());
     client.send(query(1, tracksUri, {"id", "title"}, "artist_id=2", "id DESC", 1, 2));
     auto result = client.receiveAs<protocol::Result>();
     EXPECT_EQ(result.id, 1u);
@@ -103,7 +94,7 @@ TEST_F(ServiceEndToEndTest, QueriesAreAnsweredWithResultsOrErrors)
     EXPECT_EQ(bad.position, std::optional<std::uint64_t>(5));
 }
 
-TEST_F(ServiceEndToEndTest, CancelDropsTheAnswer)
+TEST_F(ServiceEndToEndTest, CancelDropsAWaitingAnswerAndFreesTheWorkerOfARunningOne)
 {
     ProtocolClient client(service.port());
     client.send(slowQuery(1));                                // keeps the worker busy
@@ -113,13 +104,8 @@ TEST_F(ServiceEndToEndTest, CancelDropsTheAnswer)
     client.send(query(3, tracksUri, {"id"}, "", "", 5, 1));
     // Answers come in order; had query 2 been answered, it would be here.
     EXPECT_EQ(client.receiveAs<protocol::Result>().id, 1u);
-    auto third = client.receiveAs<protocol::Result>();
-    EXPECT_EQ(third.id, 3u);
-}
+    EXPECT_EQ(client.receiveAs<protocol::Result>().id, 3u);
 
-TEST_F(ServiceEndToEndTest, CancellingARunningQueryFreesTheWorker)
-{
-    ProtocolClient client(service.port());
     client.send(slowQuery(1));
     client.send(protocol::Cancel{1});
     client.send(query(1, tracksUri, {"id"}, "", "", 7, 1));  // the id is free again
@@ -140,8 +126,6 @@ TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
     const std::vector<Case> cases = {
         {"not json", std::nullopt, "not JSON"},
         {R"({"type":"query","id":4,"uri":"x"})", 4, "missing \"columns\""},
-        {R"({"type":"launch"})", std::nullopt, "unknown message type"},
-        {R"({"type":"launch","id":6})", 6, "unknown message type"},
         {R"({"type":"result","id":1,"startIndex":0,"columns":[],"rows":[]})", std::nullopt,
          "unexpected message \"result\" from a client"},
         {R"({"type":"hello","version":1})", std::nullopt, "unexpected message \"hello\""},

@@ -11,9 +11,7 @@
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
 
-#include <cstdlib>
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace tethrix::service {
@@ -82,21 +80,6 @@ TEST(RuntimeFileTest, TreesAreDeclaredAsInAConfiguration)
     EXPECT_EQ(stateOf(*trees[0].root), R"({"values":{"volume":0}})");
     EXPECT_EQ(trees[1].name, "radio");
     EXPECT_EQ(stateOf(*trees[1].root), R"({"values":{"station":"FM 4"}})");
-}
-
-TEST(RuntimeFileTest, TheExamplePlayerLoads)
-{
-    const char* source = std::getenv("ZARVO_SOURCE_DIR");
-    ASSERT_NE(source, nullptr);
-    auto trees = loadRuntimeFile(std::string(source) + "/examples/player.xml");
-    ASSERT_EQ(trees.size(), 1u);
-    EXPECT_EQ(trees[0].name, "player");
-    std::vector<std::string> names;
-    for (auto child = trees[0].root->beginChildren(); child != trees[0].root->endChildren(); ++child) {
-        names.push_back((*child)->getNameOverride());
-    }
-    EXPECT_THAT(names, ElementsAre("state", "playing", "volume", "position", "progress", "track", "queue",
-                                   "recent_albums"));
 }
 
 TEST(RuntimeFileTest, FaultsNameTheFileTheTreeAndThePlace)
@@ -213,9 +196,7 @@ TEST_F(RuntimeDataHubTest, ARefusedUpdateChangesNothingAndReachesNobody)
     const std::string before = state();
     const std::vector<std::pair<std::string, std::string>> cases = {
         {R"({"values":{"volume":4)", "update refused: not JSON (incomplete JSON at byte 21)"},
-        {R"({"values":{"volume":"4"}})", R"(update refused at "volume": "4" is not an integer)"},
         {R"({"values":{"track":{"titel":"x"}}})", R"(update refused at "track": no node called "titel")"},
-        {R"({"valeus":{}})", R"(update refused at the top: unknown key "valeus")"},
         // Values that fit, with a row operation that does not: none of it.
         {R"({"values":{"volume":5,"muted":true},"rows":[{"list":"queue","remove":0},{"list":"queue","remove":0}]})",
          R"(update refused at "rows[1]": row 0 is outside the list "queue" of 0 rows)"},
