@@ -1,8 +1,7 @@
 // The XML grammar of runtime data trees: documents to trees, and the
 // documents refused, each with one message that says where and why.
-#include "runtime_data_dump.h"
-
 #include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/runtime_data_text.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,8 +11,8 @@
 namespace zarvo {
 namespace {
 
-using test::buildRuntimeData;
-using test::dumpRuntimeData;
+using testkit::buildRuntimeData;
+using testkit::dumpRuntimeData;
 using ::testing::HasSubstr;
 
 TEST(RuntimeDataBuilderTest, BuildsTheDescribedTree) {

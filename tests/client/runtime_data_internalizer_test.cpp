@@ -1,8 +1,7 @@
 // Update text applied to a runtime data tree: values, rows, which handlers
 // fire, and updates refused whole, leaving the tree as it was.
-#include "runtime_data_dump.h"
-
 #include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/runtime_data_text.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,8 +14,8 @@
 namespace zarvo {
 namespace {
 
-using test::buildRuntimeData;
-using test::dumpRuntimeData;
+using testkit::buildRuntimeData;
+using testkit::dumpRuntimeData;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::HasSubstr;
