@@ -23,7 +23,7 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <filesystem>
+#include <functional>
 #include <limits>
 #include <mutex>
 #include <thread>
@@ -67,17 +67,7 @@ protected:
 
     /// Runs the loop until `done`; the network works on its own thread, so
     /// this waits for it, within a bound that only a fault reaches.
-    template <typename Predicate>
-    bool pumpUntil(Predicate done)
-    {
-        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            host.runUntilIdle();
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        }
-        return true;
-    }
+    bool pumpUntil(std::function<bool()> done) { return host.loop().runUntil(done, GENEROUS_WAIT); }
 
     bool reachesState(int state)
     {
