@@ -26,21 +26,16 @@ TEST(ContextTest, OneContextPerDomainLivingAsLongAsTheDomain) {
     EXPECT_TRUE(weak.expired());
 }
 
-class ServiceAcquisitionTest : public ::testing::Test {
-protected:
-    std::shared_ptr<AbstractServiceClient> acquire() {
-        return context->acquireService("Content", [this](Client* client, const std::string& name) {
+TEST(ContextTest, AServiceClientIsSharedByHoldersAndGoesWithTheLastRelease) {
+    testkit::TestHost host;
+    auto context = Context::instance(host.domain(), nullptr);
+    int factoryCalls = 0;
+    auto acquire = [&] {
+        return context->acquireService("Content", [&](Client* client, const std::string& name) {
             ++factoryCalls;
             return ContentServiceClient::create(client, name);
         });
-    }
-
-    testkit::TestHost host;
-    std::shared_ptr<Context> context = Context::instance(host.domain(), nullptr);
-    int factoryCalls = 0;
-};
-
-TEST_F(ServiceAcquisitionTest, ServiceClientIsSharedByHoldersAndGoesWithTheLastRelease) {
+    };
     auto first = acquire();
     ASSERT_NE(first, nullptr);
     EXPECT_EQ(first->getName(), "Content");

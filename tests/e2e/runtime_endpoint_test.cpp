@@ -4,6 +4,7 @@
 #include "websocket_session.h"
 #include <zarvo/testkit/files.h>
 #include <zarvo/testkit/running_service.h>
+#include <zarvo/testkit/thrown.h>
 
 #include <boost/asio/write.hpp>
 #include <gtest/gtest.h>
@@ -142,12 +143,7 @@ TEST(PublishCommandTest, ArgumentsAreCheckedBeforeAnythingIsSent)
          "cannot read \"/nonexistent/update.json\""},
     };
     for (const auto& [arguments, message] : cases) {
-        try {
-            parsePublishCommand(arguments);
-            ADD_FAILURE() << "accepted: " << ::testing::PrintToString(arguments);
-        } catch (const std::invalid_argument& error) {
-            EXPECT_EQ(error.what(), message);
-        }
+        EXPECT_EQ(thrownMessage<std::invalid_argument>([&] { parsePublishCommand(arguments); }), message);
     }
     auto request = parsePublishCommand({"--service", "ws://[::1]:9000/tethrix", "player", "{}"});
     EXPECT_EQ(request.host, "::1");

@@ -144,7 +144,7 @@ TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
     EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 9u);
 }
 
-TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAreRefused)
+TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAndAnotherProtocolVersionAreRefused)
 {
     ProtocolClient client(service.port(), false);
     client.send(query(3, tracksUri, {"id"}));
@@ -155,16 +155,13 @@ TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAreRefused)
     client.receiveAs<protocol::Hello>();
     client.send(query(4, tracksUri, {"id"}, "", "", 0, 1));
     EXPECT_EQ(client.receiveAs<protocol::Result>().id, 4u);
-}
 
-TEST_F(ServiceEndToEndTest, AnotherProtocolVersionIsRefusedAndClosed)
-{
-    ProtocolClient client(service.port(), false);
-    client.send(protocol::Hello{2, "future", ""});
-    auto error = client.receiveAs<protocol::Error>();
-    EXPECT_EQ(error.id, std::nullopt);
-    EXPECT_EQ(error.reason, "unsupported protocol version 2; this service speaks 1");
-    EXPECT_EQ(client.awaitClose(), std::optional<int>(1002));
+    ProtocolClient future(service.port(), false);
+    future.send(protocol::Hello{2, "future", ""});
+    auto refused = future.receiveAs<protocol::Error>();
+    EXPECT_EQ(refused.id, std::nullopt);
+    EXPECT_EQ(refused.reason, "unsupported protocol version 2; this service speaks 1");
+    EXPECT_EQ(future.awaitClose(), std::optional<int>(1002));
 }
 
 TEST_F(ServiceEndToEndTest, OversizedFramesCloseTheConnection)

@@ -5,6 +5,7 @@
 #include "query_worker.h"
 #include <zarvo/testkit/files.h>
 #include <zarvo/testkit/running_service.h>
+#include <zarvo/testkit/thrown.h>
 
 #include <gtest/gtest.h>
 
@@ -59,16 +60,7 @@ protected:
 
     protocol::Result run(const protocol::Query& q) { return store->execute(q); }
 
-    std::string errorOf(const protocol::Query& q, std::optional<std::size_t>* position = nullptr)
-    {
-        try {
-            store->execute(q);
-        } catch (const QueryError& error) {
-            if (position) *position = error.getPosition();
-            return error.what();
-        }
-        return "no error";
-    }
+    std::string errorOf(const protocol::Query& q) { return thrownMessage<QueryError>([&] { store->execute(q); }); }
 
     TemporaryDirectory directory;
     std::filesystem::path database;
@@ -144,10 +136,10 @@ TEST_F(ContentStoreTest, UnansweredQueriesSayWhyAndNamesIgnoreCase)
         {query(tracksUri, {}, "", "", 0, -200), "count must not be negative"},
     };
     for (const auto& [q, reason] : cases) EXPECT_EQ(errorOf(q), reason);
-    std::optional<std::size_t> position;
-    EXPECT_EQ(errorOf(query(tracksUri, {}, "id=1 AND artst=2"), &position),
-              "filter: unknown column \"artst\" in table \"tracks\"");
-    EXPECT_EQ(position, std::optional<std::size_t>(9));
+    const auto filter = thrown<QueryError>([&] { run(query(tracksUri, {}, "id=1 AND artst=2")); });
+    ASSERT_TRUE(filter);
+    EXPECT_STREQ(filter->what(), "filter: unknown column \"artst\" in table \"tracks\"");
+    EXPECT_EQ(filter->getPosition(), std::optional<std::size_t>(9));
 
     EXPECT_EQ(run(query("content://COM.Tavelorix.content/TRACKS", {"id"}, "", "", 0, 1)).rows.size(), 1u);
     ContentStore other(database.string(), "org.example.media");

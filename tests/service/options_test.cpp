@@ -1,6 +1,7 @@
 #include "options.h"
 
 #include <zarvo/testkit/files.h>
+#include <zarvo/testkit/thrown.h>
 
 #include <gtest/gtest.h>
 
@@ -43,12 +44,7 @@ TEST(OptionsTest, BadCommandLinesSayWhatIsWrong)
         {{"--db", "x", "--files", "/no/such/directory"}, "--files: \"/no/such/directory\" is not a directory"},
     };
     for (const auto& [arguments, reason] : cases) {
-        try {
-            parseCommandLine(arguments);
-            ADD_FAILURE() << reason;
-        } catch (const std::invalid_argument& error) {
-            EXPECT_EQ(error.what(), reason);
-        }
+        EXPECT_EQ(zarvo::testkit::thrownMessage<std::invalid_argument>([&] { parseCommandLine(arguments); }), reason);
     }
 }
 

@@ -3,6 +3,7 @@
 // are refused whole.
 #include "runtime_data_hub.h"
 #include "runtime_file.h"
+#include <zarvo/testkit/thrown.h>
 
 #include <tethrix/protocol/runtime_state.h>
 #include <tethrix/protocol/runtime_update.h>
@@ -95,19 +96,10 @@ TEST(RuntimeFileTest, FaultsNameTheFileTheTreeAndThePlace)
          "test.xml: \"servicedata://a b\": a name is letters, digits, '_' and '-'"},
     };
     for (const auto& [xml, message] : cases) {
-        try {
-            readTrees(xml);
-            ADD_FAILURE() << "accepted: " << xml;
-        } catch (const std::runtime_error& error) {
-            EXPECT_EQ(error.what(), message);
-        }
+        EXPECT_EQ(zarvo::testkit::thrownMessage<std::runtime_error>([&] { readTrees(xml); }), message);
     }
-    try {
-        loadRuntimeFile("/nonexistent/player.xml");
-        ADD_FAILURE() << "a missing file was accepted";
-    } catch (const std::runtime_error& error) {
-        EXPECT_THAT(error.what(), HasSubstr("/nonexistent/player.xml: "));
-    }
+    EXPECT_THAT(zarvo::testkit::thrownMessage<std::runtime_error>([] { loadRuntimeFile("/nonexistent/player.xml"); }),
+                HasSubstr("/nonexistent/player.xml: "));
 }
 
 TEST(RuntimeStateTest, AStateAppliedToAFreshTreeMakesItEqual)
