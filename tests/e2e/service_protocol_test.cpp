@@ -9,6 +9,7 @@
 
 #include <csignal>
 #include <fstream>
+#include <tuple>
 
 namespace tethrix::service {
 namespace {
@@ -184,17 +185,9 @@ TEST_F(ServiceEndToEndTest, StoppingTheServiceClosesConnectionsAsGoingAway)
     EXPECT_EQ(client.awaitClose(), std::optional<int>(1001));
 }
 
-struct FileCase {
-    std::string method;
-    std::string target;
-    int status;
-    std::string contentType;
-    std::string body;
-};
-
 TEST_F(ServiceEndToEndTest, FilesAreServedFromTheDirectoryOnly)
 {
-    const std::vector<FileCase> cases = {
+    const std::vector<std::tuple<std::string, std::string, int, std::string, std::string>> cases = {
         {"GET", "/covers/a%20b.png", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
         {"GET", "/covers/a%20b.png?size=small", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
         {"GET", "//covers/./a%20b.png", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
@@ -212,12 +205,10 @@ TEST_F(ServiceEndToEndTest, FilesAreServedFromTheDirectoryOnly)
         {"POST", "/notes.txt", 405, "text/plain; charset=utf-8", "method not allowed\n"},
         {"GET", "/tethrix", 426, "text/plain; charset=utf-8", "WebSocket endpoint\n"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.method + " " + c.target);
-        auto reply = zarvo::testkit::httpRequest(service.port(), c.method, c.target);
-        EXPECT_EQ(reply.status, c.status);
-        EXPECT_EQ(reply.contentType, c.contentType);
-        EXPECT_EQ(reply.body, c.body);
+    for (const auto& [method, target, status, contentType, body] : cases) {
+        auto reply = httpRequest(service.port(), method, target);
+        EXPECT_EQ(std::tie(reply.status, reply.contentType, reply.body), std::tie(status, contentType, body))
+            << method << " " << target;
     }
     EXPECT_EQ(zarvo::testkit::httpRequest(service.port(), "HEAD", "/notes.txt").contentLength, "5");
 }
