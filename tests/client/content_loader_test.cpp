@@ -49,6 +49,7 @@ protected:
 
 TEST_F(LoaderTest, QueryReachesTheServiceWithAllItsArgumentsAndTheAnswerArrivesOnlyWhenTheLoopRuns) {
     auto loader = makeLoader(observer);
+    loader->addObserver(&observer);  // already there: still told once
     loader->load(query(200, 50));
     ASSERT_EQ(service.queries().size(), 1u);
     const testkit::RecordedQuery& sent = service.queries()[0];

@@ -193,6 +193,10 @@ TEST(SortCompilerTest, ErrorsNameWhatAndWhere)
         SCOPED_TRACE(c.text);
         expectRefused([&] { compileSort(c.text, table); }, c);
     }
+    std::string keys = "id";
+    for (std::size_t i = 1; i < maxSortKeys; ++i) keys += ",id";
+    EXPECT_EQ(compileSort(keys, table).size(), maxSortKeys);
+    expectRefused([&] { compileSort(keys + ",id", table); }, {keys, "sort: too many keys", keys.size() + 1});
 }
 
 TEST(ColumnTypesTest, DeclaredTypesMapToClientTypes)
