@@ -11,7 +11,7 @@
 #define TETHRIX_SERVICE_RUNTIME_DATA_HUB_H
 
 #include "runtime_data.h"
-#include "runtime_tree.h"
+#include "runtime_node.h"
 
 #include <tethrix/protocol/runtime_update.h>
 

@@ -7,7 +7,7 @@
 #ifndef TETHRIX_SERVICE_RUNTIME_FILE_H
 #define TETHRIX_SERVICE_RUNTIME_FILE_H
 
-#include "runtime_tree.h"
+#include "runtime_node.h"
 
 #include <string>
 #include <vector>

@@ -1,25 +1,17 @@
-#include <zarvo/testkit/recording_observer.h>
-
 #include <zarvo/client.h>
 #include <zarvo/client/client_core.h>
 #include <zarvo/client/transport.h>
-#include <zarvo/content_loader.h>
 #include <zarvo/runtime_data.h>
 #include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/recording_observer.h>
 #include <zarvo/testkit/scripted_service.h>
 #include <zarvo/testkit/test_host.h>
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <chrono>
-#include <string>
 #include <thread>
-#include <vector>
 
 namespace zarvo {
-
-using namespace zarvo::testkit;
 namespace {
 
 using ::testing::ElementsAre;
@@ -55,10 +47,10 @@ protected:
     RecordingObserver observer;
 };
 
-TEST_F(LoaderTest, QueryReachesTheServiceWithAllItsArguments) {
+TEST_F(LoaderTest, QueryReachesTheServiceWithAllItsArgumentsAndTheAnswerArrivesOnlyWhenTheLoopRuns) {
     auto loader = makeLoader(observer);
+    loader->addObserver(&observer);  // already there: still told once
     loader->load(query(200, 50));
-
     ASSERT_EQ(service.queries().size(), 1u);
     const testkit::RecordedQuery& sent = service.queries()[0];
     EXPECT_EQ(sent.loaderId, loader->getLoaderId());
@@ -69,18 +61,13 @@ TEST_F(LoaderTest, QueryReachesTheServiceWithAllItsArguments) {
     EXPECT_EQ(sent.count, 50);
     EXPECT_EQ(sent.sort, "title DESC");
     EXPECT_EQ(service.openQueryCount(), 1u);
-}
 
-TEST_F(LoaderTest, AnswerArrivesOnlyWhenTheLoopRuns) {
-    auto loader = makeLoader(observer);
-    loader->load(query(7, 1));
-    replyOneSong(service.queries()[0], "Blue");
+    replyOneSong(sent, "Blue");
     EXPECT_EQ(observer.deliveries(), 0u);
     EXPECT_EQ(service.openQueryCount(), 0u);
-
     host.runUntilIdle();
     ASSERT_EQ(observer.results.size(), 1u);
-    EXPECT_EQ(observer.results[0].startIndex, 7u);
+    EXPECT_EQ(observer.results[0].startIndex, 200u);
     EXPECT_THAT(observer.results[0].columns, ElementsAre("title", "year"));
     EXPECT_THAT(observer.results[0].rows, ElementsAre(ElementsAre("Blue", "2001")));
     EXPECT_THAT(observer.loaders, ElementsAre(loader.get()));
@@ -134,16 +121,19 @@ TEST_F(LoaderTest, RemovedObserverAndDestroyedLoaderGetNothing) {
     EXPECT_EQ(other.results[0].rows[0][0], "kept");
 }
 
-TEST_F(LoaderTest, ObserverRemovedDuringADeliveryIsNotCalledForIt) {
-    RecordingObserver second;
-    auto loader = makeLoader(observer);
-    loader->addObserver(&second);
-    observer.afterDelivery = [&] { loader->removeObserver(&second); };
-    loader->load(query());
-    replyOneSong(service.queries()[0], "x");
-    host.runUntilIdle();
-    EXPECT_EQ(observer.deliveries(), 1u);
-    EXPECT_EQ(second.deliveries(), 0u);
+TEST_F(LoaderTest, AnObserverMayRemoveAnotherOrDestroyTheLoaderDuringADelivery) {
+    for (bool destroy : {false, true}) {
+        RecordingObserver first;
+        RecordingObserver second;
+        auto loader = makeLoader(first);
+        loader->addObserver(&second);
+        first.afterDelivery = [&] { destroy ? loader.reset() : loader->removeObserver(&second); };
+        loader->load(query());
+        replyOneSong(service.takeQueries()[0], "x");
+        host.runUntilIdle();
+        EXPECT_EQ(first.deliveries(), 1u);
+        EXPECT_EQ(second.deliveries(), 0u);
+    }
 }
 
 TEST_F(LoaderTest, ServiceErrorIsLoggedWithTheQueryAndTheLoaderGetsNothing) {
@@ -253,18 +243,6 @@ TEST_F(LoaderTest, FirstUpdateOfEachSubscriptionFiresEveryValueItSetsEvenIfEqual
     service.pushRuntimeUpdate(service.subscriptions()[1], "", state);
     host.runUntilIdle();
     EXPECT_EQ(fired, 2);
-}
-
-TEST_F(LoaderTest, ObserverMayDestroyTheLoaderThatDeliversToIt) {
-    RecordingObserver second;
-    auto loader = makeLoader(observer);
-    loader->addObserver(&second);
-    observer.afterDelivery = [&] { loader.reset(); };
-    loader->load(query());
-    replyOneSong(service.queries()[0], "x");
-    host.runUntilIdle();
-    EXPECT_EQ(observer.deliveries(), 1u);
-    EXPECT_EQ(second.deliveries(), 0u);
 }
 
 // A transport whose service answers from a thread of its own.

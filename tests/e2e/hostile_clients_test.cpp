@@ -107,10 +107,11 @@ struct HostileCase {
     std::function<std::vector<std::unique_ptr<RawConnection>>(unsigned short port)> attack;
 };
 
-std::vector<std::unique_ptr<RawConnection>> one(unsigned short port, bool upgrade)
+/// `count` connections, upgraded to WebSocket or not.
+std::vector<std::unique_ptr<RawConnection>> open(unsigned short port, bool upgrade, int count = 1)
 {
     std::vector<std::unique_ptr<RawConnection>> connections;
-    connections.push_back(std::make_unique<RawConnection>(port, upgrade));
+    for (int i = 0; i < count; ++i) connections.push_back(std::make_unique<RawConnection>(port, upgrade));
     return connections;
 }
 
@@ -130,7 +131,7 @@ TEST(HostileClientsTest, NoClientKeepsAnotherFromItsBlocks)
     const std::vector<HostileCase> cases = {
         {"asks for every row, again and again, and never reads", false,
          [](unsigned short port) {
-             auto connections = one(port, true);
+             auto connections = open(port, true);
              connections[0]->writeFrame(R"({"type":"hello","version":1})");
              for (int id = 1; id <= 200; ++id) {
                  connections[0]->writeFrame(R"({"type":"query","id":)" + std::to_string(id) +
@@ -141,28 +142,24 @@ TEST(HostileClientsTest, NoClientKeepsAnotherFromItsBlocks)
          }},
         {"sends junk instead of a request", true,
          [](unsigned short port) {
-             auto connections = one(port, false);
+             auto connections = open(port, false);
              connections[0]->write(std::string("\x16\x03\x01\x02\x00\x01\x00\x01\xfc\x03\x03\r\n\r\n", 15));
              return connections;
          }},
         {"stops in the middle of a frame", true,
          [](unsigned short port) {
-             auto connections = one(port, true);
+             auto connections = open(port, true);
              connections[0]->write(std::string("\x81\xe4\0\0\0\0{\"type\":\"pi", 16));
              return connections;
          }},
         {"announces a frame of 2 GB", true,
          [](unsigned short port) {
-             auto connections = one(port, true);
+             auto connections = open(port, true);
              connections[0]->write(std::string("\x81\xff\0\0\0\0\x80\0\0\0\0\0\0\0{", 15));
              return connections;
          }},
         {"opens a thousand connections and says nothing", true,
-         [](unsigned short port) {
-             std::vector<std::unique_ptr<RawConnection>> connections;
-             for (int i = 0; i < 1000; ++i) connections.push_back(std::make_unique<RawConnection>(port, false));
-             return connections;
-         }},
+         [](unsigned short port) { return open(port, false, 1000); }},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);

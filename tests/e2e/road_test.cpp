@@ -1,16 +1,12 @@
 // The whole road against a real tethrix-service: a source of the plug-in,
 // loaded as zarvo-host loads it, fills its lists and records over a socket,
 // and the host program's commands show what it holds.
-#include <zarvo/testkit/files.h>
-#include <zarvo/testkit/process.h>
-#include <zarvo/testkit/running_service.h>
-
 #include "host_session.h"
-#include <zarvo/host/list_view.h>
 #include "service_connection.h"
 #include "tree_printer.h"
-#include "tree_watcher.h"
-
+#include <zarvo/host/list_view.h>
+#include <zarvo/testkit/files.h>
+#include <zarvo/testkit/running_service.h>
 
 #include <gmock/gmock.h>
 
@@ -18,10 +14,9 @@
 #include <sstream>
 
 namespace zarvo {
-namespace test {
+namespace {
 
 using namespace zarvo::testkit;
-namespace {
 
 using ::testing::HasSubstr;
 
@@ -79,14 +74,6 @@ protected:
 
     std::string database() const { return directory.file("media.db"); }
 
-    host::SourceOptions sourceOptions(const std::string& sources) const {
-        host::SourceOptions options;
-        options.declaration = declaration(sources);
-        options.serviceUrl = service->url();
-        options.wait = GENEROUS_WAIT;
-        return options;
-    }
-
     ProgramResult host(std::vector<std::string> arguments, const std::string& sources) const {
         for (const std::string& option :
              {std::string("--service"), service->url(), std::string("--declaration"), declaration(sources)}) {
@@ -100,7 +87,11 @@ protected:
 };
 
 TEST_F(Road, AListScrolledToItsEndShowsEveryRowWithItsOwnValues) {
-    host::HostSession session(sourceOptions(TRACKS_SOURCE));
+    host::SourceOptions options;
+    options.declaration = declaration(TRACKS_SOURCE);
+    options.serviceUrl = service->url();
+    options.wait = GENEROUS_WAIT;
+    host::HostSession session(options);
     session.settle();
     auto list = std::dynamic_pointer_cast<DataObjectList>(session.source().lookupDataContext("tracks"));
     ASSERT_TRUE(list);
@@ -185,5 +176,4 @@ TEST_F(Road, WatchCommandPrintsChangesAsTheyComeAndEndsAtSigint) {
 }
 
 }  // namespace
-}  // namespace test
 }  // namespace zarvo

@@ -2,15 +2,12 @@
 // HTTP endpoint that publishes and reads trees, and the publish command.
 #include "publish_command.h"
 #include "websocket_session.h"
-#include <zarvo/testkit/running_service.h>
 #include <zarvo/testkit/files.h>
 #include <zarvo/testkit/running_service.h>
+#include <zarvo/testkit/thrown.h>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <boost/asio/connect.hpp>
 #include <boost/asio/write.hpp>
+#include <gtest/gtest.h>
 
 #include <fstream>
 #include <sstream>
@@ -19,10 +16,6 @@ namespace tethrix::service {
 namespace {
 
 using namespace zarvo::testkit;
-
-using ::testing::HasSubstr;
-
-
 
 const std::string initialState = R"({"values":{"volume":3,"queue":[{"title":"Cold Light"}]}})";
 
@@ -150,35 +143,19 @@ TEST(PublishCommandTest, ArgumentsAreCheckedBeforeAnythingIsSent)
          "cannot read \"/nonexistent/update.json\""},
     };
     for (const auto& [arguments, message] : cases) {
-        try {
-            parsePublishCommand(arguments);
-            ADD_FAILURE() << "accepted: " << ::testing::PrintToString(arguments);
-        } catch (const std::invalid_argument& error) {
-            EXPECT_EQ(error.what(), message);
-        }
+        EXPECT_EQ(thrownMessage<std::invalid_argument>([&] { parsePublishCommand(arguments); }), message);
     }
     auto request = parsePublishCommand({"--service", "ws://[::1]:9000/tethrix", "player", "{}"});
     EXPECT_EQ(request.host, "::1");
     EXPECT_EQ(request.port, "9000");
 }
 
-TEST(PublishCommandTest, AServiceThatIsNotThereIsOneLineAndExitCodeOne)
+TEST_F(RuntimeEndpointTest, PublishingToAServiceThatIsNotThereIsOneLineAndExitCodeOne)
 {
-    unsigned short port = 0;
-    {
-        zarvo::testkit::TemporaryDirectory directory;
-        zarvo::testkit::executeSql(directory.path() / "media.db", zarvo::testkit::tracksScript(1));
-        ServiceOptions options;
-        options.database = (directory.path() / "media.db").string();
-        RunningService probe(options);  // a port that is free again once it stops
-        port = probe.port();
-    }
-    std::ostringstream out;
-    std::ostringstream err;
-    const std::string where = "127.0.0.1:" + std::to_string(port);
-    EXPECT_EQ(runPublishCommand({"--service", where, "player", "{}"}, out, err), 1);
-    EXPECT_EQ(out.str(), "");
-    EXPECT_EQ(err.str(), "tethrix-service publish: cannot publish to " + where + ": Connection refused\n");
+    const std::string where = "127.0.0.1:" + std::to_string(service.port());
+    service.stop();
+    EXPECT_EQ(publish({"player", "{}"}),
+              std::make_pair(1, "tethrix-service publish: cannot publish to " + where + ": Connection refused\n"));
 }
 
 }  // namespace

@@ -1,20 +1,20 @@
 // The service over real sockets on 127.0.0.1: the protocol conversation,
-// several clients, cancelling, hostile frames, and files over HTTP.
-#include <zarvo/testkit/running_service.h>
+// several clients, cancelling, hostile frames, and files over HTTP; and
+// tethrix-service as scripts and other tests run it.
 #include <zarvo/testkit/files.h>
+#include <zarvo/testkit/process.h>
 #include <zarvo/testkit/running_service.h>
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <fstream>
+#include <tuple>
 
 namespace tethrix::service {
 namespace {
 
 using namespace zarvo::testkit;
-
-
-
 
 const std::string tracksUri = "content://com.tavelorix.content/tracks";
 const std::string bigUri = "content://com.tavelorix.content/big";
@@ -71,17 +71,12 @@ protected:
 
 zarvo::testkit::TemporaryDirectory* ServiceEndToEndTest::directory = nullptr;
 
-TEST_F(ServiceEndToEndTest, HelloTellsTheVersionAndWhereFilesAre)
+TEST_F(ServiceEndToEndTest, HelloTellsWhereFilesAreAndQueriesAreAnsweredWithResultsOrErrors)
 {
     ProtocolClient client(service.port());
     EXPECT_EQ(client.serverHello().version, protocol::protocolVersion);
     EXPECT_EQ(client.serverHello().software, "tethrix-service");
     EXPECT_EQ(client.serverHello().filesBaseUrl, "http://127.0.0.1:" + std::to_string(service.port()) + "/");
-}
-
-TEST_F(ServiceEndToEndTest, QueriesAreAnsweredWithResultsOrErrors)
-{
-    ProtocolClient client(service.port());
     client.send(query(1, tracksUri, {"id", "title"}, "artist_id=2", "id DESC", 1, 2));
     auto result = client.receiveAs<protocol::Result>();
     EXPECT_EQ(result.id, 1u);
@@ -103,7 +98,7 @@ TEST_F(ServiceEndToEndTest, QueriesAreAnsweredWithResultsOrErrors)
     EXPECT_EQ(bad.position, std::optional<std::uint64_t>(5));
 }
 
-TEST_F(ServiceEndToEndTest, CancelDropsTheAnswer)
+TEST_F(ServiceEndToEndTest, CancelDropsAWaitingAnswerAndFreesTheWorkerOfARunningOne)
 {
     ProtocolClient client(service.port());
     client.send(slowQuery(1));                                // keeps the worker busy
@@ -113,13 +108,8 @@ TEST_F(ServiceEndToEndTest, CancelDropsTheAnswer)
     client.send(query(3, tracksUri, {"id"}, "", "", 5, 1));
     // Answers come in order; had query 2 been answered, it would be here.
     EXPECT_EQ(client.receiveAs<protocol::Result>().id, 1u);
-    auto third = client.receiveAs<protocol::Result>();
-    EXPECT_EQ(third.id, 3u);
-}
+    EXPECT_EQ(client.receiveAs<protocol::Result>().id, 3u);
 
-TEST_F(ServiceEndToEndTest, CancellingARunningQueryFreesTheWorker)
-{
-    ProtocolClient client(service.port());
     client.send(slowQuery(1));
     client.send(protocol::Cancel{1});
     client.send(query(1, tracksUri, {"id"}, "", "", 7, 1));  // the id is free again
@@ -140,8 +130,6 @@ TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
     const std::vector<Case> cases = {
         {"not json", std::nullopt, "not JSON"},
         {R"({"type":"query","id":4,"uri":"x"})", 4, "missing \"columns\""},
-        {R"({"type":"launch"})", std::nullopt, "unknown message type"},
-        {R"({"type":"launch","id":6})", 6, "unknown message type"},
         {R"({"type":"result","id":1,"startIndex":0,"columns":[],"rows":[]})", std::nullopt,
          "unexpected message \"result\" from a client"},
         {R"({"type":"hello","version":1})", std::nullopt, "unexpected message \"hello\""},
@@ -160,7 +148,7 @@ TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
     EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 9u);
 }
 
-TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAreRefused)
+TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAndAnotherProtocolVersionAreRefused)
 {
     ProtocolClient client(service.port(), false);
     client.send(query(3, tracksUri, {"id"}));
@@ -171,16 +159,13 @@ TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAreRefused)
     client.receiveAs<protocol::Hello>();
     client.send(query(4, tracksUri, {"id"}, "", "", 0, 1));
     EXPECT_EQ(client.receiveAs<protocol::Result>().id, 4u);
-}
 
-TEST_F(ServiceEndToEndTest, AnotherProtocolVersionIsRefusedAndClosed)
-{
-    ProtocolClient client(service.port(), false);
-    client.send(protocol::Hello{2, "future", ""});
-    auto error = client.receiveAs<protocol::Error>();
-    EXPECT_EQ(error.id, std::nullopt);
-    EXPECT_EQ(error.reason, "unsupported protocol version 2; this service speaks 1");
-    EXPECT_EQ(client.awaitClose(), std::optional<int>(1002));
+    ProtocolClient future(service.port(), false);
+    future.send(protocol::Hello{2, "future", ""});
+    auto refused = future.receiveAs<protocol::Error>();
+    EXPECT_EQ(refused.id, std::nullopt);
+    EXPECT_EQ(refused.reason, "unsupported protocol version 2; this service speaks 1");
+    EXPECT_EQ(future.awaitClose(), std::optional<int>(1002));
 }
 
 TEST_F(ServiceEndToEndTest, OversizedFramesCloseTheConnection)
@@ -200,17 +185,9 @@ TEST_F(ServiceEndToEndTest, StoppingTheServiceClosesConnectionsAsGoingAway)
     EXPECT_EQ(client.awaitClose(), std::optional<int>(1001));
 }
 
-struct FileCase {
-    std::string method;
-    std::string target;
-    int status;
-    std::string contentType;
-    std::string body;
-};
-
 TEST_F(ServiceEndToEndTest, FilesAreServedFromTheDirectoryOnly)
 {
-    const std::vector<FileCase> cases = {
+    const std::vector<std::tuple<std::string, std::string, int, std::string, std::string>> cases = {
         {"GET", "/covers/a%20b.png", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
         {"GET", "/covers/a%20b.png?size=small", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
         {"GET", "//covers/./a%20b.png", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
@@ -228,14 +205,81 @@ TEST_F(ServiceEndToEndTest, FilesAreServedFromTheDirectoryOnly)
         {"POST", "/notes.txt", 405, "text/plain; charset=utf-8", "method not allowed\n"},
         {"GET", "/tethrix", 426, "text/plain; charset=utf-8", "WebSocket endpoint\n"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.method + " " + c.target);
-        auto reply = zarvo::testkit::httpRequest(service.port(), c.method, c.target);
-        EXPECT_EQ(reply.status, c.status);
-        EXPECT_EQ(reply.contentType, c.contentType);
-        EXPECT_EQ(reply.body, c.body);
+    for (const auto& [method, target, status, contentType, body] : cases) {
+        auto reply = httpRequest(service.port(), method, target);
+        EXPECT_EQ(std::tie(reply.status, reply.contentType, reply.body), std::tie(status, contentType, body))
+            << method << " " << target;
     }
     EXPECT_EQ(zarvo::testkit::httpRequest(service.port(), "HEAD", "/notes.txt").contentLength, "5");
+}
+
+
+
+class ProgramTest : public ::testing::Test {
+protected:
+    void SetUp() override { zarvo::testkit::executeSql(database, zarvo::testkit::tracksScript(10)); }
+
+    zarvo::testkit::TemporaryDirectory directory;
+    std::filesystem::path database = directory.path() / "media.db";
+};
+
+TEST_F(ProgramTest, ServesOnAFreePortLogsQueriesAndStopsCleanlyOnSignals)
+{
+    for (int stopSignal : {SIGTERM, SIGINT}) {
+        const std::string errors = directory.file("errors-" + std::to_string(stopSignal));
+        ChildProcess program(builtFile("bin/tethrix-service"),
+                             {"--db", database.string(), "--port", "0", "--log-queries"}, errors);
+        ASSERT_TRUE(program.readUntil("\n"));
+        const std::string line = program.outputSoFar();
+        ASSERT_EQ(line.rfind("listening on 127.0.0.1:", 0), 0u) << line;
+        auto port = static_cast<unsigned short>(std::stoi(line.substr(line.rfind(':') + 1)));
+        {
+            zarvo::testkit::ProtocolClient client(port);
+            client.send(protocol::Query{7, "content://com.tavelorix.content/tracks", {"id", "title"}, "id>8", "", 0, 0});
+            EXPECT_EQ(client.receiveAs<protocol::Result>().rows.size(), 2u);
+        }
+        program.signal(stopSignal);
+        EXPECT_EQ(program.wait(), 0);
+        // One line per query; only the time varies.
+        std::string log = readFile(errors);
+        const std::string fixed = "query id=7 uri=\"content://com.tavelorix.content/tracks\" columns=\"[id,title]\" "
+                                  "filter=\"id>8\" sort=\"\" index=0 count=0 rows=2 ms=";
+        ASSERT_EQ(log.substr(0, fixed.size()), fixed) << log;
+        std::string time = log.substr(fixed.size());
+        EXPECT_TRUE(time.size() >= 5 && time.back() == '\n' && time[time.size() - 4] == '.' &&
+                    time.find_first_not_of("0123456789.\n") == std::string::npos)
+            << time;
+    }
+}
+
+TEST_F(ProgramTest, CannotStartSaysWhyInOneLine)
+{
+    std::ofstream(directory.path() / "not-a-database") << "plain text, long enough to be no SQLite header at all";
+    std::ofstream(directory.path() / "radio.xml") << "<sources service='radio'>\n<string value='FM 4'/></sources>";
+    std::ofstream(directory.path() / "radio.xml.ok") << "<sources service='radio'><string name='station'/></sources>";
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"--db", database.string(), "--frobnicate"}, "tethrix-service: unknown option \"--frobnicate\" (see --help)\n"},
+        {{"--db", (directory.path() / "missing.db").string()},
+         "tethrix-service: cannot open " + (directory.path() / "missing.db").string() + ": unable to open database file\n"},
+        {{"--db", (directory.path() / "not-a-database").string()},
+         "tethrix-service: cannot open " + (directory.path() / "not-a-database").string() + ": file is not a database\n"},
+        {{"--db", database.string(), "--bind", "localhost:80"}, "tethrix-service: bad bind address \"localhost:80\"\n"},
+        {{"--db", database.string(), "--runtime", (directory.path() / "radio.xml").string()},
+         "tethrix-service: " + (directory.path() / "radio.xml").string() +
+             ": servicedata://radio: line 2, <string>: a node needs a name\n"},
+        {{"--db", database.string(), "--simulate", "player"},
+         "tethrix-service: --simulate player: no runtime data \"player\" was loaded; give its tree with --runtime, "
+         "e.g. examples/player.xml\n"},
+        {{"--db", database.string(), "--runtime", (directory.path() / "radio.xml").string() + ".ok", "--simulate",
+          "radio"},
+         "tethrix-service: --simulate radio: the tree does not fit the player: update refused at the top: no node "
+         "called \"state\"\n"},
+    };
+    for (const auto& [arguments, message] : cases) {
+        const ProgramResult result = runProgram(builtFile("bin/tethrix-service"), arguments);
+        EXPECT_EQ(result.err, message);
+        EXPECT_EQ(result.status, 1);
+    }
 }
 
 }  // namespace

@@ -1,8 +1,25 @@
 // Every input is one frame as the service receives it. Decoding must never
-// crash or throw, and whatever decodes must survive encode and decode again.
-#include <tethrix/protocol/fuzz_decode.h>
+// crash or throw, and whatever decodes must survive encode and a second
+// decode unchanged; a violation aborts, which is what a fuzzer reports.
+#include <tethrix/protocol/codec.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    return tethrix::protocol::fuzzDecode(data, size);
+    using namespace tethrix::protocol;
+    std::string_view frame(reinterpret_cast<const char*>(data), size);
+    Decoded first = decode(frame, maxResultFrameBytes);
+    if (!first) return 0;
+    std::string again = encode(*first.message);
+    Decoded second = decode(again, maxResultFrameBytes);
+    if (!second || *second.message != *first.message) {
+        std::fprintf(stderr, "round trip changed a message: %s\n", again.c_str());
+        std::abort();
+    }
+    return 0;
 }

@@ -3,7 +3,7 @@
 // crash; every tree it takes must give a state that applies back to the
 // tree unchanged, as each subscriber's first update does.
 #include "runtime_file.h"
-#include "runtime_tree.h"
+#include "runtime_node.h"
 
 #include <tethrix/protocol/runtime_state.h>
 #include <tethrix/protocol/runtime_update.h>

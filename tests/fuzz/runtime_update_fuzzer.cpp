@@ -3,7 +3,7 @@
 // An update is applied whole or not at all: a refused one leaves the state
 // as it was; an applied one leaves a state that applies back unchanged.
 #include "runtime_file.h"
-#include "runtime_tree.h"
+#include "runtime_node.h"
 
 #include <tethrix/protocol/runtime_state.h>
 #include <tethrix/protocol/runtime_update.h>

@@ -9,11 +9,12 @@
 
 #include <boost/lexical_cast.hpp>
 
-#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 
@@ -27,35 +28,6 @@ class NullLogger : public zarvo::Logger {
 public:
     void writeOverride(zarvo::LogLevel, zarvo::string_view, zarvo::string_view, zarvo::string_view, unsigned int,
                        zarvo::string_view) override {}
-};
-
-// One scratch file per process, rewritten for every input.
-class ScratchFile {
-public:
-    ScratchFile() {
-        const char* directory = std::getenv("TMPDIR");
-        path = std::string(directory != nullptr && *directory != '\0' ? directory : "/tmp") +
-               "/xml_configuration_reader_fuzzer-XXXXXX";
-        const int descriptor = mkstemp(&path[0]);
-        if (descriptor < 0) {
-            std::perror("xml_configuration_reader_fuzzer: cannot create a scratch file");
-            std::abort();
-        }
-        close(descriptor);
-    }
-    ~ScratchFile() { std::remove(path.c_str()); }
-
-    const std::string& write(const std::uint8_t* data, std::size_t size) {
-        std::FILE* file = std::fopen(path.c_str(), "wb");
-        if (file == nullptr || std::fwrite(data, 1, size, file) != size || std::fclose(file) != 0) {
-            std::perror("xml_configuration_reader_fuzzer: cannot write the scratch file");
-            std::abort();
-        }
-        return path;
-    }
-
-private:
-    std::string path;
 };
 
 void readExpectingOnlyAllowedFailures(const std::string& fileName, const std::string& declaration) {
@@ -74,11 +46,16 @@ void readExpectingOnlyAllowedFailures(const std::string& fileName, const std::st
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static NullLogger nullLogger;
-    static ScratchFile scratch;
+    // One scratch file per process, rewritten for every input.
+    static const std::string scratch =
+        (std::filesystem::temp_directory_path() / ("xml_configuration_reader_fuzzer-" + std::to_string(getpid())))
+            .string();
     zarvo::DefaultLogger::s_chainedLogger = &nullLogger;
 
     const std::string text(reinterpret_cast<const char*>(data), size);
     readExpectingOnlyAllowedFailures(std::string(), text);
-    readExpectingOnlyAllowedFailures(scratch.write(data, size), text);
+    std::ofstream(scratch, std::ios::binary | std::ios::trunc) << text;
+    readExpectingOnlyAllowedFailures(scratch, text);
+    std::remove(scratch.c_str());
     return 0;
 }

@@ -1,16 +1,14 @@
 #include "options.h"
 
 #include <zarvo/testkit/files.h>
-#include <zarvo/testkit/running_service.h>
+#include <zarvo/testkit/thrown.h>
 
 #include <gtest/gtest.h>
 
 namespace tethrix::service {
 namespace {
 
-using namespace zarvo::testkit;
-
-TEST(OptionsTest, ReadsEveryOption)
+TEST(OptionsTest, ReadsEveryOptionAndDefaultsServeTheLocalHostOnAFreePort)
 {
     zarvo::testkit::TemporaryDirectory directory;
     auto line = parseCommandLine({"--db", "media.db", "--port=8080", "--bind", "0.0.0.0", "--files",
@@ -22,16 +20,13 @@ TEST(OptionsTest, ReadsEveryOption)
     EXPECT_EQ(line.options.files, std::optional(directory.path()));
     EXPECT_EQ(line.options.authority, "org.example");
     EXPECT_TRUE(line.options.logQueries);
-}
 
-TEST(OptionsTest, DefaultsServeTheLocalHostOnAFreePort)
-{
-    auto line = parseCommandLine({"--db", "media.db"});
-    EXPECT_EQ(line.options.bind, "127.0.0.1");
-    EXPECT_EQ(line.options.port, 0);
-    EXPECT_EQ(line.options.authority, "com.tavelorix.content");
-    EXPECT_FALSE(line.options.files);
-    EXPECT_FALSE(line.options.logQueries);
+    auto defaults = parseCommandLine({"--db", "media.db"});
+    EXPECT_EQ(defaults.options.bind, "127.0.0.1");
+    EXPECT_EQ(defaults.options.port, 0);
+    EXPECT_EQ(defaults.options.authority, "com.tavelorix.content");
+    EXPECT_FALSE(defaults.options.files);
+    EXPECT_FALSE(defaults.options.logQueries);
     EXPECT_TRUE(parseCommandLine({"--help"}).help);
 }
 
@@ -49,12 +44,7 @@ TEST(OptionsTest, BadCommandLinesSayWhatIsWrong)
         {{"--db", "x", "--files", "/no/such/directory"}, "--files: \"/no/such/directory\" is not a directory"},
     };
     for (const auto& [arguments, reason] : cases) {
-        try {
-            parseCommandLine(arguments);
-            ADD_FAILURE() << reason;
-        } catch (const std::invalid_argument& error) {
-            EXPECT_EQ(error.what(), reason);
-        }
+        EXPECT_EQ(zarvo::testkit::thrownMessage<std::invalid_argument>([&] { parseCommandLine(arguments); }), reason);
     }
 }
 

@@ -3,8 +3,8 @@
 // reader, the update planner and the state writer of protocol/ work on it
 // through RuntimeTreeModel, which is why a node's members have the names of
 // the client's RuntimeDataObject.
-#ifndef TETHRIX_SERVICE_RUNTIME_TREE_H
-#define TETHRIX_SERVICE_RUNTIME_TREE_H
+#ifndef TETHRIX_SERVICE_RUNTIME_NODE_H
+#define TETHRIX_SERVICE_RUNTIME_NODE_H
 
 #include <tethrix/protocol/runtime_tree.h>
 

@@ -4,8 +4,8 @@
 //     title:string=x{k=v}     a value with string properties
 //     player(a,b)             a plain object and its children
 //     queue[template t(..);r(..),r(..)]   a list, its template and rows
-#ifndef ZARVO_TESTS_CLIENT_RUNTIME_DATA_DUMP_H
-#define ZARVO_TESTS_CLIENT_RUNTIME_DATA_DUMP_H
+#ifndef ZARVO_TESTKIT_RUNTIME_DATA_TEXT_H
+#define ZARVO_TESTKIT_RUNTIME_DATA_TEXT_H
 
 #include <zarvo/runtime_data.h>
 
@@ -16,7 +16,7 @@
 #include <string>
 
 namespace zarvo {
-namespace test {
+namespace testkit {
 
 inline std::string dumpRuntimeData(const RuntimeDataObject& node) {
     static const char* const typeNames[] = {"", "integer", "real", "boolean", "string"};
@@ -62,7 +62,7 @@ inline std::shared_ptr<RuntimeDataObject> buildRuntimeData(const std::string& xm
     return RuntimeDataBuilder::build(document.RootElement());
 }
 
-}  // namespace test
+}  // namespace testkit
 }  // namespace zarvo
 
 #endif

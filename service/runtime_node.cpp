@@ -1,4 +1,4 @@
-#include "runtime_tree.h"
+#include "runtime_node.h"
 
 #include <tethrix/protocol/value_text.h>
 
