@@ -1,5 +1,6 @@
 #include "datasource/content_adapter.h"
 
+#include "datasource/pooled_allocator.h"
 #include "datasource/tethrix_data_object_list.h"
 #include "datasource/tethrix_runtime_data_object_list.h"
 
@@ -126,16 +127,16 @@ void ContentAdapter::createDataObjects(std::shared_ptr<DataObject> target) {
         std::shared_ptr<DataObject> child;
         switch (field.type) {
         case DataObject::TypeInteger:
-            child = std::make_shared<DataObjectInteger>(domain, field.name);
+            child = makePooled<DataObjectInteger>(domain, field.name);
             break;
         case DataObject::TypeReal:
-            child = std::make_shared<DataObjectReal>(domain, field.name);
+            child = makePooled<DataObjectReal>(domain, field.name);
             break;
         case DataObject::TypeBoolean:
-            child = std::make_shared<DataObjectBoolean>(domain, field.name);
+            child = makePooled<DataObjectBoolean>(domain, field.name);
             break;
         case DataObject::TypeString:
-            child = std::make_shared<DataObjectString>(domain, field.name);
+            child = makePooled<DataObjectString>(domain, field.name);
             break;
         case DataObject::TypeList:
             child = createDataObjectList(field);

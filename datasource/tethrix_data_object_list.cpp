@@ -1,6 +1,7 @@
 #include "datasource/tethrix_data_object_list.h"
 
 #include "datasource/content_adapter.h"
+#include "datasource/pooled_allocator.h"
 #include "datasource/tethrix_runtime_data_object_list.h"
 
 #include <zarvo/log.h>
@@ -129,7 +130,7 @@ std::shared_ptr<DataObject> TethrixDataObjectList::Cache::getItem(Domain* domain
     if (slot.firstEntry == noEntry) {
         ++lastChunk->used;  // slotFor() left the row's chunk as the last one found
     }
-    slot.item = std::make_shared<DataObject>(domain, "row" + boost::lexical_cast<std::string>(index));
+    slot.item = makePooled<DataObject>(domain, "row" + boost::lexical_cast<std::string>(index));
     setState(slot, Created);
     return slot.item;
 }
