@@ -6,9 +6,9 @@
 
 #include <zarvo/log.h>
 
-#include <boost/lexical_cast.hpp>
-
 #include <algorithm>
+#include <cstring>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -69,7 +69,8 @@ TethrixDataObjectList::Cache::Slot& TethrixDataObjectList::Cache::slotFor(std::u
     }
     const std::uint64_t number = index >> chunkShift;
     std::unique_ptr<Chunk>& chunk = chunks[number];
-    chunk.reset(new Chunk());
+    // A chunk given up holds nothing any more, so it serves again as it is.
+    chunk = spareChunk ? std::move(spareChunk) : std::unique_ptr<Chunk>(new Chunk());
     lastChunkNumber = number;
     lastChunk = chunk.get();
     return lastChunk->slots[index & (chunkRows - 1)];
@@ -93,6 +94,9 @@ void TethrixDataObjectList::Cache::release(std::uint64_t index, Slot& slot) {
     if (lastChunkNumber == number) {
         lastChunkNumber = noEntry;
         lastChunk = nullptr;
+    }
+    if (!spareChunk) {
+        spareChunk = std::move(chunk->second);
     }
     chunks.erase(chunk);
 }
@@ -130,7 +134,18 @@ std::shared_ptr<DataObject> TethrixDataObjectList::Cache::getItem(Domain* domain
     if (slot.firstEntry == noEntry) {
         ++lastChunk->used;  // slotFor() left the row's chunk as the last one found
     }
-    slot.item = makePooled<DataObject>(domain, "row" + boost::lexical_cast<std::string>(index));
+    // "row" and the index in decimal, written in place: no string is made
+    // on the way to the row's own name.
+    char name[32] = "row";
+    char* digits = std::end(name);
+    std::uint64_t rest = index;
+    do {
+        *--digits = static_cast<char>('0' + rest % 10);
+        rest /= 10;
+    } while (rest != 0);
+    const std::size_t digitCount = static_cast<std::size_t>(std::end(name) - digits);
+    std::memmove(name + 3, digits, digitCount);
+    slot.item = makePooled<DataObject>(domain, string_view(name, 3 + digitCount));
     setState(slot, Created);
     return slot.item;
 }

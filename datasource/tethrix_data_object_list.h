@@ -110,6 +110,9 @@ public:
         OrderEntry& entryAt(std::uint64_t entry) { return order[static_cast<std::size_t>(entry - orderBase)]; }
 
         std::map<std::uint64_t, std::unique_ptr<Chunk>> chunks;
+        /// One emptied chunk kept for the next, as a jumping UI empties and
+        /// fills chunks by turns.
+        std::unique_ptr<Chunk> spareChunk;
         /// The chunk found last; most look-ups of a scrolling UI hit it.
         mutable std::uint64_t lastChunkNumber = noEntry;
         mutable Chunk* lastChunk = nullptr;
