@@ -225,7 +225,7 @@ void ContentAdapter::onContentLoadedList(ContentResult* result, bool valid) {
                 createDataObjects(item);
             }
             list->notifyItemLoaded(index, item);
-            onContentLoadedSingle(item, result);
+            onContentLoadedSingle(std::move(item), result);
         }
     }
     list->notifyLoadingFinished();
