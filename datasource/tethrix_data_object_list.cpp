@@ -33,9 +33,10 @@ const std::uint64_t residentBlocks = 5;
 const unsigned chunkShift = 8;
 const std::uint64_t chunkRows = std::uint64_t(1) << chunkShift;
 
-// Entries already consumed from the front of the purge order are dropped
-// from storage once they are this many and half of it, which keeps each
-// purge amortised constant per entry.
+// Entries consumed from the front of the purge order, or taken out of it by
+// a new reference, leave its storage once they are this many and half of
+// it, which keeps the order amortised constant per entry and its storage
+// near the entries that count.
 const std::size_t orderCompactionMinimum = 256;
 
 }  // namespace
@@ -115,9 +116,35 @@ void TethrixDataObjectList::Cache::appendToOrder(std::uint64_t index, Slot& slot
 void TethrixDataObjectList::Cache::takeFirstEntry(Slot& slot) {
     OrderEntry& entry = entryAt(slot.firstEntry);
     entry.live = false;
+    ++deadEntries;
     slot.firstEntry = entry.nextOfRow;
     if (slot.firstEntry == noEntry) {
         slot.lastEntry = noEntry;
+    }
+}
+
+void TethrixDataObjectList::Cache::compactOrder() {
+    // A list that never needs a purge would otherwise keep every entry that
+    // a new reference took out. The live entries are laid out again in the
+    // same order, and each row's links follow.
+    std::vector<OrderEntry> live;
+    live.reserve(order.size() - orderFront - deadEntries);
+    for (std::size_t i = orderFront; i < order.size(); ++i) {
+        if (order[i].live) {
+            live.push_back(order[i]);
+        }
+    }
+    for (const OrderEntry& entry : live) {
+        Slot* slot = find(entry.index);
+        slot->firstEntry = noEntry;
+        slot->lastEntry = noEntry;
+    }
+    orderBase += order.size();
+    order.clear();
+    orderFront = 0;
+    deadEntries = 0;
+    for (const OrderEntry& entry : live) {
+        appendToOrder(entry.index, *find(entry.index));
     }
 }
 
@@ -188,6 +215,9 @@ void TethrixDataObjectList::Cache::notifyReferenced(std::uint64_t index) {
     }
     ++slot->references;
     release(index, *slot);
+    if (deadEntries >= orderCompactionMinimum && deadEntries * 2 >= order.size() - orderFront) {
+        compactOrder();
+    }
 }
 
 std::uint64_t TethrixDataObjectList::Cache::notifyUnreferenced(std::uint64_t index) {
@@ -238,6 +268,7 @@ void TethrixDataObjectList::Cache::purge(std::uint64_t count) {
     while (left > 0 && orderFront < order.size()) {
         const OrderEntry entry = order[orderFront++];
         if (!entry.live) {
+            --deadEntries;
             continue;  // taken out by a later reference
         }
         Slot* owner = find(entry.index);
@@ -291,6 +322,7 @@ void TethrixDataObjectList::Cache::clear() {
     orderBase += order.size();
     order.clear();
     orderFront = 0;
+    deadEntries = 0;
 }
 
 TethrixDataObjectList::Cache::ItemMap TethrixDataObjectList::Cache::collect(State state) const {

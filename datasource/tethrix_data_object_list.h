@@ -106,6 +106,8 @@ public:
         void appendToOrder(std::uint64_t index, Slot& slot);
         /// Takes out the row's oldest entry of the purge order.
         void takeFirstEntry(Slot& slot);
+        /// Drops the entries taken out from the purge order's storage.
+        void compactOrder();
         ItemMap collect(State state) const;
         OrderEntry& entryAt(std::uint64_t entry) { return order[static_cast<std::size_t>(entry - orderBase)]; }
 
@@ -122,6 +124,8 @@ public:
         std::vector<OrderEntry> order;
         std::uint64_t orderBase = 0;
         std::size_t orderFront = 0;
+        /// Entries from `orderFront` on that a new reference took out.
+        std::size_t deadEntries = 0;
     };
 
     /// `blockSize` 0 makes a list that is not paged: the adapter fills it by
