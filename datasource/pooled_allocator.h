@@ -31,7 +31,7 @@ public:
     PooledAllocator(const PooledAllocator<U>&) {}
 
     T* allocate(std::size_t n) {
-        if (n == 1 && poolEnabled) {
+        if (n == 1 && poolEnabled && !blocksGone()) {
             std::vector<void*>& kept = freeBlocks().blocks;
             if (!kept.empty()) {
                 void* block = kept.back();
@@ -43,7 +43,7 @@ public:
     }
 
     void deallocate(T* pointer, std::size_t n) {
-        if (n == 1 && poolEnabled) {
+        if (n == 1 && poolEnabled && !blocksGone()) {
             std::vector<void*>& kept = freeBlocks().blocks;
             if (kept.size() < maxKeptBlocks) {
                 if (kept.capacity() == 0) {
@@ -72,11 +72,20 @@ private:
     struct FreeBlocks {
         std::vector<void*> blocks;
         ~FreeBlocks() {
+            blocksGone() = true;
             for (void* block : blocks) {
                 ::operator delete(block);
             }
         }
     };
+
+    // Set once the thread's list has gone: objects that outlive it (held by
+    // static storage, destroyed after the thread's own) use the heap alone.
+    // A plain flag, so that it can still be read then.
+    static bool& blocksGone() {
+        static thread_local bool gone = false;
+        return gone;
+    }
 
     static FreeBlocks& freeBlocks() {
         static thread_local FreeBlocks kept;
