@@ -1,5 +1,6 @@
 #include "datasource/content_adapter.h"
 
+#include "datasource/pooled_allocator.h"
 #include "datasource/tethrix_data_object_list.h"
 #include "datasource/tethrix_runtime_data_object_list.h"
 
@@ -126,16 +127,16 @@ void ContentAdapter::createDataObjects(std::shared_ptr<DataObject> target) {
         std::shared_ptr<DataObject> child;
         switch (field.type) {
         case DataObject::TypeInteger:
-            child = std::make_shared<DataObjectInteger>(domain, field.name);
+            child = makePooled<DataObjectInteger>(domain, field.name);
             break;
         case DataObject::TypeReal:
-            child = std::make_shared<DataObjectReal>(domain, field.name);
+            child = makePooled<DataObjectReal>(domain, field.name);
             break;
         case DataObject::TypeBoolean:
-            child = std::make_shared<DataObjectBoolean>(domain, field.name);
+            child = makePooled<DataObjectBoolean>(domain, field.name);
             break;
         case DataObject::TypeString:
-            child = std::make_shared<DataObjectString>(domain, field.name);
+            child = makePooled<DataObjectString>(domain, field.name);
             break;
         case DataObject::TypeList:
             child = createDataObjectList(field);
@@ -224,7 +225,7 @@ void ContentAdapter::onContentLoadedList(ContentResult* result, bool valid) {
                 createDataObjects(item);
             }
             list->notifyItemLoaded(index, item);
-            onContentLoadedSingle(item, result);
+            onContentLoadedSingle(std::move(item), result);
         }
     }
     list->notifyLoadingFinished();
@@ -233,24 +234,32 @@ void ContentAdapter::onContentLoadedList(ContentResult* result, bool valid) {
 void ContentAdapter::onContentLoadedSingle(std::shared_ptr<DataObject> target, ContentResult* result) {
     for (std::size_t c = 0; c < result->getColumnCount() && c < config->fields.size(); ++c) {
         const ContentAdapterConfiguration::Field& field = config->fields[c];
-        boost::any value;
+        // The cell goes to the data object as it came, once its type is
+        // checked against the column's: it already holds exactly the type
+        // the conversion takes, so it is neither unboxed nor boxed again.
+        const boost::any cell = result->getValueAny(c);
+        boost::any converted;
+        const boost::any* value = &cell;
         switch (result->getColumnType(c)) {
         case ContentDataTypeInteger:
-            value = boost::any_cast<int>(result->getValueAny(c));
+            static_cast<void>(boost::any_cast<const int&>(cell));
             break;
         case ContentDataTypeFloat:
-            value = boost::any_cast<float>(result->getValueAny(c));
+            static_cast<void>(boost::any_cast<const float&>(cell));
             break;
         case ContentDataTypeBool:
-            value = boost::any_cast<bool>(result->getValueAny(c));
+            static_cast<void>(boost::any_cast<const bool&>(cell));
             break;
         case ContentDataTypeString: {
-            std::string text = boost::any_cast<std::string>(result->getValueAny(c));
+            const std::string& text = boost::any_cast<const std::string&>(cell);
             if (field.type == DataObject::TypeList) {
                 expandDynamicSource(target, c, field, text);
                 continue;
             }
-            value = stringValueToStore(target, c, field, std::move(text));
+            if (!field.preloadUrl.empty()) {
+                converted = stringValueToStore(target, c, field, text);
+                value = &converted;
+            }
             break;
         }
         default:
@@ -259,7 +268,7 @@ void ContentAdapter::onContentLoadedSingle(std::shared_ptr<DataObject> target, C
             continue;
         }
         if (field.type != DataObject::TypeList) {
-            setDataObjectValueFromAny(target->getChild(c), value);
+            setDataObjectValueFromAny(target->getChild(c), *value);
         }
     }
 }
@@ -510,13 +519,13 @@ boost::any getDataObjectValueAsAny(std::shared_ptr<DataObject> dataObject) {
 namespace {
 
 template <typename Typed, typename Stored>
-void storeIfDifferent(const std::shared_ptr<DataObject>& dataObject, const Stored& value) {
-    auto typed = std::static_pointer_cast<Typed>(dataObject);
-    if (typed->getValue() == value) {
+void storeIfDifferent(DataObject& dataObject, const Stored& value) {
+    Typed& typed = static_cast<Typed&>(dataObject);
+    if (typed.getValue() == value) {
         return;
     }
-    typed->setValue(value);
-    typed->notifyModified();
+    typed.setValue(value);
+    typed.notifyModified();
 }
 
 }  // namespace
@@ -528,16 +537,16 @@ void setDataObjectValueFromAny(std::shared_ptr<DataObject> dataObject, const boo
     const DataObject::Type type = dataObject->getType();
     switch (type) {
     case DataObject::TypeInteger:
-        storeIfDifferent<DataObjectInteger>(dataObject, boost::any_cast<int>(value));
+        storeIfDifferent<DataObjectInteger>(*dataObject, boost::any_cast<int>(value));
         return;
     case DataObject::TypeReal:
-        storeIfDifferent<DataObjectReal>(dataObject, static_cast<double>(boost::any_cast<float>(value)));
+        storeIfDifferent<DataObjectReal>(*dataObject, static_cast<double>(boost::any_cast<float>(value)));
         return;
     case DataObject::TypeBoolean:
-        storeIfDifferent<DataObjectBoolean>(dataObject, boost::any_cast<bool>(value));
+        storeIfDifferent<DataObjectBoolean>(*dataObject, boost::any_cast<bool>(value));
         return;
     case DataObject::TypeString:
-        storeIfDifferent<DataObjectString>(dataObject, boost::any_cast<const std::string&>(value));
+        storeIfDifferent<DataObjectString>(*dataObject, boost::any_cast<const std::string&>(value));
         return;
     default:
         ZARVO_LOG_ERROR("tethrix",

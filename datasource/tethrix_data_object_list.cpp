@@ -1,13 +1,14 @@
 #include "datasource/tethrix_data_object_list.h"
 
 #include "datasource/content_adapter.h"
+#include "datasource/pooled_allocator.h"
 #include "datasource/tethrix_runtime_data_object_list.h"
 
 #include <zarvo/log.h>
 
-#include <boost/lexical_cast.hpp>
-
 #include <algorithm>
+#include <cstring>
+#include <iterator>
 #include <string>
 #include <utility>
 
@@ -28,47 +29,170 @@ std::uint64_t signExtend(std::int32_t value) {
 // Five blocks' worth of rows is what the list aims to keep in all.
 const std::uint64_t residentBlocks = 5;
 
+// Rows live in chunks of this many consecutive indices.
+const unsigned chunkShift = 8;
+const std::uint64_t chunkRows = std::uint64_t(1) << chunkShift;
+
+// Entries consumed from the front of the purge order, or taken out of it by
+// a new reference, leave its storage once they are this many and half of
+// it, which keeps the order amortised constant per entry and its storage
+// near the entries that count.
+const std::size_t orderCompactionMinimum = 256;
+
 }  // namespace
 
+struct TethrixDataObjectList::Cache::Chunk {
+    Slot slots[chunkRows];
+    /// Slots that hold a row or an entry of the purge order.
+    std::size_t used = 0;
+};
+
+TethrixDataObjectList::Cache::Cache() = default;
+
+TethrixDataObjectList::Cache::~Cache() = default;
+
+TethrixDataObjectList::Cache::Slot* TethrixDataObjectList::Cache::find(std::uint64_t index) const {
+    const std::uint64_t number = index >> chunkShift;
+    if (number != lastChunkNumber) {
+        const auto found = chunks.find(number);
+        if (found == chunks.end()) {
+            return nullptr;
+        }
+        lastChunkNumber = number;
+        lastChunk = found->second.get();
+    }
+    return &lastChunk->slots[index & (chunkRows - 1)];
+}
+
+TethrixDataObjectList::Cache::Slot& TethrixDataObjectList::Cache::slotFor(std::uint64_t index) {
+    if (Slot* slot = find(index)) {
+        return *slot;
+    }
+    const std::uint64_t number = index >> chunkShift;
+    std::unique_ptr<Chunk>& chunk = chunks[number];
+    // A chunk given up holds nothing any more, so it serves again as it is.
+    chunk = spareChunk ? std::move(spareChunk) : std::unique_ptr<Chunk>(new Chunk());
+    lastChunkNumber = number;
+    lastChunk = chunk.get();
+    return lastChunk->slots[index & (chunkRows - 1)];
+}
+
+void TethrixDataObjectList::Cache::setState(Slot& slot, State state) {
+    --counts[slot.state];
+    ++counts[state];
+    slot.state = state;
+}
+
+void TethrixDataObjectList::Cache::release(std::uint64_t index, Slot& slot) {
+    if (slot.state != Absent || slot.firstEntry != noEntry) {
+        return;
+    }
+    const std::uint64_t number = index >> chunkShift;
+    const auto chunk = chunks.find(number);
+    if (chunk == chunks.end() || --chunk->second->used != 0) {
+        return;
+    }
+    if (lastChunkNumber == number) {
+        lastChunkNumber = noEntry;
+        lastChunk = nullptr;
+    }
+    if (!spareChunk) {
+        spareChunk = std::move(chunk->second);
+    }
+    chunks.erase(chunk);
+}
+
+void TethrixDataObjectList::Cache::appendToOrder(std::uint64_t index, Slot& slot) {
+    const std::uint64_t entry = orderBase + order.size();
+    order.push_back(OrderEntry{index, noEntry, true});
+    if (slot.lastEntry != noEntry) {
+        entryAt(slot.lastEntry).nextOfRow = entry;
+    } else {
+        slot.firstEntry = entry;
+    }
+    slot.lastEntry = entry;
+}
+
+void TethrixDataObjectList::Cache::takeFirstEntry(Slot& slot) {
+    OrderEntry& entry = entryAt(slot.firstEntry);
+    entry.live = false;
+    ++deadEntries;
+    slot.firstEntry = entry.nextOfRow;
+    if (slot.firstEntry == noEntry) {
+        slot.lastEntry = noEntry;
+    }
+}
+
+void TethrixDataObjectList::Cache::compactOrder() {
+    // A list that never needs a purge would otherwise keep every entry that
+    // a new reference took out. The live entries are laid out again in the
+    // same order, and each row's links follow.
+    std::vector<OrderEntry> live;
+    live.reserve(order.size() - orderFront - deadEntries);
+    for (std::size_t i = orderFront; i < order.size(); ++i) {
+        if (order[i].live) {
+            live.push_back(order[i]);
+        }
+    }
+    for (const OrderEntry& entry : live) {
+        Slot* slot = find(entry.index);
+        slot->firstEntry = noEntry;
+        slot->lastEntry = noEntry;
+    }
+    orderBase += order.size();
+    order.clear();
+    orderFront = 0;
+    deadEntries = 0;
+    for (const OrderEntry& entry : live) {
+        appendToOrder(entry.index, *find(entry.index));
+    }
+}
+
 bool TethrixDataObjectList::Cache::isLoaded(std::uint64_t index) const {
-    return referencedItems.count(index) != 0 || unreferencedItems.count(index) != 0;
+    const Slot* slot = find(index);
+    return slot != nullptr && (slot->state == Referenced || slot->state == Unreferenced);
 }
 
 std::shared_ptr<DataObject> TethrixDataObjectList::Cache::getItem(Domain* domain, std::uint64_t index) {
-    for (ItemMap* items : {&referencedItems, &unreferencedItems, &createdItems}) {
-        const auto found = items->find(index);
-        if (found != items->end()) {
-            return found->second;
-        }
+    Slot& slot = slotFor(index);
+    if (slot.state != Absent) {
+        return slot.item;
     }
-    auto item = std::make_shared<DataObject>(domain, "row" + boost::lexical_cast<std::string>(index));
-    createdItems.emplace(index, item);
-    return item;
+    if (slot.firstEntry == noEntry) {
+        ++lastChunk->used;  // slotFor() left the row's chunk as the last one found
+    }
+    // "row" and the index in decimal, written in place: no string is made
+    // on the way to the row's own name.
+    char name[32] = "row";
+    char* digits = std::end(name);
+    std::uint64_t rest = index;
+    do {
+        *--digits = static_cast<char>('0' + rest % 10);
+        rest /= 10;
+    } while (rest != 0);
+    const std::size_t digitCount = static_cast<std::size_t>(std::end(name) - digits);
+    std::memmove(name + 3, digits, digitCount);
+    slot.item = makePooled<DataObject>(domain, string_view(name, 3 + digitCount));
+    setState(slot, Created);
+    return slot.item;
 }
 
 std::shared_ptr<DataObject> TethrixDataObjectList::Cache::referenceItem(Domain* domain, std::uint64_t index) {
-    const auto referenced = referencedItems.find(index);
-    if (referenced != referencedItems.end()) {
-        notifyReferenced(index);
-        return referenced->second;
+    Slot* slot = find(index);
+    if (slot == nullptr || slot->state == Absent) {
+        getItem(domain, index);
+        slot = find(index);
     }
-    std::shared_ptr<DataObject> item;
-    const auto unreferenced = unreferencedItems.find(index);
-    if (unreferenced != unreferencedItems.end()) {
-        item = std::move(unreferenced->second);
-        unreferencedItems.erase(unreferenced);
-    } else {
-        item = getItem(domain, index);
-        createdItems.erase(index);
+    if (slot->state != Referenced) {
+        setState(*slot, Referenced);
     }
-    referencedItems.emplace(index, item);
     notifyReferenced(index);
-    return item;
+    return slot->item;
 }
 
 std::uint64_t TethrixDataObjectList::Cache::unreferenceItem(std::uint64_t index) {
-    const auto referenced = referencedItems.find(index);
-    if (referenced == referencedItems.end()) {
+    Slot* slot = find(index);
+    if (slot == nullptr || slot->state != Referenced) {
         return 0;
     }
     const std::uint64_t remaining = notifyUnreferenced(index);
@@ -77,77 +201,164 @@ std::uint64_t TethrixDataObjectList::Cache::unreferenceItem(std::uint64_t index)
     }
     // The row keeps whatever data it has, even none: it now counts as
     // loaded until it is purged or the adapter fills it.
-    unreferencedItems[index] = std::move(referenced->second);
-    referencedItems.erase(referenced);
+    setState(*slot, Unreferenced);
     return 0;
 }
 
 void TethrixDataObjectList::Cache::notifyReferenced(std::uint64_t index) {
-    const auto found = std::find(unreferencedOrder.begin(), unreferencedOrder.end(), index);
-    if (found != unreferencedOrder.end()) {
-        unreferencedOrder.erase(found);
+    Slot* slot = find(index);
+    if (slot == nullptr) {
+        return;
     }
-    ++referenceCounts[index];
+    if (slot->firstEntry != noEntry) {
+        takeFirstEntry(*slot);
+    }
+    ++slot->references;
+    release(index, *slot);
+    if (deadEntries >= orderCompactionMinimum && deadEntries * 2 >= order.size() - orderFront) {
+        compactOrder();
+    }
 }
 
 std::uint64_t TethrixDataObjectList::Cache::notifyUnreferenced(std::uint64_t index) {
+    Slot* slot = find(index);
+    if (slot == nullptr) {
+        return 0;
+    }
     std::uint64_t remaining = 0;
-    const auto count = referenceCounts.find(index);
-    if (count != referenceCounts.end()) {
-        if (count->second <= 1) {
-            referenceCounts.erase(count);
-        } else {
-            remaining = --count->second;
-        }
+    if (slot->references > 1) {
+        remaining = --slot->references;
+    } else {
+        slot->references = 0;
     }
     // Appended even while references remain: purge() skips a row that is
     // still referenced, and each later reference removes one occurrence only.
-    unreferencedOrder.push_back(index);
+    appendToOrder(index, *slot);
     return remaining;
 }
 
 void TethrixDataObjectList::Cache::notifyLoaded(std::uint64_t index) {
-    const auto created = createdItems.find(index);
-    if (created == createdItems.end()) {
+    Slot* slot = find(index);
+    if (slot == nullptr || slot->state != Created) {
         return;
     }
-    unreferencedItems[index] = std::move(created->second);
-    createdItems.erase(created);
+    setState(*slot, Unreferenced);
     notifyUnreferenced(index);
 }
 
 void TethrixDataObjectList::Cache::unreferenceAll() {
-    for (auto& entry : referencedItems) {
-        unreferencedItems[entry.first] = std::move(entry.second);
-        notifyUnreferenced(entry.first);
+    std::size_t left = counts[Referenced];
+    for (auto chunk = chunks.begin(); left != 0 && chunk != chunks.end(); ++chunk) {
+        const std::uint64_t first = chunk->first << chunkShift;
+        Slot* slots = chunk->second->slots;
+        for (std::uint64_t i = 0; left != 0 && i < chunkRows; ++i) {
+            if (slots[i].state != Referenced) {
+                continue;
+            }
+            setState(slots[i], Unreferenced);
+            appendToOrder(first + i, slots[i]);
+            slots[i].references = 0;
+            --left;
+        }
     }
-    referencedItems.clear();
-    referenceCounts.clear();
 }
 
 void TethrixDataObjectList::Cache::purge(std::uint64_t count) {
     std::int32_t left = narrow32(count);
-    std::size_t consumed = 0;
-    while (left > 0 && consumed < unreferencedOrder.size()) {
-        const std::uint64_t index = signExtend(narrow32(unreferencedOrder[consumed]));
-        ++consumed;
-        if (unreferencedItems.erase(index) != 0) {
+    while (left > 0 && orderFront < order.size()) {
+        const OrderEntry entry = order[orderFront++];
+        if (!entry.live) {
+            --deadEntries;
+            continue;  // taken out by a later reference
+        }
+        Slot* owner = find(entry.index);
+        owner->firstEntry = entry.nextOfRow;
+        if (owner->firstEntry == noEntry) {
+            owner->lastEntry = noEntry;
+        }
+        const std::uint64_t target = signExtend(narrow32(entry.index));
+        Slot* victim = target == entry.index ? owner : find(target);
+        // Goes when this pass ends, after the bookkeeping.
+        std::shared_ptr<DataObject> dropped;
+        if (victim != nullptr && victim->state == Unreferenced) {
+            dropped = std::move(victim->item);
+            setState(*victim, Absent);
             --left;
         }
+        if (victim != nullptr && victim != owner) {
+            release(target, *victim);
+            owner = find(entry.index);
+        }
+        release(entry.index, *owner);
     }
-    // One erase for all consumed entries keeps a purge linear, however many
-    // rows it drops.
-    unreferencedOrder.erase(unreferencedOrder.begin(),
-                            unreferencedOrder.begin() + static_cast<std::ptrdiff_t>(consumed));
+    if (orderFront >= orderCompactionMinimum && orderFront * 2 >= order.size()) {
+        order.erase(order.begin(), order.begin() + static_cast<std::ptrdiff_t>(orderFront));
+        orderBase += orderFront;
+        orderFront = 0;
+    }
 }
 
 void TethrixDataObjectList::Cache::clear() {
     // Rows made for the adapter and not yet delivered stay: the adapter is
     // about to fill them and reuses them as they are.
-    referencedItems.clear();
-    unreferencedItems.clear();
-    referenceCounts.clear();
-    unreferencedOrder.clear();
+    std::vector<std::shared_ptr<DataObject>> dropped;
+    for (auto chunk = chunks.begin(); chunk != chunks.end();) {
+        std::size_t used = 0;
+        for (Slot& slot : chunk->second->slots) {
+            if (slot.state == Referenced || slot.state == Unreferenced) {
+                dropped.push_back(std::move(slot.item));
+                setState(slot, Absent);
+            }
+            slot.references = 0;
+            slot.firstEntry = noEntry;
+            slot.lastEntry = noEntry;
+            used += slot.state == Created ? 1 : 0;
+        }
+        chunk->second->used = used;
+        chunk = used == 0 ? chunks.erase(chunk) : std::next(chunk);
+    }
+    lastChunkNumber = noEntry;
+    lastChunk = nullptr;
+    orderBase += order.size();
+    order.clear();
+    orderFront = 0;
+    deadEntries = 0;
+}
+
+TethrixDataObjectList::Cache::ItemMap TethrixDataObjectList::Cache::collect(State state) const {
+    ItemMap items;
+    for (const auto& chunk : chunks) {
+        for (std::uint64_t i = 0; i < chunkRows; ++i) {
+            if (chunk.second->slots[i].state == state) {
+                items.emplace_hint(items.end(), (chunk.first << chunkShift) + i, chunk.second->slots[i].item);
+            }
+        }
+    }
+    return items;
+}
+
+std::vector<std::uint64_t> TethrixDataObjectList::Cache::getUnreferencedOrder() const {
+    std::vector<std::uint64_t> indices;
+    for (std::size_t i = orderFront; i < order.size(); ++i) {
+        if (order[i].live) {
+            indices.push_back(order[i].index);
+        }
+    }
+    return indices;
+}
+
+std::shared_ptr<DataObject> TethrixDataObjectList::Cache::lowestReferencedItem() const {
+    if (counts[Referenced] == 0) {
+        return nullptr;
+    }
+    for (const auto& chunk : chunks) {
+        for (const Slot& slot : chunk.second->slots) {
+            if (slot.state == Referenced) {
+                return slot.item;
+            }
+        }
+    }
+    return nullptr;
 }
 
 TethrixDataObjectList::TethrixDataObjectList(Domain* domain, string_view name,
@@ -205,9 +416,8 @@ void TethrixDataObjectList::releaseItem(std::size_t index) {
 }
 
 std::shared_ptr<DataObject> TethrixDataObjectList::getItemTemplate() {
-    const auto& referenced = cache.getReferencedItems();
-    if (!referenced.empty() && referenced.begin()->second) {
-        return referenced.begin()->second;
+    if (std::shared_ptr<DataObject> lowest = cache.lowestReferencedItem()) {
+        return lowest;
     }
     if (contentAdapter) {
         std::shared_ptr<DataObject> itemTemplate = contentAdapter->getItemTemplate();
@@ -362,9 +572,9 @@ void TethrixDataObjectList::releaseAdapters(const std::shared_ptr<DataObject>& t
     if (auto list = std::dynamic_pointer_cast<TethrixDataObjectList>(tree)) {
         const std::shared_ptr<ContentAdapter> adapter = std::move(list->contentAdapter);
         list->contentAdapter.reset();
-        for (const auto* rows : {&list->cache.getCreatedItems(), &list->cache.getUnreferencedItems(),
-                                 &list->cache.getReferencedItems()}) {
-            for (const auto& row : *rows) {
+        for (const auto& rows : {list->cache.getCreatedItems(), list->cache.getUnreferencedItems(),
+                                 list->cache.getReferencedItems()}) {
+            for (const auto& row : rows) {
                 releaseAdapters(row.second);
             }
         }

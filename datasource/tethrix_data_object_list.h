@@ -26,19 +26,30 @@ class TethrixDataObjectList : public DataObjectList {
 public:
     /// Owns the rows and decides which of them may go.
     ///
-    /// A row index stands in at most one of the three row maps. Rows in
-    /// `referencedItems` or `unreferencedItems` count as loaded, whether or
-    /// not their data have arrived: a referenced row is already queued, and
-    /// a second acquire must not queue it again.
+    /// A row index stands in at most one of the three row sets (created,
+    /// unreferenced, referenced). Rows that are referenced or unreferenced
+    /// count as loaded, whether or not their data have arrived: a referenced
+    /// row is already queued, and a second acquire must not queue it again.
+    ///
+    /// The rows live in slots of fixed-size chunks, so that a row changes set
+    /// by a change of its state, with no node made or freed, and a scrolling
+    /// UI finds its rows in the chunk it used last. The purge order is an
+    /// array consumed from the front; each row knows its own occurrences in
+    /// it, so that taking out the oldest one costs no search.
     class Cache {
     public:
         using ItemMap = std::map<std::uint64_t, std::shared_ptr<DataObject>>;
 
+        Cache();
+        ~Cache();
+        Cache(const Cache&) = delete;
+        Cache& operator=(const Cache&) = delete;
+
         bool isLoaded(std::uint64_t index) const;
-        /// The row, made empty in `createdItems` if no map has it. Takes no
+        /// The row, made empty in the created set if no set has it. Takes no
         /// reference.
         std::shared_ptr<DataObject> getItem(Domain* domain, std::uint64_t index);
-        /// The row, moved to `referencedItems`, with one more reference.
+        /// The row, moved to the referenced set, with one more reference.
         std::shared_ptr<DataObject> referenceItem(Domain* domain, std::uint64_t index);
         /// Drops one reference; gives the references left (0 also for a row
         /// that was not referenced).
@@ -51,26 +62,70 @@ public:
         void unreferenceAll();
         /// Drops up to `count` unreferenced rows, oldest first.
         void purge(std::uint64_t count);
-        /// Forgets every row except those in `createdItems`.
+        /// Forgets every row except those in the created set.
         void clear();
 
-        // Diagnostics: read-only views for tests and measurements.
-        const ItemMap& getCreatedItems() const { return createdItems; }
-        const ItemMap& getUnreferencedItems() const { return unreferencedItems; }
-        const ItemMap& getReferencedItems() const { return referencedItems; }
-        const std::vector<std::uint64_t>& getUnreferencedOrder() const { return unreferencedOrder; }
-        std::size_t residentItemCount() const {
-            return createdItems.size() + unreferencedItems.size() + referencedItems.size();
-        }
+        // Diagnostics for tests and measurements: copies, in index order.
+        ItemMap getCreatedItems() const { return collect(Created); }
+        ItemMap getUnreferencedItems() const { return collect(Unreferenced); }
+        ItemMap getReferencedItems() const { return collect(Referenced); }
+        /// The purge order, oldest first; may hold stale and repeated entries.
+        std::vector<std::uint64_t> getUnreferencedOrder() const;
+        std::size_t residentItemCount() const { return counts[Created] + counts[Unreferenced] + counts[Referenced]; }
+        /// The referenced row with the lowest index; null if there is none.
+        std::shared_ptr<DataObject> lowestReferencedItem() const;
 
     private:
-        ItemMap createdItems;
-        ItemMap unreferencedItems;
-        ItemMap referencedItems;
-        std::map<std::uint64_t, std::uint64_t> referenceCounts;
-        /// Purge order, oldest first. Entries may be stale or repeated;
-        /// purge() skips what is no longer unreferenced.
-        std::vector<std::uint64_t> unreferencedOrder;
+        enum State : unsigned char { Absent, Created, Unreferenced, Referenced, StateCount };
+
+        static const std::uint64_t noEntry = ~static_cast<std::uint64_t>(0);
+
+        struct Slot {
+            std::shared_ptr<DataObject> item;
+            /// References from the UI; 0 stands for no entry.
+            std::uint64_t references = 0;
+            /// This row's oldest and newest entry in the purge order.
+            std::uint64_t firstEntry = noEntry;
+            std::uint64_t lastEntry = noEntry;
+            State state = Absent;
+        };
+        struct Chunk;
+        struct OrderEntry {
+            std::uint64_t index;
+            /// The next entry of the same row, or noEntry.
+            std::uint64_t nextOfRow;
+            /// False once taken out by a new reference.
+            bool live;
+        };
+
+        Slot* find(std::uint64_t index) const;
+        Slot& slotFor(std::uint64_t index);
+        void setState(Slot& slot, State state);
+        /// Frees the row's chunk once no slot in it holds anything.
+        void release(std::uint64_t index, Slot& slot);
+        void appendToOrder(std::uint64_t index, Slot& slot);
+        /// Takes out the row's oldest entry of the purge order.
+        void takeFirstEntry(Slot& slot);
+        /// Drops the entries taken out from the purge order's storage.
+        void compactOrder();
+        ItemMap collect(State state) const;
+        OrderEntry& entryAt(std::uint64_t entry) { return order[static_cast<std::size_t>(entry - orderBase)]; }
+
+        std::map<std::uint64_t, std::unique_ptr<Chunk>> chunks;
+        /// One emptied chunk kept for the next, as a jumping UI empties and
+        /// fills chunks by turns.
+        std::unique_ptr<Chunk> spareChunk;
+        /// The chunk found last; most look-ups of a scrolling UI hit it.
+        mutable std::uint64_t lastChunkNumber = noEntry;
+        mutable Chunk* lastChunk = nullptr;
+        std::size_t counts[StateCount] = {};
+        /// Purge order, oldest first, from `orderFront` on; entry numbers
+        /// count from `orderBase`, the first one still stored.
+        std::vector<OrderEntry> order;
+        std::uint64_t orderBase = 0;
+        std::size_t orderFront = 0;
+        /// Entries from `orderFront` on that a new reference took out.
+        std::size_t deadEntries = 0;
     };
 
     /// `blockSize` 0 makes a list that is not paged: the adapter fills it by

@@ -24,6 +24,18 @@ const Metaclass* DataContext::getStaticMetaclass() {
 }
 
 void DataContext::notifyModified() {
+    // Most data objects have no binding, and a bound one mostly one: neither
+    // needs the copy below.
+    if (subscriptions.empty()) {
+        return;
+    }
+    if (subscriptions.size() == 1) {
+        const std::shared_ptr<ModifiedSubscription> only = subscriptions.front();
+        if (only->handler) {
+            only->handler(*this);
+        }
+        return;
+    }
     // Handlers may add or remove subscriptions, so the round goes over a copy;
     // one that an earlier handler removed is skipped.
     const auto snapshot = subscriptions;

@@ -2,25 +2,83 @@
 #include <zarvo/host/statistics.h>
 
 #include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <vector>
 
 namespace zarvo {
 
 namespace {
 
-std::atomic<std::size_t> liveDataObjects{0};
+// The count of live data objects is kept per thread, so that making and
+// dropping an object costs a plain store instead of a locked operation on
+// one shared counter (rows are made and dropped by the thousand while a
+// list scrolls). An object dropped on another thread than the one that made
+// it counts down there; only the sum over all threads means anything.
+class LiveCounts {
+public:
+    struct PerThread {
+        std::atomic<std::int64_t> count{0};
+        PerThread() { LiveCounts::instance().enter(this); }
+        ~PerThread() { LiveCounts::instance().leave(this); }
+        PerThread(const PerThread&) = delete;
+        PerThread& operator=(const PerThread&) = delete;
+    };
+
+    static LiveCounts& instance() {
+        // Never destroyed: threads may still end after static destruction.
+        static LiveCounts* counts = new LiveCounts();
+        return *counts;
+    }
+
+    static void add(std::int64_t delta) {
+        thread_local PerThread own;
+        own.count.store(own.count.load(std::memory_order_relaxed) + delta, std::memory_order_relaxed);
+    }
+
+    std::size_t total() {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::int64_t sum = ended;
+        for (const PerThread* thread : threads) {
+            sum += thread->count.load(std::memory_order_relaxed);
+        }
+        return sum > 0 ? static_cast<std::size_t>(sum) : 0;
+    }
+
+private:
+    void enter(PerThread* thread) {
+        std::lock_guard<std::mutex> lock(mutex);
+        threads.push_back(thread);
+    }
+    void leave(PerThread* thread) {
+        std::lock_guard<std::mutex> lock(mutex);
+        ended += thread->count.load(std::memory_order_relaxed);
+        for (auto it = threads.begin(); it != threads.end(); ++it) {
+            if (*it == thread) {
+                threads.erase(it);
+                break;
+            }
+        }
+    }
+
+    std::mutex mutex;
+    std::vector<PerThread*> threads;
+    /// What the threads that have ended left behind.
+    std::int64_t ended = 0;
+};
 
 }  // namespace
 
 std::size_t liveDataObjectCount() {
-    return liveDataObjects.load(std::memory_order_relaxed);
+    return LiveCounts::instance().total();
 }
 
 DataObject::DataObject(Domain* domain, string_view name) : DataContext(domain, name) {
-    liveDataObjects.fetch_add(1, std::memory_order_relaxed);
+    LiveCounts::add(1);
 }
 
 DataObject::~DataObject() {
-    liveDataObjects.fetch_sub(1, std::memory_order_relaxed);
+    LiveCounts::add(-1);
 }
 
 const Metaclass* DataObject::getStaticMetaclass() {
@@ -54,6 +112,11 @@ DataObject::Type DataObject::getType() const {
 }
 
 void DataObject::addChild(const std::shared_ptr<DataObject>& child) {
+    // Records of a few fields are the common parent: room for them at once
+    // spares the regrowth on the second and third child.
+    if (children.capacity() == 0) {
+        children.reserve(4);
+    }
     children.push_back(child);
 }
 

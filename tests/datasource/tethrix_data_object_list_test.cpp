@@ -408,5 +408,23 @@ TEST_F(TethrixDataObjectListTest, ItemTemplateIsTheLowestReferencedRowElseTheAda
     EXPECT_NE(detached->getItemTemplate(), empty);
 }
 
+// A row referenced and released again and again goes to the back of the
+// purge order each time; the entries it leaves behind are dropped from the
+// order's storage on the way, and the order stays exact.
+TEST(TethrixDataObjectListCacheTest, PurgeOrderStaysExactWhileReferencesComeAndGo) {
+    TethrixDataObjectList::Cache cache;
+    for (std::uint64_t index = 0; index < 3; ++index) {
+        cache.getItem(nullptr, index);
+        cache.notifyLoaded(index);
+    }
+    for (int round = 0; round < 1000; ++round) {
+        cache.referenceItem(nullptr, 1);
+        cache.unreferenceItem(1);
+    }
+    EXPECT_THAT(cache.getUnreferencedOrder(), ElementsAre(0u, 2u, 1u));
+    cache.purge(2);
+    EXPECT_THAT(keys(cache.getUnreferencedItems()), ElementsAre(1u));
+}
+
 }  // namespace
 }  // namespace zarvo

@@ -1,5 +1,6 @@
 #include <zarvo/data_source.h>
 #include <zarvo/domain.h>
+#include <zarvo/host/statistics.h>
 #include <zarvo/resource_manager.h>
 #include <zarvo/testkit/notification_recorder.h>
 #include <zarvo/testkit/test_host.h>
@@ -8,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zarvo {
@@ -132,6 +134,21 @@ public:
 };
 
 const PropertyType<std::string> fileProperty("Test.File", "default.xml", 0, false, nullptr);
+
+// Each thread counts its own objects; only the sum, with what ended threads
+// left, is the count of live objects.
+TEST(DataObjectCountTest, ObjectsMadeOrDroppedOnOtherThreadsCountOnce) {
+    const std::size_t before = liveDataObjectCount();
+    std::shared_ptr<DataObject> madeThere;
+    std::thread([&madeThere] {
+        madeThere = object("kept");
+        object("dropped");
+    }).join();
+    EXPECT_EQ(liveDataObjectCount(), before + 1);
+    const auto madeHere = object("here");
+    std::thread([&madeThere] { madeThere.reset(); }).join();
+    EXPECT_EQ(liveDataObjectCount(), before + 1);
+}
 
 TEST(DomainTest, AttachmentsGoFirstNewestFirstWhileTheLoopStillLives) {
     std::vector<std::string> order;
