@@ -122,17 +122,6 @@ TEST(DataContextTest, ChangesDuringANotificationTakeEffectAsDocumented) {
     EXPECT_THAT(calls, ElementsAre("remover", "added"));
 }
 
-class WatchedObject : public DataObject {
-public:
-    using DataObject::DataObject;
-    void onPropertyChanged(const AbstractPropertyType& type, PropertyNotificationReason reason) override {
-        changes.push_back(std::string(type.getName()) + (reason == PropertyNotificationReason::ValueChanged ? "=" : "-"));
-    }
-    std::vector<std::string> changes;
-};
-
-const PropertyType<std::string> fileProperty("Test.File", "default.xml", 0, false, nullptr);
-
 TEST(DomainTest, AttachmentsGoFirstNewestFirstWhileTheLoopStillLives) {
     std::vector<std::string> order;
     struct Attachment {

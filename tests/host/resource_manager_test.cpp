@@ -2,7 +2,9 @@
 #include <zarvo/image.h>
 #include <zarvo/message_dispatcher.h>
 #include <zarvo/resource_manager.h>
+#include <zarvo/testkit/files.h>
 #include <zarvo/testkit/log_capture.h>
+#include <zarvo/testkit/sample_images.h>
 #include <zarvo/testkit/scripted_service.h>
 #include <zarvo/testkit/test_host.h>
 
@@ -13,8 +15,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdio>
-#include <fstream>
 #include <future>
 #include <mutex>
 #include <set>
@@ -27,6 +27,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using testing::HasSubstr;
+using Pixels = std::vector<std::uint8_t>;
 
 // Real loader threads do the work, so the tests wait for the loop with a
 // generous bound that only a hang would reach.
@@ -140,14 +141,10 @@ protected:
     testkit::TestHost host;
 };
 
-TEST_F(ResourceManagerTest, SchemesAreMatchedWithoutRegardToCase) {
-    EXPECT_TRUE(manager().supportsProtocolHandler("test"));
+TEST_F(ResourceManagerTest, SchemesMatchWithoutRegardToCaseAndTasksRunOnLoaderThreadsAndCompleteOnTheLoop) {
     EXPECT_TRUE(manager().supportsProtocolHandler("TEST"));
     EXPECT_FALSE(manager().supportsProtocolHandler("http"));
     EXPECT_FALSE(manager().supportsProtocolHandler(nullptr));
-}
-
-TEST_F(ResourceManagerTest, TasksRunOnLoaderThreadsAndCompleteOnTheLoop) {
     EXPECT_EQ(load({"test://a", "TEST://b", "test://empty"}), 1);
 
     EXPECT_EQ(script.handlerCalls, 3);
@@ -213,21 +210,22 @@ TEST_F(ResourceManagerTest, ACompletionCallbackThatThrowsIsLogged) {
     EXPECT_THAT(log.messages(LogLevel::Error), testing::ElementsAre(HasSubstr("callback broke")));
 }
 
-TEST_F(ResourceManagerTest, LocalImagesAreRecognisedByContentAndBecomeTextures) {
-    // A 2x1 RGBA PNG: one half-transparent red pixel, one green.
-    const unsigned char png[] = {
-        0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A, 0x00, 0x00, 0x00, 0x0D, 0x49, 0x48, 0x44, 0x52, 0x00,
-        0x00, 0x00, 0x02, 0x00, 0x00, 0x00, 0x01, 0x08, 0x06, 0x00, 0x00, 0x00, 0xF4, 0x22, 0x7F, 0x8A, 0x00,
-        0x00, 0x00, 0x11, 0x49, 0x44, 0x41, 0x54, 0x78, 0x9C, 0x63, 0xF8, 0xCF, 0xC0, 0xD0, 0xC0, 0xF0, 0x9F,
-        0xE1, 0x3F, 0x00, 0x0E, 0x7D, 0x03, 0x7E, 0xEA, 0xF6, 0x93, 0xC0, 0x00, 0x00, 0x00, 0x00, 0x49, 0x45,
-        0x4E, 0x44, 0xAE, 0x42, 0x60, 0x82};
-    const std::string image = testing::TempDir() + "/zarvo-host-image.jpg";  // the name does not matter
-    const std::string text = testing::TempDir() + "/zarvo-host-text.png";
-    std::ofstream(image, std::ios::binary).write(reinterpret_cast<const char*>(png), sizeof png);
-    std::ofstream(text, std::ios::binary) << "not an image";
+TEST_F(ResourceManagerTest, LocalImagesAreRecognisedByContentAndOtherFilesRefused) {
+    testkit::TemporaryDirectory directory;
+    testkit::PngOptions rgba;
+    rgba.colourType = PNG_COLOR_TYPE_RGB_ALPHA;
+    const std::string image = directory.write("image.jpg", testkit::encodePng(2, 1, Pixels(8, 0x80), rgba));
+    const std::string text = directory.write("text.png", "not an image");
+    const std::string large = directory.write("large.png", std::string(2048, 'x'));
+    const std::string fifo = directory.file("fifo");
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    ResourceManager::Limits limits = manager().getLimits();
+    limits.maxFileBytes = 1024;
+    manager().setLimits(limits);
 
-    EXPECT_EQ(load({image, "file://" + image, text}), 1);
-
+    // Neither a FIFO without a writer nor a device without end holds a
+    // loader thread; the name of an image does not matter.
+    EXPECT_EQ(load({image, "file://" + image, text, fifo, "file:///dev/zero", large}), 1);
     for (const std::string& url : {image, "file://" + image}) {
         auto texture = std::dynamic_pointer_cast<Texture>(manager().acquireLoadedResource(url));
         ASSERT_NE(texture, nullptr) << url;
@@ -236,30 +234,12 @@ TEST_F(ResourceManagerTest, LocalImagesAreRecognisedByContentAndBecomeTextures) 
         EXPECT_TRUE(texture->getImage().isPremultiplied());
     }
     EXPECT_EQ(manager().acquireLoadedResource(text), nullptr);
-    EXPECT_THAT(log.messages(LogLevel::Error), testing::ElementsAre(HasSubstr("'" + text + "'")));
-    std::remove(image.c_str());
-    std::remove(text.c_str());
-}
-
-TEST_F(ResourceManagerTest, LocalFilesThatAreNoRegularFilesOrTooLargeAreRefused) {
-    const std::string fifo = testing::TempDir() + "/zarvo-host-fifo-" + std::to_string(getpid());
-    const std::string large = testing::TempDir() + "/zarvo-host-large-" + std::to_string(getpid()) + ".png";
-    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-    std::ofstream(large, std::ios::binary) << std::string(2048, 'x');
-    ResourceManager::Limits limits = manager().getLimits();
-    limits.maxFileBytes = 1024;
-    manager().setLimits(limits);
-
-    // Neither a FIFO without a writer nor a device without end holds a
-    // loader thread.
-    EXPECT_EQ(load({fifo, "file:///dev/zero", large}), 1);
     EXPECT_THAT(log.messages(LogLevel::Error),
-                testing::UnorderedElementsAre("The file of resource '" + fifo + "' is not a regular file",
+                testing::UnorderedElementsAre(HasSubstr("'" + text + "'"),
+                                              "The file of resource '" + fifo + "' is not a regular file",
                                               "The file of resource 'file:///dev/zero' is not a regular file",
                                               "The file of resource '" + large +
                                                   "' has 2048 bytes, more than the limit of 1024"));
-    std::remove(fifo.c_str());
-    std::remove(large.c_str());
 }
 
 TEST_F(ResourceManagerTest, RelativeUrlsAreLoadedFromTheServiceAndKeptUnderTheirOwnName) {
