@@ -4,10 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zarvo {
@@ -83,38 +81,6 @@ TEST_F(ManualLoopTest, RunUntilIdleRunsChainsOfPostedWorkAndCallbackExceptionsAr
     EXPECT_THAT(entries[0].message, HasSubstr("disk on fire"));
     EXPECT_THAT(entries[2].message, HasSubstr("bad tick"));
     EXPECT_THAT(entries[3].message, HasSubstr("bad tick")) << "the throwing timer keeps repeating";
-}
-
-TEST(SteadyLoopTest, WorkPostedFromOtherThreadsRunsOnTheLoopThreadUntilQuitAndRunUntilTimesOut) {
-    ZvuMessageDispatcher loop;
-    const auto loopThread = std::this_thread::get_id();
-    std::atomic<int> onLoop{0};
-    int count = 0;  // loop thread only
-    std::vector<std::thread> posters;
-    for (int t = 0; t < 4; ++t) {
-        posters.emplace_back([&] {
-            for (int i = 0; i < 100; ++i) {
-                loop.post([&] {
-                    onLoop += std::this_thread::get_id() == loopThread;
-                    if (++count == 400) {
-                        loop.quit();
-                    }
-                });
-            }
-        });
-    }
-    loop.run();
-    for (auto& poster : posters) {
-        poster.join();
-    }
-    EXPECT_EQ(count, 400);
-    EXPECT_EQ(onLoop, 400);
-
-    bool done = false;
-    std::thread worker([&] { loop.post([&] { done = true; }); });
-    EXPECT_TRUE(loop.runUntil([&] { return done; }, milliseconds(10000)));
-    worker.join();
-    EXPECT_FALSE(loop.runUntil([] { return false; }, milliseconds(0)));
 }
 
 }  // namespace

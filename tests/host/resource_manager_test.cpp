@@ -16,8 +16,6 @@
 
 #include <atomic>
 #include <future>
-#include <mutex>
-#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -48,8 +46,6 @@ struct Script {
     std::atomic<int> stagesOnLoaderThreads{0};
     std::atomic<int> resultsOnLoop{0};
     std::atomic<int> followUps{0};
-    std::mutex mutex;
-    std::set<std::string> urls;
     std::shared_future<void> gate;  // tasks wait for it when valid
     std::promise<void> started;
     std::atomic<int> finishedStages{0};
@@ -200,14 +196,6 @@ TEST_F(ResourceManagerTest, FailuresAreLoggedAndStillCountAsDone) {
     EXPECT_THAT(all, HasSubstr("network unreachable"));
     EXPECT_THAT(all, HasSubstr("handler broke"));
     EXPECT_THAT(all, HasSubstr("nohandler://x"));
-}
-
-TEST_F(ResourceManagerTest, ACompletionCallbackThatThrowsIsLogged) {
-    bool other = false;
-    manager().acquireResourcesAsync({"test://x"}, [] { throw std::runtime_error("callback broke"); });
-    manager().acquireResourcesAsync({"test://x"}, [&] { other = true; });
-    EXPECT_TRUE(host.loop().runUntil([&] { return other; }, patience));
-    EXPECT_THAT(log.messages(LogLevel::Error), testing::ElementsAre(HasSubstr("callback broke")));
 }
 
 TEST_F(ResourceManagerTest, LocalImagesAreRecognisedByContentAndOtherFilesRefused) {
