@@ -6,10 +6,6 @@
 
 #include <gmock/gmock.h>
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -142,29 +138,11 @@ TEST_F(ZarvoHost, AServiceThatCannotBeReachedIsOneLineAndTheSourceIsShownWithout
                                       "showing what the source holds without it\n"));
 }
 
-TEST_F(ZarvoHost, LoadFromASilentServerEndsAtTheTimeLimitAndOfAMissingFileSaysWhy) {
-    // Listening but never accepting: the kernel completes every connection,
-    // and no byte ever comes back.
-    const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(bind(server, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(listen(server, 4), 0);
-    ASSERT_EQ(getsockname(server, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    const std::string url = "http://127.0.0.1:" + std::to_string(ntohs(address.sin_port)) + "/cover.png";
-
-    const ProgramResult result = host({"load", url, "--timeout-ms", "300"});
-    close(server);
+TEST_F(ZarvoHost, LoadOfAMissingFileSaysWhy) {
+    const ProgramResult result = host({"load", directory + "/missing.png"});
     EXPECT_EQ(result.status, 1);
-    EXPECT_THAT(result.err, HasSubstr("Loading resource '" + url + "' did not finish within 300 ms"));
-    EXPECT_THAT(result.err, HasSubstr("zarvo-host: could not load " + url));
-
-    const ProgramResult missing = host({"load", directory + "/missing.png"});
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_THAT(missing.err, HasSubstr("error host platform/host/resource_manager.cpp:"));
-    EXPECT_THAT(missing.err, HasSubstr("zarvo-host: could not load " + directory + "/missing.png"));
+    EXPECT_THAT(result.err, HasSubstr("error host platform/host/resource_manager.cpp:"));
+    EXPECT_THAT(result.err, HasSubstr("zarvo-host: could not load " + directory + "/missing.png"));
 }
 
 TEST_F(ZarvoHost, AMissingConfigurationFileGoesToThePlugInWhichLogsTheReadersFailure) {

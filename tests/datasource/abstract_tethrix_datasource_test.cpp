@@ -33,25 +33,6 @@ protected:
     }
 };
 
-TEST_F(ConnectedFlag, TreeIsRootWithConnectedOnlyAndExistsOnlyBetweenStartAndStop) {
-    EXPECT_EQ(source->getData(), nullptr);
-
-    load(*source);
-    std::shared_ptr<DataObject> root = source->getData();
-    ASSERT_NE(root, nullptr);
-    EXPECT_EQ(root->getName(), "Root");
-    EXPECT_EQ(root->getType(), DataObject::TypeObject);
-    ASSERT_EQ(root->getChildCount(), 1u);
-    EXPECT_EQ(root->getChild(0)->getName(), "connected");
-    EXPECT_EQ(root->getChild(0)->getType(), DataObject::TypeBoolean);
-    EXPECT_FALSE(flag());
-    EXPECT_FALSE(source->isConnected());
-    EXPECT_THAT(recorder.events(), ElementsAre("DataSource"));
-
-    source->unloadOverride();
-    EXPECT_EQ(source->getData(), nullptr);
-}
-
 TEST_F(ConnectedFlag, FollowsConnectedAndLostWithOneNotificationPerChangeAndLogsEveryState) {
     loadAndWatch();
 
@@ -118,9 +99,15 @@ TEST_F(ConnectedFlag, StopWhileUpLetsTheFlagFallAndAReloadReadsTheStateOnceAndNo
     expectContentStatistics(2, 2);
 }
 
-TEST_F(ConnectedFlag, AfterStopAndStartWhileDownTheSourceNoLongerFollowsTheConnection) {
+TEST_F(ConnectedFlag, TheTreeLivesFromStartToStopAndAfterBothWhileDownTheSourceNoLongerFollowsTheConnection) {
+    EXPECT_EQ(source->getData(), nullptr);
     load(*source);
+    EXPECT_THAT(childNames(*source->getData()), ElementsAre("connected"));
+    EXPECT_FALSE(flag());
+    EXPECT_FALSE(source->isConnected());
+    EXPECT_THAT(recorder.take(), ElementsAre("DataSource"));
     source->unloadOverride();
+    EXPECT_EQ(source->getData(), nullptr);
     loadAndWatch();
 
     setState(Connection::StateConnected);

@@ -90,29 +90,6 @@ TEST_F(LongRun, ChildAdaptersOfKeysDoNotGather) {
     }
 }
 
-TEST_F(LongRun, AReadAheadLostWithTheConnectionIsAskedAgain) {
-    start(R"(<sources><songs uri="com.tavelorix.content/songs" type="list" block_size="10">
-      <field name="title" type="string"/></songs></sources>)");
-    const auto answerFirstRow = [&] {
-        service.reply(service.takeQueries().at(0), {{"title", ContentDataTypeString}}, {{std::string("a")}}, 0);
-        host.runUntilIdle();
-    };
-    answerFirstRow();
-    auto songs = at<DataObjectList>("songs");
-    songs->acquireItem(0);  // a hit: block 0 is read ahead
-    ASSERT_EQ(service.takeQueries().at(0).count, 10);
-
-    setState(Connection::StateLost);  // the read-ahead goes with the loader
-    songs->acquireItem(0);            // and a read-ahead while no loader is there
-    setState(Connection::StateConnected);
-    answerFirstRow();
-
-    const std::vector<testkit::RecordedQuery> queries = service.takeQueries();
-    ASSERT_EQ(queries.size(), 1u);
-    EXPECT_EQ(queries[0].index, 0);
-    EXPECT_EQ(queries[0].count, 10);
-}
-
 TEST_F(LongRun, ConfigurationsThatCannotWorkAreRefusedWithoutACrash) {
     load(*makeSource(R"(<sources>
       <dynamic_source uri="com.tavelorix.content/tracks" name="tracks"><field name="title" type="string"/></dynamic_source>

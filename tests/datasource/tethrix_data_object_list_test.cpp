@@ -306,6 +306,18 @@ TEST_F(TethrixDataObjectListTest, RowPastTheEndIsAskedForUntilReleased) {
     EXPECT_THAT(list->getLoadingQueue(), IsEmpty());
 }
 
+TEST_F(TethrixDataObjectListTest, AReadAheadLostWithTheConnectionIsAskedAgain) {
+    start(10);
+    list->acquireItem(0);  // a hit: block 0 is read ahead
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 10)));
+    setState(Connection::StateLost);  // the read-ahead goes with the loader
+    list->acquireItem(0);             // and a read-ahead while no loader is there
+    setState(Connection::StateConnected);
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 1)));
+    deliver();
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 10)));
+}
+
 TEST_F(TethrixDataObjectListTest, QueueWaitsForALoaderAndRetriesOnTheNextAcquire) {
     create(10);
     list->acquireItem(25);
