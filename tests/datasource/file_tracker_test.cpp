@@ -67,14 +67,6 @@ TEST_F(FileTrackerTest, ReportsEachChangeOfModificationTimeOnceAtTheNextSecond) 
     EXPECT_THAT(calls, ElementsAre(file, file, file, file));
 }
 
-TEST_F(FileTrackerTest, FileMissingAtStartFiresWhenItAppears) {
-    start();
-    host.advance(TICK);
-    write(1000);
-    host.advance(TICK);
-    EXPECT_THAT(calls, ElementsAre(file));
-}
-
 TEST_F(FileTrackerTest, CallbackMayStopAndRestartItsOwnTracker) {
     write(1000);
     int reloads = 0;

@@ -317,12 +317,9 @@ TEST(XmlConfigurationReaderTest, UnresolvedOverridesAreLoggedAndSkipped) {
          {"error tethrix: Badly formatted \"dynamic_source\" element found in XML overrides"}},
         {R"(<block_size target="tracks.cover" size="5"/>)", {noBlock}},
         {R"(<block_size target="albums" size=""/>)", {noBlock}},
-        {R"(<block_size target="albums" size="many"/>)", {noBlock}},
         {R"(<block_size target="tracks"/>)",
          {"error tethrix: Badly formatted \"block_size\" element found in XML overrides"}},
         {R"(<block_size target="" size="5"/>)",
-         {"error tethrix: Badly formatted \"block_size\" element found in XML overrides"}},
-        {R"(<block_size uri="com.tavelorix.content/block_size" target="" size="5"/>)",
          {"error tethrix: Badly formatted \"block_size\" element found in XML overrides"}},
     };
     const std::string tracks = R"(<t uri="com.tavelorix.content/tracks"><f name="cover" type="string"/></t>
