@@ -44,9 +44,8 @@ TEST_F(ManualLoopTest, TimersFireInDueOrderAndRepeatAndPostedWorkRunsAtTheTimeIt
                                     "tick@300", "posted@300", "tick@400", "posted@400"));
     EXPECT_EQ(loop.now(), milliseconds(450));
     EXPECT_EQ(loop.timerCount(), 2u) << "the single shot removes itself";
-}
 
-TEST_F(ManualLoopTest, RepeatingTimerRemovedInsideItsHandlerNeverFiresAgain) {
+    // A repeating timer removed inside its handler never fires again.
     std::shared_ptr<void> token;
     int calls = 0;
     token = addTimerHandler(&loop, milliseconds(1000), ZvuTimerMessageModeRepeat, [&](const TimerMessageArguments&) {
@@ -55,7 +54,7 @@ TEST_F(ManualLoopTest, RepeatingTimerRemovedInsideItsHandlerNeverFiresAgain) {
     });
     loop.advance(milliseconds(5000));
     EXPECT_EQ(calls, 1);
-    EXPECT_EQ(loop.timerCount(), 0u);
+    EXPECT_EQ(loop.timerCount(), 2u);
 }
 
 TEST_F(ManualLoopTest, RunUntilIdleRunsChainsOfPostedWorkAndCallbackExceptionsAreLogged) {
