@@ -2,8 +2,6 @@
 
 #include "data_source_fixture.h"
 
-#include <gmock/gmock.h>
-
 namespace zarvo {
 namespace test {
 namespace {
@@ -11,19 +9,16 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-const char* const STATE_LINE = "AbstractTethrixDataSource::onConnectionStateChanged(): State = ";
+const std::string STATE_LINE = "AbstractTethrixDataSource::onConnectionStateChanged(): State = ";
 
 class ConnectedFlag : public DataSourceFixture {
 protected:
     void SetUp() override {
-        source = makeSource(std::string());
+        makeSource(std::string());
         recorder.watch(*source, "DataSource");
     }
 
-    bool flag() const {
-        auto connected = std::dynamic_pointer_cast<DataObjectBoolean>(source->getData()->getChild(0));
-        return connected->getValue();
-    }
+    bool flag() const { return std::dynamic_pointer_cast<DataObjectBoolean>(source->getData()->getChild(0))->getValue(); }
 
     void loadAndWatch() {
         load(*source);
@@ -32,30 +27,13 @@ protected:
         log.clear();
     }
 
-    std::shared_ptr<ZarvoTethrixDataSource> source;
-    testkit::NotificationRecorder recorder;
+    void expectContentStatistics(std::size_t acquires, std::size_t releases) {
+        EXPECT_EQ(service.contentStatistics().acquires, acquires);
+        EXPECT_EQ(service.contentStatistics().releases, releases);
+    }
 };
 
-TEST_F(ConnectedFlag, TreeIsRootWithConnectedOnlyAndExistsOnlyBetweenStartAndStop) {
-    EXPECT_EQ(source->getData(), nullptr);
-
-    load(*source);
-    std::shared_ptr<DataObject> root = source->getData();
-    ASSERT_NE(root, nullptr);
-    EXPECT_EQ(root->getName(), "Root");
-    EXPECT_EQ(root->getType(), DataObject::TypeObject);
-    ASSERT_EQ(root->getChildCount(), 1u);
-    EXPECT_EQ(root->getChild(0)->getName(), "connected");
-    EXPECT_EQ(root->getChild(0)->getType(), DataObject::TypeBoolean);
-    EXPECT_FALSE(flag());
-    EXPECT_FALSE(source->isConnected());
-    EXPECT_EQ(recorder.events(), std::vector<std::string>{"DataSource"});
-
-    source->unloadOverride();
-    EXPECT_EQ(source->getData(), nullptr);
-}
-
-TEST_F(ConnectedFlag, FollowsTheConnectionWithOneNotificationPerChange) {
+TEST_F(ConnectedFlag, FollowsConnectedAndLostWithOneNotificationPerChangeAndLogsEveryState) {
     loadAndWatch();
 
     setState(Connection::StateConnected);
@@ -64,45 +42,23 @@ TEST_F(ConnectedFlag, FollowsTheConnectionWithOneNotificationPerChange) {
     setState(Connection::StateLost);
     EXPECT_FALSE(flag());
     setState(Connection::StateLost);
-
-    EXPECT_THAT(recorder.events(), ElementsAre("Root.connected", "Root.connected"));
-    EXPECT_THAT(log.messages(LogLevel::Info),
-                ElementsAre(std::string(STATE_LINE) + "1", std::string(STATE_LINE) + "1",
-                            std::string(STATE_LINE) + "2", std::string(STATE_LINE) + "2"));
-}
-
-TEST_F(ConnectedFlag, EveryDeliveryStartsOrStopsTheAdaptersAgain) {
-    loadAndWatch();
-
+    // Every delivery starts or stops the adapters again.
+    expectContentStatistics(2, 2);
     setState(Connection::StateConnected);
-    setState(Connection::StateConnected);
-    setState(Connection::StateLost);
-    setState(Connection::StateLost);
-
-    const Context::ServiceStatistics content = service.contentStatistics();
-    EXPECT_EQ(content.acquires, 2u);
-    EXPECT_EQ(content.releases, 2u);
-}
-
-TEST_F(ConnectedFlag, OtherStatesAreLoggedAndChangeNothing) {
-    loadAndWatch();
-    setState(Connection::StateConnected);
-    recorder.clear();
-    log.clear();
-
-    setState(static_cast<Connection::State>(7));
+    setState(static_cast<Connection::State>(7));  // other states change nothing
     setState(Connection::StateNotConnected);
 
     EXPECT_TRUE(flag());
-    EXPECT_THAT(recorder.events(), IsEmpty());
-    EXPECT_THAT(log.messages(), ElementsAre(std::string(STATE_LINE) + "7", std::string(STATE_LINE) + "0"));
-    EXPECT_EQ(service.contentStatistics().acquires, 1u);
-    EXPECT_EQ(service.contentStatistics().releases, 0u);
+    EXPECT_THAT(recorder.events(), ElementsAre("Root.connected", "Root.connected", "Root.connected"));
+    EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre(STATE_LINE + "1", STATE_LINE + "1", STATE_LINE + "2",
+                                                          STATE_LINE + "2", STATE_LINE + "1", STATE_LINE + "7",
+                                                          STATE_LINE + "0"));
+    expectContentStatistics(3, 2);
 }
 
 TEST_F(ConnectedFlag, SourceLoadedWhileUpStartsLiveAndTellsBindingsLast) {
     setState(Connection::StateConnected);
-    source = makeSource(std::string());  // made after the connection came up
+    makeSource(std::string());  // made after the connection came up
     log.clear();
     const std::size_t acquiresBefore = service.contentStatistics().acquires;
 
@@ -117,33 +73,42 @@ TEST_F(ConnectedFlag, SourceLoadedWhileUpStartsLiveAndTellsBindingsLast) {
     source->removeModifiedSubscription(token);
 
     EXPECT_TRUE(flag());
-    EXPECT_EQ(order, std::vector<std::string>{"DataSource"});
-    EXPECT_THAT(log.lines(), ElementsAre(std::string("info tethrix: ") + STATE_LINE + "1"));
+    EXPECT_THAT(order, ElementsAre("DataSource"));
+    EXPECT_THAT(log.lines(), ElementsAre("info tethrix: " + STATE_LINE + "1"));
     EXPECT_EQ(service.contentStatistics().acquires, acquiresBefore + 1);
 }
 
-TEST_F(ConnectedFlag, StopWhileUpLetsTheFlagFallAndReleasesTheServiceTwice) {
+TEST_F(ConnectedFlag, StopWhileUpLetsTheFlagFallAndAReloadReadsTheStateOnceAndNoLongerFollows) {
     loadAndWatch();
     setState(Connection::StateConnected);
     recorder.clear();
     log.clear();
 
     source->unloadOverride();
-
     EXPECT_THAT(recorder.events(), ElementsAre("Root.connected"));
-    EXPECT_THAT(log.messages(), ElementsAre(std::string(STATE_LINE) + "2"));
-    const Context::ServiceStatistics content = service.contentStatistics();
-    EXPECT_EQ(content.acquires, 1u);
-    EXPECT_EQ(content.releases, 2u);
+    EXPECT_THAT(log.messages(), ElementsAre(STATE_LINE + "2"));
+    expectContentStatistics(1, 2);  // the service is released twice
+
+    loadAndWatch();  // the connection is still up: the new tree starts live
+    EXPECT_TRUE(flag());
+    setState(Connection::StateLost);
+    setState(Connection::StateConnected);
+    EXPECT_TRUE(flag());
+    EXPECT_THAT(recorder.events(), IsEmpty());
+    EXPECT_THAT(log.messages(), IsEmpty());
+    expectContentStatistics(2, 2);
 }
 
-TEST_F(ConnectedFlag, AfterStopAndStartTheSourceNoLongerFollowsTheConnection) {
+TEST_F(ConnectedFlag, TheTreeLivesFromStartToStopAndAfterBothWhileDownTheSourceNoLongerFollowsTheConnection) {
+    EXPECT_EQ(source->getData(), nullptr);
     load(*source);
+    EXPECT_THAT(childNames(*source->getData()), ElementsAre("connected"));
+    EXPECT_FALSE(flag());
+    EXPECT_FALSE(source->isConnected());
+    EXPECT_THAT(recorder.take(), ElementsAre("DataSource"));
     source->unloadOverride();
-    load(*source);
-    recorder.watchTree(source->getData());
-    recorder.clear();
-    log.clear();
+    EXPECT_EQ(source->getData(), nullptr);
+    loadAndWatch();
 
     setState(Connection::StateConnected);
     setState(Connection::StateLost);
@@ -153,17 +118,6 @@ TEST_F(ConnectedFlag, AfterStopAndStartTheSourceNoLongerFollowsTheConnection) {
     EXPECT_THAT(recorder.events(), IsEmpty());
     EXPECT_THAT(log.messages(), IsEmpty());
     EXPECT_EQ(service.contentStatistics().acquires, 0u);
-}
-
-TEST_F(ConnectedFlag, ReloadWhileUpReadsTheStateOnceAndKeepsIt) {
-    load(*source);
-    setState(Connection::StateConnected);
-    source->unloadOverride();
-    load(*source);  // the connection is still up: the new tree starts live
-    EXPECT_TRUE(flag());
-
-    setState(Connection::StateLost);  // no longer followed
-    EXPECT_TRUE(flag());
 }
 
 }  // namespace

@@ -2,10 +2,6 @@
 
 #include "data_source_fixture.h"
 
-#include "datasource/content_adapter.h"
-
-#include <gmock/gmock.h>
-
 namespace zarvo {
 namespace test {
 namespace {
@@ -32,113 +28,63 @@ const char* const MEDIA = R"(
   </dynamic_source>
 </sources>)";
 
-struct ExpectedQuery {
-    std::string uri;
-    std::vector<std::string> columns;
-    std::string filter;
-    int index;
-    int count;
-    std::string sort;
-};
-
-void expectQueries(const std::vector<testkit::RecordedQuery>& actual, const std::vector<ExpectedQuery>& expected) {
-    ASSERT_EQ(actual.size(), expected.size());
-    for (std::size_t i = 0; i < expected.size(); ++i) {
-        SCOPED_TRACE("query " + std::to_string(i) + " " + expected[i].uri);
-        EXPECT_EQ(actual[i].uri, expected[i].uri);
-        EXPECT_EQ(actual[i].columns, expected[i].columns);
-        EXPECT_EQ(actual[i].filter, expected[i].filter);
-        EXPECT_EQ(actual[i].index, expected[i].index);
-        EXPECT_EQ(actual[i].count, expected[i].count);
-        EXPECT_EQ(actual[i].sort, expected[i].sort);
+// One query as "uri columns|filter|index|count|sort".
+std::vector<std::string> describe(const std::vector<testkit::RecordedQuery>& queries) {
+    std::vector<std::string> lines;
+    for (const auto& query : queries) {
+        std::string columns;
+        for (const auto& column : query.columns) {
+            columns += column + ",";
+        }
+        lines.push_back(query.uri.substr(query.uri.rfind('/') + 1) + " " + columns + "|" + query.filter + "|" +
+                        std::to_string(query.index) + "|" + std::to_string(query.count) + "|" + query.sort);
     }
+    return lines;
 }
-
-// What a start of every ordinary adapter sends: one row from row 0 unless
-// block-wise reading is off, in which case the configured limits, cut to 32 bits.
-const std::vector<ExpectedQuery> FIRST_QUERIES = {
-    {"content://com.tavelorix.content/tracks", {"title", "art"}, "genre=rock", 0, 1, "title"},
-    {"content://com.tavelorix.content/now_playing", {"title", "position"}, "", 0, 1, ""},
-    {"content://com.tavelorix.content/charts", {"rank"}, "", 10, 5, ""},
-    {"content://com.tavelorix.content/wide", {}, "", 1, -1, ""},
-};
 
 class SourceQueries : public DataSourceFixture {
 protected:
-    void SetUp() override {
-        source = makeSource(MEDIA);
-        load(*source);
-    }
-
-    std::shared_ptr<ContentAdapter> adapter(const std::string& name) { return source->findSource(name); }
-
-    std::shared_ptr<ZarvoTethrixDataSource> source;
+    void SetUp() override { load(*makeSource(MEDIA)); }
 };
 
-TEST_F(SourceQueries, NothingIsSentBeforeTheConnectionIsUp) {
+TEST_F(SourceQueries, EachOrdinaryAdapterSendsItsFirstQueryEachTimeTheConnectionComesUp) {
     EXPECT_THAT(service.queries(), IsEmpty());
     EXPECT_EQ(service.liveLoaderCount(), 0u);
-}
+    // The tree holds dynamic sources ahead of ordinary ones.
+    EXPECT_THAT(childNames(*source->getData()), ElementsAre("connected", "albums", "tracks", "now_playing", "charts", "wide"));
+    EXPECT_EQ(at("tracks")->getType(), DataObject::TypeList);
+    EXPECT_EQ(at("now_playing")->getChildCount(), 2u);
+    const std::shared_ptr<DataObject> tracksBefore = at("tracks");
 
-TEST_F(SourceQueries, EachOrdinaryAdapterSendsItsFirstQueryWhenTheConnectionComesUp) {
-    setState(Connection::StateConnected);
-    expectQueries(service.queries(), FIRST_QUERIES);
-    EXPECT_EQ(service.liveLoaderCount(), FIRST_QUERIES.size());
-}
-
-TEST_F(SourceQueries, TreeHoldsDynamicSourcesAheadOfOrdinaryOnes) {
-    std::vector<std::string> names;
-    for (std::size_t i = 0; i < source->getData()->getChildCount(); ++i) {
-        names.push_back(source->getData()->getChild(i)->getName());
+    // One row from row 0 unless block-wise reading is off, in which case the
+    // configured limits, cut to 32 bits.
+    for (int round = 0; round < 2; ++round) {
+        setState(Connection::StateConnected);
+        EXPECT_THAT(describe(service.takeQueries()),
+                    ElementsAre("tracks title,art,|genre=rock|0|1|title", "now_playing title,position,||0|1|",
+                                "charts rank,||10|5|", "wide ||1|-1|"));
+        EXPECT_EQ(service.liveLoaderCount(), 4u);
+        setState(Connection::StateLost);
+        EXPECT_EQ(service.liveLoaderCount(), 0u);
+        EXPECT_THAT(service.queries(), IsEmpty());
     }
-    EXPECT_THAT(names, ElementsAre("connected", "albums", "tracks", "now_playing", "charts", "wide"));
-    EXPECT_EQ(source->getData()->findChild("tracks")->getType(), DataObject::TypeList);
-    EXPECT_EQ(source->getData()->findChild("now_playing")->getChildCount(), 2u);
-}
-
-TEST_F(SourceQueries, ConnectionLostAndBackGivesNewLoadersAndTheSameQueriesAgain) {
-    setState(Connection::StateConnected);
-    std::shared_ptr<DataObject> tracksBefore = source->getData()->findChild("tracks");
-    service.takeQueries();
-
-    setState(Connection::StateLost);
-    EXPECT_EQ(service.liveLoaderCount(), 0u);
-    EXPECT_THAT(service.queries(), IsEmpty());
-
-    setState(Connection::StateConnected);
-    expectQueries(service.queries(), FIRST_QUERIES);
-    EXPECT_EQ(service.liveLoaderCount(), FIRST_QUERIES.size());
     // The tree keeps its objects across the loss.
-    EXPECT_EQ(source->getData()->findChild("tracks"), tracksBefore);
+    EXPECT_EQ(at("tracks"), tracksBefore);
 }
 
-TEST_F(SourceQueries, LoadItemsUsesTheCallersRowsOnlyWhileBlockSizeIsSet) {
+TEST_F(SourceQueries, LoadItemsUsesTheCallersRowsOnlyWhileBlockSizeIsSetAndTheFilterOfTheMoment) {
     setState(Connection::StateConnected);
     service.takeQueries();
 
-    EXPECT_TRUE(adapter("tracks")->loadItems(100, 50));
-    EXPECT_TRUE(adapter("charts")->loadItems(5, 10));
-    EXPECT_TRUE(adapter("tracks")->loadItems(0x100000007ul, 0x100000002ul));  // cut to 32 bits
+    EXPECT_TRUE(source->findSource("tracks")->loadItems(100, 50));
+    EXPECT_TRUE(source->findSource("charts")->loadItems(5, 10));
+    EXPECT_TRUE(source->findSource("tracks")->loadItems(0x100000007ul, 0x100000002ul));  // cut to 32 bits
+    source->findSource("tracks")->getConfig()->filter = "genre=jazz";
+    source->findSource("tracks")->loadItems(0, 50);
 
-    const std::vector<testkit::RecordedQuery> queries = service.queries();
-    ASSERT_EQ(queries.size(), 3u);
-    EXPECT_EQ(queries[0].index, 100);
-    EXPECT_EQ(queries[0].count, 50);
-    EXPECT_EQ(queries[1].index, 10);
-    EXPECT_EQ(queries[1].count, 5);
-    EXPECT_EQ(queries[2].index, 7);
-    EXPECT_EQ(queries[2].count, 2);
-}
-
-TEST_F(SourceQueries, FilterIsReadFromTheConfigurationAtEachQuery) {
-    setState(Connection::StateConnected);
-    service.takeQueries();
-
-    adapter("tracks")->getConfig()->filter = "genre=jazz";
-    adapter("tracks")->loadItems(0, 50);
-
-    ASSERT_EQ(service.queries().size(), 1u);
-    EXPECT_EQ(service.queries()[0].filter, "genre=jazz");
+    EXPECT_THAT(describe(service.queries()),
+                ElementsAre("tracks title,art,|genre=rock|100|50|title", "charts rank,||10|5|",
+                            "tracks title,art,|genre=rock|7|2|title", "tracks title,art,|genre=jazz|0|50|title"));
 }
 
 }  // namespace

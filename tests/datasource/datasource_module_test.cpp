@@ -10,52 +10,48 @@
 
 #include <gmock/gmock.h>
 
-#include <stdexcept>
-
 namespace zarvo {
 namespace test {
 namespace {
 
-using ::testing::ElementsAre;
-
-class ModuleTest : public ::testing::Test {
-protected:
-    void SetUp() override { module = createModule(); }
-    void TearDown() override { destroyModule(module); }
-
+TEST(ModuleTest, OffersTheDataSourceMetaclassOnceWhichTheEngineCreatesByNameAndInstallsTheImageProtocols) {
     testkit::TestHost host;
     testkit::LogCapture log;
-    Module* module = nullptr;
-};
-
-std::vector<std::string> propertyNames(const Metaclass& metaclass) {
-    std::vector<std::string> names;
-    for (const AbstractPropertyType* type : metaclass.getPropertyTypes()) {
-        names.push_back(type->getName());
-    }
-    return names;
-}
-
-TEST_F(ModuleTest, OffersExactlyTheDataSourceMetaclassBuiltOnce) {
+    Module* module = createModule();
     ASSERT_NE(module, nullptr);
     EXPECT_EQ(module->domain, nullptr);
-    const std::vector<const Metaclass*> first = module->getMetaclassesOverride();
-    const std::vector<const Metaclass*> second = module->getMetaclassesOverride();
-    ASSERT_EQ(first.size(), 1u);
-    EXPECT_EQ(first, second);
-    EXPECT_EQ(first[0], ZarvoTethrixDataSource::getStaticMetaclass());
+    const std::vector<const Metaclass*> metaclasses = module->getMetaclassesOverride();
+    EXPECT_EQ(module->getMetaclassesOverride(), metaclasses);
+    EXPECT_THAT(metaclasses, ::testing::ElementsAre(ZarvoTethrixDataSource::getStaticMetaclass()));
+
+    ObjectFactory factory;
+    factory.registerMetaclass(metaclasses.at(0));
+    auto source = std::dynamic_pointer_cast<ZarvoTethrixDataSource>(
+        factory.create("ZarvoTethrixDataSource", &host.domain(), "Media"));
+    ASSERT_NE(source, nullptr);
+    EXPECT_EQ(source->getObjectName(), "Media");
+    EXPECT_EQ(source->getDynamicMetaclass(), ZarvoTethrixDataSource::getStaticMetaclass());
+    EXPECT_TRUE(DataSource::getStaticMetaclass()->isMetaclassOf(*source));
+
+    // Registering metadata adds no class; it installs the remote image protocols.
+    ObjectFactory empty;
+    module->domain = &host.domain();
+    module->registerMetadataOverride(empty);
+    EXPECT_TRUE(host.domain().getResourceManager()->supportsProtocolHandler("http"));
+    EXPECT_TRUE(host.domain().getResourceManager()->supportsProtocolHandler("https"));
+    EXPECT_TRUE(empty.getMetaclasses().empty());
+    destroyModule(module);
 }
 
-struct MetaclassRow {
-    const Metaclass* metaclass;
-    std::string name;
-    std::string base;  // empty: none
-    bool abstract;
-    std::vector<std::string> properties;
-};
-
-TEST_F(ModuleTest, MetaclassesHaveTheirNamesBasesFlagsAndProperties) {
-    const std::vector<MetaclassRow> rows = {
+TEST(ModuleTest, MetaclassesHaveTheirNamesBasesFlagsAndProperties) {
+    struct Row {
+        const Metaclass* metaclass;
+        std::string name;
+        std::string base;  // empty: none
+        bool abstract;
+        std::vector<std::string> properties;
+    };
+    const std::vector<Row> rows = {
         {DataContext::getStaticMetaclass(), "Zarvo.DataContext", "", true,
          {DataContext::DataContextProperty.getName(), DataContext::ItemsSourceProperty.getName()}},
         {DataSource::getStaticMetaclass(), "Zarvo.DataSource", "Zarvo.DataContext", true, {}},
@@ -65,45 +61,18 @@ TEST_F(ModuleTest, MetaclassesHaveTheirNamesBasesFlagsAndProperties) {
         {ZarvoTethrixDataSource::getStaticMetaclass(), "ZarvoTethrixDataSource", "Zarvo.DataSource", false,
          {"ZarvoTethrixDataSource.XmlFileName", "ZarvoTethrixDataSource.XmlDeclaration"}},
     };
-    for (const MetaclassRow& row : rows) {
+    for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(row.metaclass->getName(), row.name);
         EXPECT_EQ(row.metaclass->getBase() ? std::string(row.metaclass->getBase()->getName()) : "", row.base);
         EXPECT_EQ(row.metaclass->isAbstract(), row.abstract);
         EXPECT_TRUE(row.metaclass->isSealed());
-        EXPECT_EQ(propertyNames(*row.metaclass), row.properties);
+        std::vector<std::string> names;
+        for (const AbstractPropertyType* type : row.metaclass->getPropertyTypes()) {
+            names.push_back(type->getName());
+        }
+        EXPECT_EQ(names, row.properties);
     }
-}
-
-TEST_F(ModuleTest, EngineCreatesTheSourceByTypeName) {
-    ObjectFactory factory;
-    for (const Metaclass* metaclass : module->getMetaclassesOverride()) {
-        factory.registerMetaclass(metaclass);
-    }
-    std::shared_ptr<Object> object = factory.create("ZarvoTethrixDataSource", &host.domain(), "Media");
-    auto source = std::dynamic_pointer_cast<ZarvoTethrixDataSource>(object);
-    ASSERT_NE(source, nullptr);
-    EXPECT_EQ(source->getObjectName(), "Media");
-    EXPECT_EQ(source->getDynamicMetaclass(), ZarvoTethrixDataSource::getStaticMetaclass());
-    EXPECT_TRUE(ZarvoTethrixDataSource::getStaticMetaclass()->isMetaclassOf(*source));
-    EXPECT_TRUE(DataSource::getStaticMetaclass()->isMetaclassOf(*source));
-}
-
-class OtherDataSource : public DataSource {
-public:
-    using DataSource::DataSource;
-    const Metaclass* getDynamicMetaclass() const override { return DataSource::getStaticMetaclass(); }
-    std::shared_ptr<DataObject> getData() override { return nullptr; }
-};
-
-TEST_F(ModuleTest, RegisteringMetadataInstallsTheRemoteImageProtocols) {
-    ObjectFactory factory;
-    module->domain = &host.domain();
-    module->registerMetadataOverride(factory);
-    ResourceManager* resources = host.domain().getResourceManager();
-    EXPECT_TRUE(resources->supportsProtocolHandler("http"));
-    EXPECT_TRUE(resources->supportsProtocolHandler("https"));
-    EXPECT_TRUE(factory.getMetaclasses().empty());
 }
 
 }  // namespace

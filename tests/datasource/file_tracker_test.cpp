@@ -2,19 +2,15 @@
 
 #include "datasource/file_tracker.h"
 
-#include <zarvo/testkit/log_capture.h>
 #include <zarvo/testkit/files.h>
+#include <zarvo/testkit/log_capture.h>
 #include <zarvo/testkit/test_host.h>
 
 #include <gmock/gmock.h>
 
-#include <sys/stat.h>
-#include <unistd.h>
 #include <utime.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <stdexcept>
 
 namespace zarvo {
@@ -29,83 +25,59 @@ const milliseconds TICK(1000);
 
 class FileTrackerTest : public ::testing::Test {
 protected:
-    static void write(const std::string& path, time_t modified) {
-        std::ofstream(path) << "<x/>";
+    void write(time_t modified) {
+        testkit::writeFile(file, "<x/>");
         utimbuf times{modified, modified};
-        ASSERT_EQ(utime(path.c_str(), &times), 0);
+        ASSERT_EQ(utime(file.c_str(), &times), 0);
     }
 
-    std::function<void(string_view)> record() {
-        return [this](string_view name) { calls.push_back(name.to_string()); };
+    void start() {
+        tracker.start(file, [this](string_view name) { calls.push_back(name.to_string()); });
     }
 
     testkit::TestHost host;
     FileTracker tracker{&host.loop()};
     testkit::TemporaryDirectory directory;
-    const std::string first = directory.file("first.xml");
-    const std::string second = directory.file("second.xml");
+    const std::string file = directory.file("first.xml");
     std::vector<std::string> calls;
 };
 
-TEST_F(FileTrackerTest, ReportsEachChangeOfModificationTimeOnce) {
-    write(first, 1000);
-    tracker.start(first, record());
-
+TEST_F(FileTrackerTest, ReportsEachChangeOfModificationTimeOnceAtTheNextSecond) {
+    write(1000);
+    start();
     host.advance(TICK);
     EXPECT_THAT(calls, IsEmpty());  // the state at start counts as seen
 
-    write(first, 2000);
-    host.advance(TICK);
-    host.advance(TICK);
-    write(first, 1500);  // older is a change as well
-    host.advance(TICK);
-
-    EXPECT_THAT(calls, ElementsAre(first, first));
-}
-
-TEST_F(FileTrackerTest, PollsOncePerSecondOnly) {
-    write(first, 1000);
-    tracker.start(first, record());
-    write(first, 2000);
-
+    write(2000);
     host.advance(milliseconds(999));
     EXPECT_THAT(calls, IsEmpty());
     host.advance(milliseconds(1));
-    EXPECT_THAT(calls, ElementsAre(first));
-}
+    EXPECT_THAT(calls, ElementsAre(file));
+    host.advance(TICK);
+    write(1500);  // older is a change as well
+    host.advance(TICK);
+    EXPECT_EQ(calls.size(), 2u);
 
-TEST_F(FileTrackerTest, DisappearingAndReappearingFileAreChanges) {
-    write(first, 1000);
-    tracker.start(first, record());
-
-    std::remove(first.c_str());
+    // Disappearing and reappearing are changes.
+    std::remove(file.c_str());
     host.advance(TICK);
     host.advance(TICK);  // still gone: time 0 both times
-    write(first, 1000);
+    write(1000);
     host.advance(TICK);
-
-    EXPECT_THAT(calls, ElementsAre(first, first));
-}
-
-TEST_F(FileTrackerTest, FileMissingAtStartFiresWhenItAppears) {
-    tracker.start(first, record());
-    host.advance(TICK);
-    write(first, 1000);
-    host.advance(TICK);
-    EXPECT_THAT(calls, ElementsAre(first));
+    EXPECT_THAT(calls, ElementsAre(file, file, file, file));
 }
 
 TEST_F(FileTrackerTest, CallbackMayStopAndRestartItsOwnTracker) {
-    write(first, 1000);
+    write(1000);
     int reloads = 0;
     std::function<void(string_view)> reload = [&](string_view) {
         ++reloads;
         tracker.stop();
-        tracker.start(first, reload);
+        tracker.start(file, reload);
     };
-    tracker.start(first, reload);
+    tracker.start(file, reload);
 
-    write(first, 2000);
+    write(2000);
     host.advance(TICK);
     host.advance(TICK);
 
@@ -115,13 +87,13 @@ TEST_F(FileTrackerTest, CallbackMayStopAndRestartItsOwnTracker) {
 
 TEST_F(FileTrackerTest, ChangeIsSeenAgainWhenTheCallbackThrows) {
     testkit::LogCapture log;
-    write(first, 1000);
+    write(1000);
     int attempts = 0;
-    tracker.start(first, [&](string_view) {
+    tracker.start(file, [&](string_view) {
         ++attempts;
         throw std::runtime_error("reload failed");
     });
-    write(first, 2000);
+    write(2000);
 
     // The loop reports what the callback let out and goes on.
     host.advance(TICK);

@@ -1,30 +1,20 @@
-// The block-cached list as a list view drives it: through the real adapter,
+// The block-cached list as a list view drives it: through a data source, the
 // client library and a scripted service, with the loop run by hand.
-#include "datasource/content_adapter.h"
-#include "datasource/tethrix_data_object_list.h"
+#include "data_source_fixture.h"
 
 #include <zarvo/host/list_view.h>
-#include <zarvo/testkit/notification_recorder.h>
-#include <zarvo/testkit/scripted_service.h>
-#include <zarvo/testkit/test_host.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <string>
 #include <utility>
-#include <vector>
 
 namespace zarvo {
+namespace test {
 namespace {
 
 using testing::ElementsAre;
 using testing::IsEmpty;
 using Request = std::pair<int, int>;  // index, count of one query
 using Requests = std::vector<Request>;
-
-const std::string songsUri = "content://com.tavelorix.content/songs";
 
 // The id a row was filled with, or -1 while its data have not arrived.
 int idOf(const std::shared_ptr<DataObject>& row) {
@@ -34,49 +24,21 @@ int idOf(const std::shared_ptr<DataObject>& row) {
     return std::static_pointer_cast<DataObjectInteger>(row->getChild(0))->getValue();
 }
 
-std::vector<std::uint64_t> keys(const TethrixDataObjectList::Cache::ItemMap& items) {
-    std::vector<std::uint64_t> result;
-    for (const auto& entry : items) {
-        result.push_back(entry.first);
-    }
-    return result;
-}
-
-class TethrixDataObjectListTest : public testing::Test {
+class TethrixDataObjectListTest : public DataSourceFixture {
 protected:
-    void TearDown() override {
-        if (adapter) {
-            // A list and its adapter own each other for good; the adapter's
-            // hold on the list is the one a test can drop.
-            adapter->stop();
-            adapter->initialize(nullptr, false);
-        }
-    }
-
-    // A list adapter on a table of `rows` rows, not yet started.
+    // A list source on a table of `rows` rows, loaded while the connection
+    // is down, so that it has no loader yet.
     void create(std::uint64_t blockSize, std::size_t rows = 1000) {
         tableRows = rows;
-        auto config = std::make_shared<ContentAdapterConfiguration>();
-        config->uri = songsUri;
-        config->name = "songs";
-        config->type = ContentAdapterConfiguration::List;
-        config->blockSize = blockSize;
-        config->fields = {{"id", DataObject::TypeInteger, "id"}, {"title", DataObject::TypeString, "title"}};
-        adapter = std::make_shared<ContentAdapter>(config, &host.domain(), service.context());
-        root = std::make_shared<DataObject>(&host.domain(), "Root");
-        adapter->initialize(root, true);
-        list = std::dynamic_pointer_cast<TethrixDataObjectList>(adapter->getDataObject());
-        ASSERT_NE(list, nullptr);
+        load(*makeSource(R"(<sources><songs uri="com.tavelorix.content/songs" type="list" block_size=")" +
+                         std::to_string(blockSize) +
+                         R"("><field name="id" type="int"/><field name="title" type="string"/></songs></sources>)"));
+        list = at<TethrixDataObjectList>("songs");
         recorder.watch(*list, "list");
-        service.setState(Connection::StateConnected);
-        host.runUntilIdle();
     }
 
-    void startLoading() {
-        auto client = service.context()->getClient();
-        adapter->start(std::make_shared<DefaultContentLoader>(client.get(),
-                                                              client->getConnection()->getMessageDispatcher()));
-    }
+    // The connection comes up: the source starts loading.
+    void startLoading() { setState(Connection::StateConnected); }
 
     // Created, started, and its first row delivered.
     void start(std::uint64_t blockSize, std::size_t rows = 1000) {
@@ -120,11 +82,6 @@ protected:
 
     const TethrixDataObjectList::Cache& cache() const { return list->getCache(); }
 
-    testkit::TestHost host;
-    testkit::ScriptedService service{host.domain()};
-    testkit::NotificationRecorder recorder;
-    std::shared_ptr<DataObject> root;
-    std::shared_ptr<ContentAdapter> adapter;
     std::shared_ptr<TethrixDataObjectList> list;
     std::size_t tableRows = 0;
 
@@ -137,12 +94,11 @@ private:
     }
 
     void answer(const testkit::RecordedQuery& query, std::size_t begin, std::size_t end) {
-        std::vector<std::vector<boost::any>> rows;
+        Rows rows;
         for (std::size_t row = begin; row < end; ++row) {
             rows.push_back({boost::any(static_cast<int>(row)), boost::any("song " + std::to_string(row))});
         }
-        service.reply(query, {{"id", ContentDataTypeInteger}, {"title", ContentDataTypeString}}, std::move(rows),
-                      begin);
+        service.reply(query, {{"id", ContentDataTypeInteger}, {"title", ContentDataTypeString}}, std::move(rows), begin);
     }
 
     std::vector<testkit::RecordedQuery> pending;
@@ -295,7 +251,11 @@ TEST_F(TethrixDataObjectListTest, ReferencesResetAndListNotifiesOnlyWhenTheCount
     // row still missing is asked for again.
     deliverRows(3, 4);
     EXPECT_THAT(recorder.take(), IsEmpty());
-    EXPECT_THAT(keys(cache().getReferencedItems()), ElementsAre(0u, 1u, 2u, 3u, 4u, 55u));
+    std::vector<std::uint64_t> referenced;
+    for (const auto& entry : cache().getReferencedItems()) {
+        referenced.push_back(entry.first);
+    }
+    EXPECT_THAT(referenced, ElementsAre(0u, 1u, 2u, 3u, 4u, 55u));
     EXPECT_THAT(requests(), ElementsAre(Request(50, 10)));
 
     // Rows past the count: every reference goes, rows and data stay.
@@ -346,6 +306,18 @@ TEST_F(TethrixDataObjectListTest, RowPastTheEndIsAskedForUntilReleased) {
     EXPECT_THAT(list->getLoadingQueue(), IsEmpty());
 }
 
+TEST_F(TethrixDataObjectListTest, AReadAheadLostWithTheConnectionIsAskedAgain) {
+    start(10);
+    list->acquireItem(0);  // a hit: block 0 is read ahead
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 10)));
+    setState(Connection::StateLost);  // the read-ahead goes with the loader
+    list->acquireItem(0);             // and a read-ahead while no loader is there
+    setState(Connection::StateConnected);
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 1)));
+    deliver();
+    EXPECT_THAT(requests(), ElementsAre(Request(0, 10)));
+}
+
 TEST_F(TethrixDataObjectListTest, QueueWaitsForALoaderAndRetriesOnTheNextAcquire) {
     create(10);
     list->acquireItem(25);
@@ -394,7 +366,7 @@ INSTANTIATE_TEST_SUITE_P(FiftyOrFiftyOne, PurgeTest, testing::Values(49u, 50u));
 
 TEST_F(TethrixDataObjectListTest, ItemTemplateIsTheLowestReferencedRowElseTheAdaptersTemplate) {
     create(10);
-    EXPECT_EQ(list->getItemTemplate(), adapter->getItemTemplate());
+    EXPECT_EQ(list->getItemTemplate(), source->findSource("songs")->getItemTemplate());
     EXPECT_EQ(list->getItemTemplate()->getName(), "songsItem");
     auto row7 = list->acquireItem(7);
     auto row3 = list->acquireItem(3);
@@ -427,4 +399,5 @@ TEST(TethrixDataObjectListCacheTest, PurgeOrderStaysExactWhileReferencesComeAndG
 }
 
 }  // namespace
+}  // namespace test
 }  // namespace zarvo

@@ -3,27 +3,20 @@
 
 #include "data_source_fixture.h"
 
-#include "datasource/content_adapter.h"
-
 #include <zarvo/testkit/files.h>
 
-#include <gmock/gmock.h>
-
-#include <sys/stat.h>
 #include <utime.h>
 
 #include <cstdio>
-#include <cstdlib>
-#include <fstream>
 
 namespace zarvo {
 namespace test {
 namespace {
 
+using ::testing::Contains;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
-using std::chrono::milliseconds;
 
 const char* const ONE_SOURCE = R"(<sources>
   <tracks uri="com.tavelorix.content/tracks"><field name="title" type="string"/></tracks>
@@ -31,23 +24,19 @@ const char* const ONE_SOURCE = R"(<sources>
 
 const char* const TWO_SOURCES = R"(<sources>
   <tracks uri="com.tavelorix.content/tracks"><field name="title" type="string"/></tracks>
-  <artists uri="com.tavelorix.content/artists"><field name="name" type="string"/></artists>
+  <artists uri="com.tavelorix.content/artists" type="list" block_size="10"><field name="name" type="string"/></artists>
 </sources>)";
-
-const milliseconds TICK(1000);
 
 class ConfigurationFile : public DataSourceFixture {
 protected:
-    /// Writes the file and gives it a modification time of its own, so that
-    /// no test waits for the clock's second to turn.
-    void writeFile(const std::string& text, time_t modified) {
-        std::ofstream(path) << text;
-        touch(modified);
-    }
-
-    void touch(time_t modified) {
+    /// Writes the file with a modification time of its own, so that no test
+    /// waits for the clock's second to turn, and lets the tracker see it.
+    void change(const std::string& text) {
+        testkit::writeFile(path, text);
+        modified += 10;
         utimbuf times{modified, modified};
         ASSERT_EQ(utime(path.c_str(), &times), 0);
+        host.advance(std::chrono::milliseconds(1000));
     }
 
     std::vector<std::string> adapterNames() const {
@@ -60,80 +49,63 @@ protected:
 
     testkit::TemporaryDirectory directory;
     const std::string path = directory.file("sources.xml");
-    std::shared_ptr<ZarvoTethrixDataSource> source;
+    time_t modified = 1000000000;
 };
 
-TEST_F(ConfigurationFile, ChangedFileReloadsTheSourceOnTheLoop) {
-    writeFile(ONE_SOURCE, 1000000000);
-    source = makeSource(std::string(), path);
-    load(*source);
-    setState(Connection::StateConnected);
+TEST_F(ConfigurationFile, ChangedFileReloadsOnTheLoopLettingTheOldFlagFallThenTellingTheSourceOnceLive) {
+    change(ONE_SOURCE);
+    start(std::string(), path);
     std::shared_ptr<DataObject> oldRoot = source->getData();
-    testkit::NotificationRecorder recorder;
-    recorder.watch(*source, "DataSource");
-    service.takeQueries();
-
-    host.advance(TICK);  // nothing changed yet
-    EXPECT_EQ(source->getData(), oldRoot);
-
-    writeFile(TWO_SOURCES, 1000000010);
-    host.advance(TICK);
-
-    EXPECT_NE(source->getData(), oldRoot);
-    EXPECT_THAT(adapterNames(), ElementsAre("tracks", "artists"));
-    EXPECT_THAT(recorder.events(), ElementsAre("DataSource"));
-    EXPECT_TRUE(source->isConnected());
-    ASSERT_EQ(service.queries().size(), 2u);  // the new adapters query at once
-    EXPECT_EQ(service.queries()[1].uri, "content://com.tavelorix.content/artists");
-}
-
-TEST_F(ConfigurationFile, MissingFileIsLoggedWatchedAndPickedUpWhenItAppears) {
-    source = makeSource(std::string(), path);
-    load(*source);
-
-    EXPECT_THAT(log.messages(LogLevel::Error), ElementsAre(HasSubstr("ERROR, xml file " + path + " loading failed")));
-    EXPECT_EQ(source->getData()->getChildCount(), 1u);
-    EXPECT_THAT(adapterNames(), IsEmpty());
-
-    host.advance(TICK);
-    EXPECT_THAT(adapterNames(), IsEmpty());  // still absent: no reload
-
-    writeFile(ONE_SOURCE, 1000000000);
-    host.advance(TICK);
-    EXPECT_THAT(adapterNames(), ElementsAre("tracks"));
-}
-
-TEST_F(ConfigurationFile, DisappearingFileReloadsIntoTheDeclarationAlone) {
-    writeFile(TWO_SOURCES, 1000000000);
-    source = makeSource(R"(<s><now uri="com.tavelorix.content/now"/></s>)", path);
-    load(*source);
-    EXPECT_THAT(adapterNames(), ElementsAre("now", "tracks", "artists"));
-
-    std::remove(path.c_str());
-    host.advance(TICK);
-
-    EXPECT_THAT(adapterNames(), ElementsAre("now"));
-}
-
-TEST_F(ConfigurationFile, AReloadLetsTheOldFlagFallThenTellsTheSourceOnceTheNewTreeIsLive) {
-    writeFile(ONE_SOURCE, 1000000000);
-    source = makeSource(std::string(), path);
-    load(*source);
-    setState(Connection::StateConnected);
-    testkit::NotificationRecorder recorder;
-    recorder.watchTree(source->getData());
     recorder.watch(*source, "DataSource");
     bool liveWhenTold = false;
     auto token = source->addModifiedSubscription([this, &liveWhenTold](DataContext&) {
         liveWhenTold = source->isConnected() && source->getData()->findChild("artists") != nullptr;
     });
+    service.takeQueries();
 
-    writeFile(TWO_SOURCES, 1000000010);
-    host.advance(TICK);
+    host.advance(std::chrono::milliseconds(1000));  // nothing changed yet
+    EXPECT_EQ(source->getData(), oldRoot);
 
+    change(TWO_SOURCES);
+    EXPECT_NE(source->getData(), oldRoot);
+    EXPECT_THAT(adapterNames(), ElementsAre("tracks", "artists"));
     EXPECT_THAT(recorder.events(), ElementsAre("Root.connected", "DataSource"));
     EXPECT_TRUE(liveWhenTold);
+    ASSERT_EQ(service.queries().size(), 2u);  // the new adapters query at once
+    EXPECT_EQ(service.queries()[1].uri, "content://com.tavelorix.content/artists");
     source->removeModifiedSubscription(token);
+}
+
+TEST_F(ConfigurationFile, MissingFileIsLoggedWatchedAndReadWhenItAppearsAndTheDeclarationStaysWhenItGoes) {
+    load(*makeSource(R"(<s><now uri="com.tavelorix.content/now"/></s>)", path));
+    EXPECT_THAT(log.messages(LogLevel::Error), ElementsAre(HasSubstr("ERROR, xml file " + path + " loading failed")));
+    EXPECT_THAT(adapterNames(), ElementsAre("now"));
+
+    host.advance(std::chrono::milliseconds(1000));
+    EXPECT_THAT(adapterNames(), ElementsAre("now"));  // still absent: no reload
+
+    change(TWO_SOURCES);
+    EXPECT_THAT(adapterNames(), ElementsAre("now", "tracks", "artists"));
+
+    std::remove(path.c_str());
+    host.advance(std::chrono::milliseconds(1000));
+    EXPECT_THAT(adapterNames(), ElementsAre("now"));
+}
+
+TEST_F(ConfigurationFile, ARepairedFileReloadsTheSourceAfterABadNumber) {
+    service.serve("content://com.tavelorix.content/artists",
+                  {{{"name", ContentDataTypeString}}, 5, [](std::size_t, std::size_t) -> boost::any { return std::string("x"); }});
+    change(TWO_SOURCES);
+    start(std::string(), path);
+
+    change(R"(<sources><artists uri="com.tavelorix.content/artists" block_size="ten"/></sources>)");
+    EXPECT_EQ(source->getData(), nullptr);
+    EXPECT_THAT(log.messages(LogLevel::Error), Contains(HasSubstr("it is watched for a repair")));
+
+    change(TWO_SOURCES);
+    ASSERT_NE(source->getData(), nullptr);
+    EXPECT_EQ(at<DataObjectList>("artists")->itemCount(), 1u);
+    EXPECT_TRUE(source->isConnected());
 }
 
 }  // namespace

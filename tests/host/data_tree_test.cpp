@@ -21,49 +21,6 @@ std::shared_ptr<DataObject> object(const std::string& name) {
     return std::make_shared<DataObject>(nullptr, name);
 }
 
-// A tree Root { connected, Items { first, second }, Items }.
-class TreeTest : public testing::Test {
-protected:
-    void SetUp() override {
-        root->addChild(connected);
-        root->addChild(items);
-        items->addChild(object("first"));
-        items->addChild(object("second"));
-        root->addChild(object("Items"));
-    }
-
-    std::shared_ptr<DataObject> root = object("Root");
-    std::shared_ptr<DataObjectBoolean> connected = std::make_shared<DataObjectBoolean>(nullptr, "connected");
-    std::shared_ptr<DataObject> items = object("Items");
-};
-
-TEST_F(TreeTest, ChildrenKeepTheirOrderAndEmptySlots) {
-    auto parent = object("p");
-    parent->addChild(object("a"));
-    parent->addChild(nullptr);
-    parent->addChild(object("c"));
-    ASSERT_EQ(parent->getChildCount(), 3u);
-    EXPECT_EQ(parent->getChild(0)->getName(), "a");
-    EXPECT_EQ(parent->getChild(1), nullptr);
-    EXPECT_EQ(parent->getChild(2)->getName(), "c");
-    EXPECT_EQ(parent->getChild(3), nullptr);
-    EXPECT_EQ(parent->findChild("c"), parent->getChild(2));
-
-    parent->removeAllChildren();
-    EXPECT_EQ(parent->getChildCount(), 0u);
-}
-
-TEST_F(TreeTest, LookupFollowsDottedNamesAndTakesTheFirstMatch) {
-    EXPECT_EQ(root->lookupDataContext(""), root);
-    EXPECT_EQ(root->lookupDataContext("connected"), connected);
-    EXPECT_EQ(root->lookupDataContext("Items"), items);
-    EXPECT_EQ(root->lookupDataContext("Items.second"), items->getChild(1));
-    EXPECT_EQ(root->lookupDataContext("Items.third"), nullptr);
-    EXPECT_EQ(root->lookupDataContext("connected.x"), nullptr);
-    EXPECT_EQ(root->lookupDataContext("Items..first"), nullptr);
-    EXPECT_EQ(root->getData(), root);
-}
-
 class TestSource : public DataSource {
 public:
     using DataSource::DataSource;
@@ -72,11 +29,38 @@ public:
     std::shared_ptr<DataObject> root;
 };
 
-TEST_F(TreeTest, DataSourceLooksUpBelowItsDataWithOrWithoutTheRootName) {
+TEST(TreeTest, ChildrenKeepTheirOrderAndEmptySlotsAndLookupFollowsDottedNamesBelowASourceWithOrWithoutTheRoot) {
+    auto parent = object("p");
+    parent->addChild(object("a"));
+    parent->addChild(nullptr);
+    parent->addChild(object("c"));
+    ASSERT_EQ(parent->getChildCount(), 3u);
+    EXPECT_EQ(parent->getChild(1), nullptr);
+    EXPECT_EQ(parent->getChild(2)->getName(), "c");
+    EXPECT_EQ(parent->getChild(3), nullptr);
+    EXPECT_EQ(parent->findChild("c"), parent->getChild(2));
+    parent->removeAllChildren();
+    EXPECT_EQ(parent->getChildCount(), 0u);
+
+    // Root { connected, Items { first, second }, Items }: the first match counts.
+    auto root = object("Root");
+    auto connected = std::make_shared<DataObjectBoolean>(nullptr, "connected");
+    auto items = object("Items");
+    root->addChild(connected);
+    root->addChild(items);
+    items->addChild(object("first"));
+    items->addChild(object("second"));
+    root->addChild(object("Items"));
+    EXPECT_EQ(root->lookupDataContext(""), root);
+    EXPECT_EQ(root->lookupDataContext("Items.second"), items->getChild(1));
+    EXPECT_EQ(root->lookupDataContext("Items.third"), nullptr);
+    EXPECT_EQ(root->lookupDataContext("connected.x"), nullptr);
+    EXPECT_EQ(root->lookupDataContext("Items..first"), nullptr);
+    EXPECT_EQ(root->getData(), root);
+
     TestSource source(nullptr, "source");
     EXPECT_EQ(source.lookupDataContext(""), nullptr) << "no data yet";
     EXPECT_EQ(source.lookupDataContext("connected"), nullptr);
-
     source.root = root;
     EXPECT_EQ(source.lookupDataContext(""), root);
     EXPECT_EQ(source.lookupDataContext("Root"), root);
@@ -87,7 +71,7 @@ TEST_F(TreeTest, DataSourceLooksUpBelowItsDataWithOrWithoutTheRootName) {
     EXPECT_EQ(source.lookupDataContext("Root.nothing"), nullptr);
 }
 
-TEST(DataContextTest, NotificationsReachSubscribersInOrderUntilRemoved) {
+TEST(DataContextTest, NotificationsReachSubscribersInOrderUntilRemovedAndChangesDuringOneTakeEffectAsDocumented) {
     auto context = object("c");
     std::vector<std::string> calls;
     auto first = context->addModifiedSubscription([&](DataContext& c) { calls.push_back("1:" + c.getObjectName()); });
@@ -99,11 +83,10 @@ TEST(DataContextTest, NotificationsReachSubscribersInOrderUntilRemoved) {
     context->notifyModified();
     EXPECT_THAT(calls, ElementsAre("1:c", "2", "2"));
     EXPECT_EQ(context->getModifiedSubscriptionCount(), 1u);
-}
 
-TEST(DataContextTest, ChangesDuringANotificationTakeEffectAsDocumented) {
-    auto context = object("c");
-    std::vector<std::string> calls;
+    // Changes during a notification take effect as documented.
+    context = object("c");
+    calls.clear();
     std::shared_ptr<void> third;
     std::shared_ptr<void> self;
     context->addModifiedSubscription([&](DataContext& c) {
@@ -123,17 +106,6 @@ TEST(DataContextTest, ChangesDuringANotificationTakeEffectAsDocumented) {
     context->notifyModified();
     EXPECT_THAT(calls, ElementsAre("remover", "added"));
 }
-
-class WatchedObject : public DataObject {
-public:
-    using DataObject::DataObject;
-    void onPropertyChanged(const AbstractPropertyType& type, PropertyNotificationReason reason) override {
-        changes.push_back(std::string(type.getName()) + (reason == PropertyNotificationReason::ValueChanged ? "=" : "-"));
-    }
-    std::vector<std::string> changes;
-};
-
-const PropertyType<std::string> fileProperty("Test.File", "default.xml", 0, false, nullptr);
 
 // Each thread counts its own objects; only the sum, with what ended threads
 // left, is the count of live objects.

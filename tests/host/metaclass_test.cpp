@@ -12,7 +12,7 @@ namespace {
 
 using testing::ElementsAre;
 
-// A creatable source with two properties, declared the way plug-ins do.
+// A creatable source, declared the way plug-ins do.
 class SampleSource : public DataSource {
 public:
     SampleSource(Domain* domain, string_view name) : DataSource(domain, name) {}
@@ -22,17 +22,13 @@ public:
     std::shared_ptr<DataObject> getData() override { return nullptr; }
     const Metaclass* getDynamicMetaclass() const override { return getStaticMetaclass(); }
 
-    static const PropertyType<std::string> FirstProperty;
-    static const PropertyType<std::string> SecondProperty;
     static const Metaclass* getStaticMetaclass() {
         static const MetaclassImpl<SampleSource> metaclass("SampleSource", DataSource::getStaticMetaclass(), false,
-                                                           {&FirstProperty, &SecondProperty},
+                                                           {},
                                                            &DataSource::makeEditorInfo);
         return &metaclass;
     }
 };
-const PropertyType<std::string> SampleSource::FirstProperty("SampleSource.First", "", 0, false, nullptr);
-const PropertyType<std::string> SampleSource::SecondProperty("SampleSource.Second", "", 0, false, nullptr);
 
 class OtherSource : public DataSource {
 public:
@@ -41,26 +37,7 @@ public:
     const Metaclass* getDynamicMetaclass() const override { return DataSource::getStaticMetaclass(); }
 };
 
-std::vector<std::string> propertyNames(const Metaclass& metaclass) {
-    std::vector<std::string> names;
-    for (const AbstractPropertyType* type : metaclass.getPropertyTypes()) {
-        names.push_back(type->getName());
-    }
-    return names;
-}
-
-TEST(MetaclassTest, ADerivedMetaclassFindsItsOwnAndInheritedProperties) {
-    const Metaclass* sample = SampleSource::getStaticMetaclass();
-    EXPECT_FALSE(sample->isAbstract());
-    EXPECT_THAT(propertyNames(*sample), ElementsAre("SampleSource.First", "SampleSource.Second"));
-    EXPECT_EQ(sample->findPropertyType("SampleSource.Second"), &SampleSource::SecondProperty);
-    EXPECT_EQ(sample->findPropertyType(DataContext::ItemsSourceProperty.getName()), &DataContext::ItemsSourceProperty);
-    EXPECT_EQ(sample->findPropertyType("Nope"), nullptr);
-    EXPECT_TRUE(sample->derivesFrom(*DataContext::getStaticMetaclass()));
-    EXPECT_FALSE(DataSource::getStaticMetaclass()->derivesFrom(*sample));
-}
-
-TEST(MetaclassTest, IsMetaclassOfFollowsTheClassTree) {
+TEST(MetaclassTest, IsMetaclassOfFollowsTheClassTreeAndAbstractMetaclassesRefuseToCreate) {
     SampleSource sample(nullptr, "s");
     OtherSource other(nullptr, "o");
     const Metaclass* sampleMeta = SampleSource::getStaticMetaclass();
@@ -72,9 +49,6 @@ TEST(MetaclassTest, IsMetaclassOfFollowsTheClassTree) {
     auto data = std::make_shared<DataObject>(nullptr, "d");
     EXPECT_EQ(data->getDynamicMetaclass(), DataObject::getStaticMetaclass());
     EXPECT_TRUE(DataObject::getStaticMetaclass()->isMetaclassOf(*data));
-}
-
-TEST(MetaclassTest, AbstractMetaclassesRefuseToCreate) {
     for (const Metaclass* metaclass :
          {DataContext::getStaticMetaclass(), DataSource::getStaticMetaclass(), DataObject::getStaticMetaclass()}) {
         try {
@@ -107,14 +81,6 @@ TEST(ObjectFactoryTest, CreatesRegisteredTypesByName) {
         EXPECT_THAT(error.what(), testing::HasSubstr("'Missing'"));
     }
 }
-
-class CountingModule : public Plugin {
-public:
-    explicit CountingModule(int* destroyed) : destroyed(destroyed) {}
-    ~CountingModule() override { ++*destroyed; }
-    std::vector<const Metaclass*> getMetaclassesOverride() override { return {SampleSource::getStaticMetaclass()}; }
-    int* destroyed;
-};
 
 }  // namespace
 }  // namespace zarvo
