@@ -110,7 +110,7 @@ public:
             const std::uint64_t next = std::min({view.first() + options.step, goal, lastFirst});
             if (next == view.first() && (next >= goal || atEndOfList(countChanged))) {
                 filled = waitUntilFilled();
-                if (filled && next < goal) {
+                if (filled && options.to && next < goal) {
                     reportShortOfGoal();
                     filled = false;
                 }

@@ -136,6 +136,12 @@ TEST_F(Road, ScrollCommandReportsEveryRowFilledJumpsBackAndFailsShortOfItsGoal) 
     EXPECT_THAT(result.out, HasSubstr("peak data objects: "));
 }
 
+TEST_F(Road, ScrollCommandWithoutAGoalSucceedsAtTheEndOfTheList) {
+    const ProgramResult result = host({"scroll", "tracks", "--frame-ms", "0", "--step", "200"}, TRACKS_SOURCE);
+    ASSERT_EQ(result.status, 0) << result.err;
+    EXPECT_THAT(result.out, HasSubstr(" to rows 1214 to 1233 of 1234\n"));
+}
+
 TEST_F(Road, SnapshotShowsASingleRecordAndTheDetailRowsOfAMaster) {
     const ProgramResult result = host({"snapshot"}, LIBRARY_SOURCES);
     ASSERT_EQ(result.status, 0) << result.err;
