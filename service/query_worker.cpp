@@ -24,11 +24,19 @@ QueryAnswer errorAnswer(protocol::RequestId id, const QueryError& error)
 
 }  // namespace
 
-QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query)
+QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query, bool binary)
 {
     QueryAnswer answer;
     answer.id = query.id;
     try {
+        if (binary) {
+            // The store checks the frame's size as it writes it.
+            ContentStore::Frame frame = store.executeFrame(query);
+            answer.rows = frame.rows;
+            answer.frame = std::move(frame.bytes);
+            answer.binary = true;
+            return answer;
+        }
         protocol::Result result = store.execute(query);
         answer.rows = result.rows.size();
         answer.frame = protocol::encode(result);
@@ -78,7 +86,7 @@ QueryWorker::~QueryWorker()
     }
 }
 
-void QueryWorker::submit(Client client, protocol::Query query, CancelFlag cancel, Done done)
+void QueryWorker::submit(Client client, protocol::Query query, bool binary, CancelFlag cancel, Done done)
 {
     {
         std::lock_guard<std::mutex> lock(mutex);
@@ -86,7 +94,7 @@ void QueryWorker::submit(Client client, protocol::Query query, CancelFlag cancel
         // A client already in the map is queued or running; either way it
         // comes round again.
         if (fresh) ready.push_back(client);
-        entry->second.push_back(Job{std::move(query), std::move(cancel), std::move(done)});
+        entry->second.push_back(Job{std::move(query), binary, std::move(cancel), std::move(done)});
     }
     wake.notify_one();
 }
@@ -127,7 +135,7 @@ void QueryWorker::process(Lane& lane, Job& job)
     QueryAnswer answer;
     bool cancelled = false;
     try {
-        answer = answerQuery(*lane.store, job.query);
+        answer = answerQuery(*lane.store, job.query, job.binary);
     } catch (const QueryInterrupted&) {
         cancelled = abandoning.load() || (job.cancel && job.cancel->load());
         if (!cancelled) {

@@ -36,6 +36,7 @@ using CancelFlag = std::shared_ptr<std::atomic<bool>>;
 struct QueryAnswer {
     protocol::RequestId id = 0;
     std::string frame;
+    bool binary = false;  ///< a binary result frame; otherwise JSON text
     std::size_t rows = 0;
     std::string error;  ///< why the query was refused; empty for a result
 };
@@ -57,12 +58,13 @@ public:
 
     /// Queues `query` behind the other queries of `client`. `done` runs on a
     /// worker thread, and not at all if `cancel` was set before the answer
-    /// was ready.
-    void submit(Client client, protocol::Query query, CancelFlag cancel, Done done);
+    /// was ready. `binary`: a result is answered with a binary result frame.
+    void submit(Client client, protocol::Query query, bool binary, CancelFlag cancel, Done done);
 
 private:
     struct Job {
         protocol::Query query;
+        bool binary = false;
         CancelFlag cancel;
         Done done;
     };
@@ -93,7 +95,7 @@ private:
 
 /// The same answer the worker would send, computed on the calling thread.
 /// Throws QueryInterrupted if the store's interrupt check stopped it.
-QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query);
+QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query, bool binary = false);
 
 }  // namespace tethrix::service
 

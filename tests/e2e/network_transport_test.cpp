@@ -248,7 +248,7 @@ private:
                 namespace protocol = tethrix::protocol;
                 peer->text(true);
                 peer->write(boost::asio::buffer(
-                                protocol::encode(protocol::Hello{protocol::protocolVersion, "bad peer", ""})),
+                                protocol::encode(protocol::Hello{protocol::protocolVersion, "bad peer", "", ""})),
                             error);
                 peer->close(boost::beast::websocket::close_code::normal, error);
             }

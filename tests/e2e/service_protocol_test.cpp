@@ -176,10 +176,10 @@ TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAreRefused)
 TEST_F(ServiceEndToEndTest, AnotherProtocolVersionIsRefusedAndClosed)
 {
     ProtocolClient client(service.port(), false);
-    client.send(protocol::Hello{2, "future", ""});
+    client.send(protocol::Hello{3, "future", "", ""});
     auto error = client.receiveAs<protocol::Error>();
     EXPECT_EQ(error.id, std::nullopt);
-    EXPECT_EQ(error.reason, "unsupported protocol version 2; this service speaks 1");
+    EXPECT_EQ(error.reason, "unsupported protocol version 3; this service speaks 2");
     EXPECT_EQ(client.awaitClose(), std::optional<int>(1002));
 }
 
