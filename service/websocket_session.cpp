@@ -287,6 +287,7 @@ void WebSocketSession::end()
     ended = true;
     for (auto& open : openQueries) open.second->store(true);
     openQueries.clear();
+    context.worker.forget(this);
     if (!subscriptions.empty()) context.runtimeData.unsubscribeAll(*this);
     subscriptions.clear();
     // A write under way still reads its frame; the frames go with the
