@@ -2,6 +2,7 @@
 
 #include <tethrix/protocol/json_writer.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <limits>
@@ -27,9 +28,10 @@ std::uint64_t getLittleEndian(const char* at, std::size_t bytes)
 
 }  // namespace
 
-ResultFrameWriter::ResultFrameWriter(RequestId id, std::uint64_t startIndex, const std::vector<Column>& columns)
+ResultFrameWriter::ResultFrameWriter(RequestId id, std::uint64_t startIndex, const std::vector<Column>& columns,
+                                     std::size_t expectedBytes)
 {
-    out.reserve(256);
+    out.reserve(std::min(expectedBytes, maxResultFrameBytes));
     out += static_cast<char>(resultFrameKind);
     out += static_cast<char>(resultFrameVersion);
     out.append(idBytes, '\0');

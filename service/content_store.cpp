@@ -111,6 +111,8 @@ struct ContentStore::Plan {
     /// block served. Empty until one was.
     std::optional<OrderKey> cursor;
     std::uint64_t cursorIndex = 0;
+    /// Size of the latest frame written.
+    std::size_t frameBytes = 256;
 };
 
 ContentStore::ContentStore(const std::string& databasePath, std::string authority)
@@ -323,10 +325,14 @@ ContentStore::Frame ContentStore::executeFrame(const protocol::Query& query)
 {
     try {
         Selection selection = select(query);
+        // The block before is the best guess of this one's size; a little
+        // more keeps a slightly larger block from a copy.
+        Plan& plan = *selection.plan;
         protocol::ResultFrameWriter writer(query.id, static_cast<std::uint64_t>(query.index),
-                                           selection.plan->projection.resultColumns);
+                                           plan.projection.resultColumns, plan.frameBytes + plan.frameBytes / 8);
         FrameSink sink(writer);
         readRows(selection, sink);
+        plan.frameBytes = writer.size();
         Frame frame;
         frame.rows = writer.rowCount();
         frame.bytes = writer.take();

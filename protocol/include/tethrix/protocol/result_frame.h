@@ -24,7 +24,10 @@ constexpr const char* binaryResultFormat = "binary";
 
 class ResultFrameWriter {
 public:
-    ResultFrameWriter(RequestId id, std::uint64_t startIndex, const std::vector<Column>& columns);
+    /// `expectedBytes`: room taken at once, e.g. the size of the block
+    /// before, so that the frame is not copied as it grows.
+    ResultFrameWriter(RequestId id, std::uint64_t startIndex, const std::vector<Column>& columns,
+                      std::size_t expectedBytes = 256);
 
     /// The cells of a row, in column order, each of its column's type.
     void integer(std::int64_t value);
