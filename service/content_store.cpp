@@ -74,6 +74,38 @@ private:
     protocol::ResultFrameWriter& writer;
 };
 
+/// One read transaction around a query: its check of the data version and
+/// its block then take SQLite's file lock once, not once each. Ends however
+/// the query ends; an interrupted statement may have ended it already.
+class ReadTransaction {
+public:
+    ReadTransaction(const SqliteDatabase& database, SqliteStatement& begin, SqliteStatement& commit)
+        : database(database), commit(commit)
+    {
+        begin.reset();
+        begin.step();
+        begin.reset();
+    }
+    ~ReadTransaction()
+    {
+        if (sqlite3_get_autocommit(database.handle())) return;
+        try {
+            commit.reset();
+            commit.step();
+        } catch (const SqliteError&) {
+            // Nothing was written; the next BEGIN finds the old one ended
+            // or reports it.
+        }
+        commit.reset();
+    }
+    ReadTransaction(const ReadTransaction&) = delete;
+    ReadTransaction& operator=(const ReadTransaction&) = delete;
+
+private:
+    const SqliteDatabase& database;
+    SqliteStatement& commit;
+};
+
 /// Resets a statement however its reading ends, so that no cached
 /// statement holds a read transaction open between queries.
 class ResetOnExit {
@@ -118,6 +150,8 @@ struct ContentStore::Plan {
 ContentStore::ContentStore(const std::string& databasePath, std::string authority)
     : database(SqliteDatabase::openReadOnly(databasePath)),
       versionQuery(database.prepare("PRAGMA data_version")),
+      beginRead(database.prepare("BEGIN")),
+      commitRead(database.prepare("COMMIT")),
       authority(std::move(authority)),
       catalog(database),
       plans(planCapacity),
@@ -307,6 +341,7 @@ void ContentStore::readRows(const Selection& selection, Sink& sink)
 protocol::Result ContentStore::execute(const protocol::Query& query)
 {
     try {
+        ReadTransaction transaction(database, beginRead, commitRead);
         Selection selection = select(query);
         protocol::Result result;
         result.id = query.id;
@@ -324,6 +359,7 @@ protocol::Result ContentStore::execute(const protocol::Query& query)
 ContentStore::Frame ContentStore::executeFrame(const protocol::Query& query)
 {
     try {
+        ReadTransaction transaction(database, beginRead, commitRead);
         Selection selection = select(query);
         // The block before is the best guess of this one's size; a little
         // more keeps a slightly larger block from a copy.

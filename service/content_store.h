@@ -88,6 +88,8 @@ private:
 
     SqliteDatabase database;
     SqliteStatement versionQuery;
+    SqliteStatement beginRead;
+    SqliteStatement commitRead;
     std::string authority;
     SchemaCatalog catalog;
     OffsetIndexCache indexes;

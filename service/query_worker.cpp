@@ -95,8 +95,14 @@ QueryWorker::QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std:
 
 QueryWorker::~QueryWorker()
 {
+    stop();
+}
+
+void QueryWorker::stop()
+{
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) return;
         stopping = true;
         queued.clear();
         ready.clear();
@@ -116,6 +122,7 @@ void QueryWorker::submit(Client client, protocol::Query query, bool binary, Canc
     std::optional<QueryAnswer> answer;
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) return;
         auto [entry, fresh] = queued.try_emplace(client);
         // Only a client with nothing queued or running may be answered at
         // once: its answers keep the order of its queries.
@@ -166,13 +173,16 @@ std::optional<QueryAnswer> QueryWorker::takeReadAhead(Client client, const proto
 
 bool QueryWorker::noteAnswered(Client client, const Job& job, const QueryAnswer& answer)
 {
-    if (!readAhead.probe || readAhead.maxBytes == 0) return false;
+    if (!readAhead.probe || readAhead.maxBytes == 0 || stopping) return false;
     Paging& state = paging[client];
     const std::string shape = shapeOf(job.query);
     const std::int64_t index = job.query.index;
     const std::int64_t count = job.query.count;
     const bool sequential = state.shape == shape && state.nextIndex == index;
-    const bool full = answer.binary && count > 0 && answer.rows == static_cast<std::size_t>(count);
+    // A block too large to keep is not read ahead: its successor would be
+    // read for nothing.
+    const bool full = answer.binary && count > 0 && answer.rows == static_cast<std::size_t>(count) &&
+                      answer.frame.size() <= readAhead.maxBytes;
     state.shape = shape;
     state.nextIndex = full ? index + count : -1;
     // Two blocks in a row make a client that pages; one block alone may be

@@ -70,7 +70,10 @@ public:
     QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std::chrono::milliseconds timeLimit,
                 bool logQueries, ReadAhead readAhead);
     /// Interrupts the queries under way, drops the rest and joins the
-    /// threads.
+    /// threads; nothing is answered after it. Sessions may still forget
+    /// their clients until the worker is destroyed.
+    void stop();
+    /// Stops, if that has not happened yet.
     ~QueryWorker();
     QueryWorker(const QueryWorker&) = delete;
     QueryWorker& operator=(const QueryWorker&) = delete;

@@ -102,9 +102,10 @@ Service::~Service()
     // refer to must still be there, and the worker must not post any more.
     acceptor.reset();
     fileReaders.join();
-    worker.reset();
+    worker->stop();
     simulations.clear();
     ioContext.reset();
+    worker.reset();
 }
 
 void Service::run()
