@@ -125,15 +125,19 @@ bool ProtocolClient::runUntil(const bool& done) {
     return false;
 }
 
-protocol::Message ProtocolClient::receive() {
+bool ProtocolClient::readFrame(beast::error_code& error) {
     bool done = false;
-    beast::error_code error;
     buffer.consume(buffer.size());
     socket.async_read(buffer, [&](beast::error_code e, std::size_t) {
         error = e;
         done = true;
     });
-    if (!runUntil(done)) {
+    return runUntil(done);
+}
+
+protocol::Message ProtocolClient::receive() {
+    beast::error_code error;
+    if (!readFrame(error)) {
         ADD_FAILURE() << "no message within the timeout";
         return protocol::Error{std::nullopt, "timeout", std::nullopt};
     }
@@ -151,27 +155,18 @@ protocol::Message ProtocolClient::receive() {
 }
 
 std::optional<int> ProtocolClient::awaitClose() {
-    for (;;) {
-        bool done = false;
-        beast::error_code error;
-        buffer.consume(buffer.size());
-        socket.async_read(buffer, [&](beast::error_code e, std::size_t) {
-            error = e;
-            done = true;
-        });
-        if (!runUntil(done)) {
+    beast::error_code error;
+    do {
+        if (!readFrame(error)) {
             return std::nullopt;
         }
-        if (!error) {
-            continue;
-        }
-        // The close frame counts even if the connection was gone before the
-        // close handshake could finish.
-        if (socket.reason().code != beast::websocket::close_code::none) {
-            return static_cast<int>(socket.reason().code);
-        }
-        return -1;
+    } while (!error);
+    // The close frame counts even if the connection was gone before the
+    // close handshake could finish.
+    if (socket.reason().code != beast::websocket::close_code::none) {
+        return static_cast<int>(socket.reason().code);
     }
+    return -1;
 }
 
 void ProtocolClient::failUnexpected(const protocol::Message& message) {

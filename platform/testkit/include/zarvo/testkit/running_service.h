@@ -99,6 +99,8 @@ public:
 private:
     void failUnexpected(const tethrix::protocol::Message& message);
     bool runUntil(const bool& done);
+    /// Reads one frame into `buffer`; false if none came within the timeout.
+    bool readFrame(boost::beast::error_code& error);
 
     boost::asio::io_context io;
     boost::beast::websocket::stream<boost::beast::tcp_stream> socket;
