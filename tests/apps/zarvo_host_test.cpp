@@ -175,8 +175,8 @@ TEST(PluginLibrary, ExportsItsModuleEntryAndTheOperationsForOutsideCallersAlone)
     EXPECT_EQ(pluginSymbols(false),
               (std::vector<std::string>{
                   "createModule", "zarvo::AbstractTethrixDataSource::isConnected() const",
-                  "zarvo::ZarvoTethrixDataSource::takeDataSnapshot(zarvo::Domain*, " + text + " const&, " + text + "&, " +
-                      text + "&)",
+                  "zarvo::ZarvoTethrixDataSource::takeDataSnapshot(zarvo::Domain*, " + text + " const&, " + text +
+                      "&, " + text + "&)",
                   "zarvo::getDataObjectValueAsAny(std::shared_ptr<zarvo::DataObject>)",
                   "zarvo::setDataObjectValueFromAny(std::shared_ptr<zarvo::DataObject>, boost::any const&)"}));
 }

@@ -36,7 +36,7 @@ TEST(ModuleTest, OffersTheDataSourceMetaclassOnceAndInstallsTheImageProtocols) {
 
 TEST(ModuleTest, MetaclassesHaveTheirNamesBasesFlagsAndProperties) {
     // An empty base: none.
-    struct Row { const Metaclass* metaclass; std::string name, base; bool abstract; std::vector<std::string> properties; };
+    struct Row { const Metaclass* metaclass; std::string name, base; bool abstract; std::vector<std::string> props; };
     const std::vector<Row> rows = {
         {DataContext::getStaticMetaclass(), "Zarvo.DataContext", "", true,
          {DataContext::DataContextProperty.getName(), DataContext::ItemsSourceProperty.getName()}},
@@ -57,7 +57,7 @@ TEST(ModuleTest, MetaclassesHaveTheirNamesBasesFlagsAndProperties) {
         for (const AbstractPropertyType* type : row.metaclass->getPropertyTypes()) {
             names.push_back(type->getName());
         }
-        EXPECT_EQ(names, row.properties);
+        EXPECT_EQ(names, row.props);
     }
 }
 

@@ -64,7 +64,6 @@ TEST(TreeTest, ChildrenKeepTheirOrderAndEmptySlotsAndLookupFollowsDottedNamesBel
     source.root = root;
     EXPECT_EQ(source.lookupDataContext(""), root);
     EXPECT_EQ(source.lookupDataContext("Root"), root);
-    EXPECT_EQ(source.lookupDataContext("Root.connected"), connected);
     EXPECT_EQ(source.lookupDataContext("connected"), connected);
     EXPECT_EQ(source.lookupDataContext("Root.Items.first"), items->getChild(0));
     EXPECT_EQ(source.lookupDataContext("Root.nothing"), nullptr);

@@ -155,7 +155,8 @@ TEST_F(ResourceManagerTest, SchemesMatchWithoutRegardToCaseAndTasksRunOnLoaderTh
     EXPECT_NE(manager().tryAcquireResource("TEST://b"), nullptr);
     EXPECT_EQ(manager().acquireLoadedResource("test://empty"), nullptr) << "a null result is not stored";
     EXPECT_EQ(manager().acquireLoadedResource("test://throwing"), nullptr);
-    const auto error = [](const char* text) { return testing::AllOf(testing::StartsWith("error host: "), HasSubstr(text)); };
+    const auto error = [](const char* what) { return testing::AllOf(testing::StartsWith("error host: "),
+                                                                    HasSubstr(what)); };
     EXPECT_THAT(log.lines(), testing::UnorderedElementsAre(error("network unreachable"), error("handler broke"),
                                                            error("nohandler://x")));
 
