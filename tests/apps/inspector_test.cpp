@@ -16,12 +16,10 @@ namespace {
 using host::BrowserChannel;
 using host::ListWindow;
 
+// One pixel as the texture holds it and as it decodes.
 struct PngRow {
-    int channels;
-    bool premultiplied;
-    std::vector<std::uint8_t> pixels;  // one pixel
-    BitmapImage::Format format;
-    std::vector<std::uint8_t> decoded;  // one pixel
+    int channels; bool premultiplied; std::vector<std::uint8_t> pixels; BitmapImage::Format format;
+    std::vector<std::uint8_t> decoded;
 };
 
 TEST(InspectorImage, TexturesDecodeBackFromTheirPngWithStraightColour) {

@@ -69,13 +69,8 @@ TEST_F(Results, SingleRecordFillsItsFieldsByPositionFromItsCurrentRowAndNotifies
 }
 
 struct BadResult {
-    std::string label;
-    Columns columns;
-    std::vector<boost::any> row;
-    std::vector<Matcher<std::string>> log;
-    std::vector<std::string> notified;
-    std::string title;
-    bool playing;
+    std::string label; Columns columns; std::vector<boost::any> row; std::vector<Matcher<std::string>> log;
+    std::vector<std::string> notified; std::string title; bool playing;
 };
 
 TEST_F(Results, ResultsThatDoNotFitAreRefusedOrStopWhereTheyFail) {

@@ -31,10 +31,6 @@ protected:
         ASSERT_EQ(utime(file.c_str(), &times), 0);
     }
 
-    void start() {
-        tracker.start(file, [this](string_view name) { calls.push_back(name.to_string()); });
-    }
-
     testkit::TestHost host;
     FileTracker tracker{&host.loop()};
     testkit::TemporaryDirectory directory;
@@ -44,7 +40,7 @@ protected:
 
 TEST_F(FileTrackerTest, ReportsEachChangeOfModificationTimeOnceAtTheNextSecond) {
     write(1000);
-    start();
+    tracker.start(file, [this](string_view name) { calls.push_back(name.to_string()); });
     host.advance(TICK);
     EXPECT_THAT(calls, IsEmpty());  // the state at start counts as seen
 
@@ -65,24 +61,6 @@ TEST_F(FileTrackerTest, ReportsEachChangeOfModificationTimeOnceAtTheNextSecond) 
     write(1000);
     host.advance(TICK);
     EXPECT_THAT(calls, ElementsAre(file, file, file, file));
-}
-
-TEST_F(FileTrackerTest, CallbackMayStopAndRestartItsOwnTracker) {
-    write(1000);
-    int reloads = 0;
-    std::function<void(string_view)> reload = [&](string_view) {
-        ++reloads;
-        tracker.stop();
-        tracker.start(file, reload);
-    };
-    tracker.start(file, reload);
-
-    write(2000);
-    host.advance(TICK);
-    host.advance(TICK);
-
-    EXPECT_EQ(reloads, 1);
-    EXPECT_EQ(host.loop().timerCount(), 1u);
 }
 
 TEST_F(FileTrackerTest, ChangeIsSeenAgainWhenTheCallbackThrows) {

@@ -1,5 +1,4 @@
 #include <zarvo/log.h>
-#include <zarvo/testkit/log_capture.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -49,16 +48,6 @@ TEST(LogFormatTest, ValuesRenderAsTextAndNumbersAndDoublesAsTheShortestTextThatR
     EXPECT_EQ(format("[{}] [{}]", string_view("view"), nothing), "[view] [(null)]");
     EXPECT_EQ(format("{} {} {} {} {} {} {}", 0.1, 2.5, 100.0, 1.0 / 3.0, -1234567.0, 1e21, 1.5f),
               "0.1 2.5 100 0.3333333333333333 -1234567 1e+21 1.5");
-}
-
-TEST(LogTest, MacrosRecordTheFileRelativeToTheRepositoryAndTheLine) {
-    testkit::LogCapture log;
-    const unsigned line = __LINE__ + 1;
-    ZARVO_LOG_ERROR("tethrix", "State = {}", StateUp);
-    ASSERT_EQ(log.entries().size(), 1u);
-    EXPECT_EQ(log.entries()[0].file, "tests/host/log_test.cpp");
-    EXPECT_EQ(log.entries()[0].line, line);
-    EXPECT_THAT(log.lines(), testing::ElementsAre("error tethrix: State = 1"));
 }
 
 }  // namespace

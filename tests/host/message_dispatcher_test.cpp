@@ -73,13 +73,10 @@ TEST_F(ManualLoopTest, RunUntilIdleRunsChainsOfPostedWorkAndCallbackExceptionsAr
     addTimerHandler(&loop, milliseconds(10), ZvuTimerMessageModeRepeat,
                     [](const TimerMessageArguments&) { throw std::logic_error("bad tick"); });
     loop.advance(milliseconds(20));
-    const auto entries = log.entries();
-    ASSERT_EQ(entries.size(), 4u);
-    EXPECT_EQ(entries[0].level, LogLevel::Error);
-    EXPECT_EQ(entries[0].category, "host");
-    EXPECT_THAT(entries[0].message, HasSubstr("disk on fire"));
-    EXPECT_THAT(entries[2].message, HasSubstr("bad tick"));
-    EXPECT_THAT(entries[3].message, HasSubstr("bad tick")) << "the throwing timer keeps repeating";
+    // The throwing timer keeps repeating.
+    const auto error = testing::StartsWith("error host: ");
+    EXPECT_THAT(log.lines(), ElementsAre(testing::AllOf(error, HasSubstr("disk on fire")), error, HasSubstr("bad tick"),
+                                         HasSubstr("bad tick")));
 }
 
 }  // namespace
