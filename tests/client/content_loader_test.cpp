@@ -9,7 +9,6 @@
 
 #include <gmock/gmock.h>
 
-#include <thread>
 
 namespace zarvo {
 namespace {
@@ -245,44 +244,6 @@ TEST_F(LoaderTest, FirstUpdateOfEachSubscriptionFiresEveryValueItSetsEvenIfEqual
     EXPECT_EQ(fired, 2);
 }
 
-// A transport whose service answers from a thread of its own.
-class ThreadedTransport : public client::Transport {
-public:
-    void attach(std::shared_ptr<client::TransportReceiver> newReceiver) override { receiver = newReceiver; }
-    void detach() override { receiver.reset(); }
-    void sendQuery(std::uint64_t, std::uint64_t queryId, const ContentQueryArguments&) override {
-        auto target = receiver;
-        std::thread([target, queryId] {
-            target->onConnectionState(Connection::StateConnected);
-            client::QueryResult result;
-            result.columns = {{"n", ContentDataTypeInteger}};
-            result.cells = {boost::any(1)};
-            target->onQueryResult(queryId, result);
-        }).join();
-    }
-    void cancelQuery(std::uint64_t) override {}
-    void subscribeRuntimeData(std::uint64_t, std::uint64_t, const std::string&) override {}
-    void unsubscribe(std::uint64_t) override {}
-
-    std::shared_ptr<client::TransportReceiver> receiver;
-};
-
-TEST_F(LoaderTest, ReportsFromAnotherThreadAreDeliveredOnTheLoopThread) {
-    client::installTransport(*service.context(), std::make_shared<ThreadedTransport>());
-    std::vector<std::thread::id> stateThreads;
-    auto token = service.context()->getClient()->getConnection()->addStateSubscription(
-        [&](Connection::State) { stateThreads.push_back(std::this_thread::get_id()); });
-    auto loader = makeLoader(observer);
-
-    loader->load(query());
-    EXPECT_EQ(observer.deliveries(), 0u);
-    EXPECT_THAT(stateThreads, IsEmpty());
-    host.runUntilIdle();
-
-    EXPECT_THAT(stateThreads, ElementsAre(std::this_thread::get_id()));
-    EXPECT_THAT(observer.threads, ElementsAre(std::this_thread::get_id()));
-}
-
 TEST_F(LoaderTest, ReplacingTheTransportDropsWhatWasAskedOfTheOldOne) {
     std::vector<Connection::State> states;
     auto token = service.context()->getClient()->getConnection()->addStateSubscription(
@@ -293,8 +254,7 @@ TEST_F(LoaderTest, ReplacingTheTransportDropsWhatWasAskedOfTheOldOne) {
     loader->load(query());
     const auto sent = service.queries()[0];
 
-    auto replacement = std::make_shared<ThreadedTransport>();
-    client::installTransport(*service.context(), replacement);
+    client::installTransport(*service.context(), nullptr);
     EXPECT_THAT(states, ElementsAre(Connection::StateConnected, Connection::StateLost));
     replyOneSong(sent, "from the old one");
     host.runUntilIdle();
