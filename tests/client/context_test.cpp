@@ -28,9 +28,6 @@ TEST(ContextTest, OneContextPerDomainLivingAsLongAsTheDomain) {
         auto context = Context::instance(host.domain(), nullptr);
         EXPECT_EQ(Context::instance(host.domain(), "ignored"), context);
         EXPECT_NE(Context::instance(other.domain(), nullptr), context);
-        EXPECT_EQ(&context->getDomain(), &host.domain());
-        ASSERT_NE(context->getClient(), nullptr);
-        EXPECT_NE(context->getClient()->getConnection(), nullptr);
         weak = context;
     }
     EXPECT_TRUE(weak.expired());
@@ -48,8 +45,6 @@ TEST(ContextTest, AServiceClientIsSharedByHoldersAndGoesWithTheLastRelease) {
     };
     auto first = acquire();
     ASSERT_NE(first, nullptr);
-    EXPECT_EQ(first->getName(), "Content");
-    EXPECT_EQ(first->getClient(), context->getClient().get());
     EXPECT_EQ(acquire(), first);
     EXPECT_EQ(factoryCalls, 1);
 
@@ -167,7 +162,6 @@ TEST(ContentResultTest, CellsAreReadRowMajorAtTheCurrentRowAndOutOfRangeGivesEmp
     EXPECT_EQ(result.getColumnType(1), ContentDataTypeString);
     EXPECT_EQ(boost::any_cast<int>(result.getValueAny(0)), 1);
     EXPECT_TRUE(result.getValueAny(2).empty());
-    EXPECT_EQ(result.getColumnName(2), "");
     result.setRowIndex(1);
     EXPECT_EQ(boost::any_cast<int>(result.getValueAny(0)), 2);
     result.setRowIndex(2);

@@ -66,7 +66,6 @@ TEST(RuntimeDataEndToEndTest, PublishedValuesAndRowsReachTheDataObjects) {
     ASSERT_TRUE(runUntil([&] {
         return std::dynamic_pointer_cast<DataObjectInteger>(at("volume"))->getValue() == 7 && queue->itemCount() == 1;
     }));
-    EXPECT_EQ(std::dynamic_pointer_cast<DataObjectString>(at("state"))->getValue(), "playing");
     EXPECT_EQ(std::dynamic_pointer_cast<DataObjectString>(at("track.title"))->getValue(), "Blue Hour");
     EXPECT_EQ(value(queue->acquireItem(0), "title"), "Cold Light");
     EXPECT_TRUE(log.messages(LogLevel::Error).empty()) << ::testing::PrintToString(log.lines());

@@ -243,7 +243,6 @@ TEST_F(ProgramTest, CannotStartSaysWhyInOneLine)
         {{"--db", database.string(), "--frobnicate"}, "tethrix-service: unknown option \"--frobnicate\" (see --help)\n"},
         {{"--db", (directory.path() / "missing.db").string()},
          "tethrix-service: cannot open " + (directory.path() / "missing.db").string() + ": unable to open database file\n"},
-        {{"--db", database.string(), "--bind", "localhost:80"}, "tethrix-service: bad bind address \"localhost:80\"\n"},
         {{"--db", database.string(), "--simulate", "player"},
          "tethrix-service: --simulate player: no runtime data \"player\" was loaded; give its tree with --runtime, "
          "e.g. examples/player.xml\n"},
