@@ -105,7 +105,7 @@ TEST_F(Road, SnapshotShowsASingleRecordAndTheDetailRowsOfAMaster) {
     // the values that came over the socket: the single record, the artists
     // sorted by name, and the albums of the first in the order of its keys.
     std::string values;
-    const std::regex field(">([^<>]*)</field>");
+    const std::regex field(">([^<>\n]*)</field>");
     for (std::sregex_iterator it(result.out.begin(), result.out.end(), field), end; it != end; ++it) {
         values += (*it)[1].str() + ";";
     }
