@@ -9,6 +9,8 @@
 
 #include <gmock/gmock.h>
 
+#include <tuple>
+
 
 namespace zarvo {
 namespace {
@@ -50,12 +52,9 @@ TEST_F(LoaderTest, QueryReachesTheServiceWithAllItsArgumentsAndTheAnswerArrivesO
     ASSERT_EQ(service.queries().size(), 1u);
     const testkit::RecordedQuery& sent = service.queries()[0];
     EXPECT_EQ(sent.loaderId, loader->getLoaderId());
-    EXPECT_EQ(sent.uri, songs);
     EXPECT_THAT(sent.columns, ElementsAre("title", "year"));
-    EXPECT_EQ(sent.filter, "year>2000");
-    EXPECT_EQ(sent.index, 200);
-    EXPECT_EQ(sent.count, 50);
-    EXPECT_EQ(sent.sort, "title DESC");
+    EXPECT_EQ(std::tie(sent.uri, sent.filter, sent.sort, sent.index, sent.count),
+              std::make_tuple(std::string(songs), std::string("year>2000"), std::string("title DESC"), 200, 50));
     EXPECT_EQ(service.openQueryCount(), 1u);
 
     replyOneSong(sent, "Blue");

@@ -126,13 +126,9 @@ TEST_F(NetworkTransportTest, AMissingOrLostServiceIsToldOnceAndReconnectedToAndA
         testkit::LogCapture log;
         const auto numbers = load("numbers", {"i", "r"}, 0, 0);
         ASSERT_EQ(numbers.values.size(), 4u);
-        const struct {
-            int integer;
-            float real;
-        } expected[] = {{INT_MAX, std::numeric_limits<float>::max()},
-                        {INT_MIN, std::numeric_limits<float>::lowest()},
-                        {INT_MAX, 3.4e38f},
-                        {-7, 0.5f}};
+        const struct { int integer; float real; } expected[] = {
+            {INT_MAX, std::numeric_limits<float>::max()}, {INT_MIN, std::numeric_limits<float>::lowest()},
+            {INT_MAX, 3.4e38f}, {-7, 0.5f}};
         for (std::size_t r = 0; r < 4; ++r) {
             EXPECT_EQ(boost::any_cast<int>(numbers.values[r][0]), expected[r].integer) << r;
             EXPECT_EQ(boost::any_cast<float>(numbers.values[r][1]), expected[r].real) << r;

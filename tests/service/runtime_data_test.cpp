@@ -57,11 +57,7 @@ std::string stateOf(const RuntimeNode& root)
     return protocol::writeRuntimeState<RuntimeTreeModel>(root);
 }
 
-struct Delivery {
-    protocol::RequestId id;
-    std::string data;
-    bool operator==(const Delivery& other) const { return id == other.id && data == other.data; }
-};
+using Delivery = std::pair<protocol::RequestId, std::string>;
 
 class RecordingSubscriber : public RuntimeDataSubscriber {
 public:
