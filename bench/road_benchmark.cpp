@@ -8,7 +8,9 @@
 //                        rows a frame, each frame waiting until its rows are
 //                        filled; items/s is rows shown per second
 //   Store/Scroll         the same 5,000 block queries through the service's
-//                        ContentStore, in this process: no socket, no client
+//                        ContentStore, in this process, each answered with
+//                        the binary result frame the service would send:
+//                        no socket, no client
 //   Sqlite/Scroll        the same blocks straight from SQLite
 //                        (WHERE rowid > N LIMIT 200), every value read
 //   Road/Block/index:N   a view jumping to row N of a source that has only
@@ -20,7 +22,10 @@
 //
 // Times are wall-clock: the work spans the loop, the client's I/O thread and
 // the service's threads. The database is made once per run in the temporary
-// directory (some seconds).
+// directory (some seconds). At the end the run prints the ratios of its own
+// figures: rows a second of the road and of the store against straight
+// SQLite, and the deep block's time against the first block's; for the
+// store, also by CPU time, which a loaded machine does not stretch.
 #include "host_session.h"
 #include "service_connection.h"
 
@@ -35,10 +40,12 @@
 
 #include <benchmark/benchmark.h>
 
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 #include <cstdint>
 #include <filesystem>
 #include <memory>
@@ -142,10 +149,32 @@ double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
+/// CPU time of the calling thread: for the one-thread benchmarks, a figure
+/// that other programs on a loaded machine do not stretch.
+double threadCpuSeconds() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
+}
+
+/// Figures of this run, for the ratios printed at its end: rows a second,
+/// and seconds a block.
+struct Figures {
+    double road = 0;
+    double store = 0;
+    double sqlite = 0;
+    double storeCpu = 0;   ///< rows a CPU second
+    double sqliteCpu = 0;
+    double firstBlock = 0;
+    double deepBlock = 0;
+};
+Figures figures;
+
 void BM_RoadScroll(benchmark::State& state) {
     std::int64_t rows = 0;
     std::uint64_t queries = 0;
     std::size_t peakDataObjects = 0;
+    double totalSeconds = 0;
     for (auto _ : state) {
         Road road;
         const std::uint64_t queriesBefore = host::sentQueryCount(road.session.domain());
@@ -160,11 +189,14 @@ void BM_RoadScroll(benchmark::State& state) {
             }
             peakDataObjects = std::max(peakDataObjects, liveDataObjectCount());
         }
-        state.SetIterationTime(secondsSince(start));
+        const double seconds = secondsSince(start);
+        state.SetIterationTime(seconds);
+        totalSeconds += seconds;
         rows += tableRows;
         queries += host::sentQueryCount(road.session.domain()) - queriesBefore;
     }
     state.SetItemsProcessed(rows);
+    figures.road = static_cast<double>(rows) / totalSeconds;
     state.counters["queries"] = static_cast<double>(queries);
     state.counters["peak_data_objects"] = static_cast<double>(peakDataObjects);
 }
@@ -176,16 +208,24 @@ void BM_StoreScroll(benchmark::State& state) {
     query.columns = {"id", "title", "artist_id", "duration", "favourite", "cover"};
     query.count = blockRows;
     std::int64_t rows = 0;
+    double totalSeconds = 0;
+    double cpuSeconds = 0;
     for (auto _ : state) {
         const Clock::time_point start = Clock::now();
+        const double cpuStart = threadCpuSeconds();
         for (query.index = 0; query.index < tableRows; query.index += blockRows) {
-            const auto result = store.execute(query);
-            rows += static_cast<std::int64_t>(result.rows.size());
-            benchmark::DoNotOptimize(result);
+            const auto frame = store.executeFrame(query);
+            rows += static_cast<std::int64_t>(frame.rows);
+            benchmark::DoNotOptimize(frame);
         }
-        state.SetIterationTime(secondsSince(start));
+        cpuSeconds += threadCpuSeconds() - cpuStart;
+        const double seconds = secondsSince(start);
+        state.SetIterationTime(seconds);
+        totalSeconds += seconds;
     }
     state.SetItemsProcessed(rows);
+    figures.store = static_cast<double>(rows) / totalSeconds;
+    figures.storeCpu = static_cast<double>(rows) / cpuSeconds;
 }
 
 void BM_SqliteScroll(benchmark::State& state) {
@@ -194,8 +234,11 @@ void BM_SqliteScroll(benchmark::State& state) {
         "SELECT id, title, artist_id, duration, favourite, cover FROM tracks WHERE rowid > ?1 ORDER BY rowid"
         " LIMIT 200");
     std::int64_t rows = 0;
+    double totalSeconds = 0;
+    double cpuSeconds = 0;
     for (auto _ : state) {
         const Clock::time_point start = Clock::now();
+        const double cpuStart = threadCpuSeconds();
         for (std::int64_t index = 0; index < tableRows; index += blockRows) {
             statement.reset();
             // Row i has rowid i; the block at index N starts after rowid N - 1.
@@ -210,9 +253,14 @@ void BM_SqliteScroll(benchmark::State& state) {
                 ++rows;
             }
         }
-        state.SetIterationTime(secondsSince(start));
+        cpuSeconds += threadCpuSeconds() - cpuStart;
+        const double seconds = secondsSince(start);
+        state.SetIterationTime(seconds);
+        totalSeconds += seconds;
     }
     state.SetItemsProcessed(rows);
+    figures.sqlite = static_cast<double>(rows) / totalSeconds;
+    figures.sqliteCpu = static_cast<double>(rows) / cpuSeconds;
 }
 
 void BM_RoadBlock(benchmark::State& state) {
@@ -224,6 +272,7 @@ void BM_RoadBlock(benchmark::State& state) {
         view.jumpTo(index, windowRows);
         warm.fill(view);
     }
+    double totalSeconds = 0;
     for (auto _ : state) {
         Road road;
         ListView view(road.list);
@@ -233,7 +282,16 @@ void BM_RoadBlock(benchmark::State& state) {
             state.SkipWithError("rows not filled");
             return;
         }
-        state.SetIterationTime(secondsSince(start));
+        const double seconds = secondsSince(start);
+        state.SetIterationTime(seconds);
+        totalSeconds += seconds;
+    }
+    (index == 0 ? figures.firstBlock : figures.deepBlock) = totalSeconds / static_cast<double>(state.iterations());
+}
+
+void printRatio(const char* what, double numerator, double denominator) {
+    if (numerator > 0 && denominator > 0) {
+        std::printf("%-40s %.3f\n", what, numerator / denominator);
     }
 }
 
@@ -274,6 +332,10 @@ int main(int argc, char** argv) {
         return 1;
     }
     benchmark::RunSpecifiedBenchmarks();
+    zarvo::printRatio("road / straight SQLite (rows/s)", zarvo::figures.road, zarvo::figures.sqlite);
+    zarvo::printRatio("store / straight SQLite (rows/s)", zarvo::figures.store, zarvo::figures.sqlite);
+    zarvo::printRatio("store / straight SQLite (rows/CPU s)", zarvo::figures.storeCpu, zarvo::figures.sqliteCpu);
+    zarvo::printRatio("block at 999800 / block at 0 (time)", zarvo::figures.deepBlock, zarvo::figures.firstBlock);
     benchmark::Shutdown();
     zarvo::DefaultLogger::s_chainedLogger = nullptr;
     return 0;

@@ -28,6 +28,7 @@ public:
         w.integer(m.version);
         optionalString("software", m.software);
         optionalString("filesBaseUrl", m.filesBaseUrl);
+        optionalString("resultFormat", m.resultFormat);
         return end();
     }
 
@@ -404,6 +405,7 @@ private:
         m.version = static_cast<int>(reader.integer("version", 0, int32Max));
         m.software = reader.optionalString("software");
         m.filesBaseUrl = reader.optionalString("filesBaseUrl");
+        m.resultFormat = reader.optionalString("resultFormat");
         return m;
     }
 

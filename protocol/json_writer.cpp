@@ -3,6 +3,7 @@
 #include <array>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <limits>
 
 namespace tethrix::protocol {
@@ -71,10 +72,43 @@ void appendNumber(std::string& out, Number number)
     out.append(buffer.data(), end);
 }
 
+/// Length of the run of ASCII bytes at the start of `text`, tested eight
+/// bytes at a time: most text is ASCII, and the byte-wise check dominates
+/// the cost of a large result otherwise.
+std::size_t asciiPrefix(std::string_view text)
+{
+    std::size_t i = 0;
+    for (; i + 8 <= text.size(); i += 8) {
+        std::uint64_t word;
+        std::memcpy(&word, text.data() + i, 8);
+        if (word & 0x8080808080808080ull) break;
+    }
+    while (i < text.size() && static_cast<unsigned char>(text[i]) < 0x80) ++i;
+    return i;
+}
+
 }  // namespace
+
+void appendValidUtf8(std::string& out, std::string_view text)
+{
+    std::size_t ascii = asciiPrefix(text);
+    out.append(text.data(), ascii);
+    text.remove_prefix(ascii);
+    while (!text.empty()) {
+        const std::size_t length = validSequenceLength(text);
+        if (length == 0) {
+            out += replacementCharacter;
+            text.remove_prefix(1);
+            continue;
+        }
+        out.append(text.data(), length);
+        text.remove_prefix(length);
+    }
+}
 
 bool isValidUtf8(std::string_view text)
 {
+    text.remove_prefix(asciiPrefix(text));
     while (!text.empty()) {
         const std::size_t length = validSequenceLength(text);
         if (length == 0) return false;

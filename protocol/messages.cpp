@@ -31,7 +31,8 @@ const char* typeName(const Message& message)
 
 bool operator==(const Hello& a, const Hello& b)
 {
-    return a.version == b.version && a.software == b.software && a.filesBaseUrl == b.filesBaseUrl;
+    return a.version == b.version && a.software == b.software && a.filesBaseUrl == b.filesBaseUrl &&
+           a.resultFormat == b.resultFormat;
 }
 
 bool operator==(const Query& a, const Query& b)

@@ -99,6 +99,8 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments)
             options.limits.maxConnections = count(name, value());
         } else if (name == "--max-session-buffer") {
             options.limits.sessionOutboxBytes = count(name, value());
+        } else if (name == "--read-ahead-bytes") {
+            options.limits.readAheadBytes = count(name, value(), 0);
         } else if (name == "--stuck-timeout-ms") {
             options.limits.stuckTimeout = milliseconds(name, value());
         } else if (name == "--idle-timeout-ms") {
@@ -146,6 +148,8 @@ std::string usage()
            "  --max-connections N        open connections (default 512)\n"
            "  --max-session-buffer BYTES answers queued for one client before it is\n"
            "                             read no more (default 16777216)\n"
+           "  --read-ahead-bytes BYTES   largest block read ahead for a client that\n"
+           "                             pages, one a client; 0: none (default 1048576)\n"
            "  --stuck-timeout-ms MS      time a client may stay past that before it is\n"
            "                             closed (default 30000)\n"
            "  --idle-timeout-ms MS       a silent WebSocket peer is pinged at half this\n"

@@ -4,6 +4,10 @@
 #include "query_log.h"
 
 #include <tethrix/protocol/codec.h>
+#include <tethrix/protocol/result_frame.h>
+
+#include <limits>
+#include <utility>
 
 namespace tethrix::service {
 
@@ -22,13 +26,40 @@ QueryAnswer errorAnswer(protocol::RequestId id, const QueryError& error)
     return answer;
 }
 
+/// Equal for queries that differ at most in id and index: blocks of one
+/// content, of one size.
+std::string shapeOf(const protocol::Query& query)
+{
+    std::string shape = query.uri;
+    shape += '\0';
+    for (const auto& column : query.columns) {
+        shape += column;
+        shape += '\1';
+    }
+    shape += '\0';
+    shape += query.filter;
+    shape += '\0';
+    shape += query.sort;
+    shape += '\0';
+    shape += std::to_string(query.count);
+    return shape;
+}
+
 }  // namespace
 
-QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query)
+QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query, bool binary)
 {
     QueryAnswer answer;
     answer.id = query.id;
     try {
+        if (binary) {
+            // The store checks the frame's size as it writes it.
+            ContentStore::Frame frame = store.executeFrame(query);
+            answer.rows = frame.rows;
+            answer.frame = std::move(frame.bytes);
+            answer.binary = true;
+            return answer;
+        }
         protocol::Result result = store.execute(query);
         answer.rows = result.rows.size();
         answer.frame = protocol::encode(result);
@@ -43,8 +74,8 @@ QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query)
 }
 
 QueryWorker::QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std::chrono::milliseconds timeLimit,
-                         bool logQueries)
-    : timeLimit(timeLimit), logQueries(logQueries)
+                         bool logQueries, ReadAhead readAhead)
+    : timeLimit(timeLimit), logQueries(logQueries), readAhead(std::move(readAhead))
 {
     for (auto& store : stores) {
         auto lane = std::make_unique<Lane>();
@@ -64,8 +95,14 @@ QueryWorker::QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std:
 
 QueryWorker::~QueryWorker()
 {
+    stop();
+}
+
+void QueryWorker::stop()
+{
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) return;
         stopping = true;
         queued.clear();
         ready.clear();
@@ -78,17 +115,89 @@ QueryWorker::~QueryWorker()
     }
 }
 
-void QueryWorker::submit(Client client, protocol::Query query, CancelFlag cancel, Done done)
+void QueryWorker::submit(Client client, protocol::Query query, bool binary, CancelFlag cancel, Done done)
 {
+    const auto started = std::chrono::steady_clock::now();
+    Job job{std::move(query), binary, std::move(cancel), std::move(done)};
+    std::optional<QueryAnswer> answer;
     {
         std::lock_guard<std::mutex> lock(mutex);
+        if (stopping) return;
         auto [entry, fresh] = queued.try_emplace(client);
-        // A client already in the map is queued or running; either way it
-        // comes round again.
-        if (fresh) ready.push_back(client);
-        entry->second.push_back(Job{std::move(query), std::move(cancel), std::move(done)});
+        // Only a client with nothing queued or running may be answered at
+        // once: its answers keep the order of its queries.
+        if (fresh) answer = takeReadAhead(client, job.query, binary);
+        if (answer) {
+            if (noteAnswered(client, job, *answer)) entry->second.push_back(readAheadJob(job));
+        } else {
+            entry->second.push_back(std::move(job));
+        }
+        if (entry->second.empty()) {
+            queued.erase(entry);
+        } else if (fresh) {
+            // A client already in the map is queued or running; either way
+            // it comes round again.
+            ready.push_back(client);
+        }
     }
     wake.notify_one();
+    if (answer) {
+        logAnswer(job, *answer, false, started);
+        job.done(std::move(*answer));
+    }
+}
+
+void QueryWorker::forget(Client client)
+{
+    std::lock_guard<std::mutex> lock(mutex);
+    paging.erase(client);
+}
+
+std::optional<QueryAnswer> QueryWorker::takeReadAhead(Client client, const protocol::Query& query, bool binary)
+{
+    auto found = paging.find(client);
+    if (found == paging.end() || found->second.readyShape.empty()) return std::nullopt;
+    Paging& state = found->second;
+    const std::string shape = std::exchange(state.readyShape, std::string());
+    QueryAnswer answer = std::exchange(state.ready, QueryAnswer());
+    if (!binary || state.readyIndex != query.index || shape != shapeOf(query)) return std::nullopt;
+    try {
+        if (readAhead.probe->version() != state.readyVersion) return std::nullopt;
+    } catch (const SqliteError&) {
+        return std::nullopt;
+    }
+    answer.id = query.id;
+    protocol::ResultFrameWriter::readdress(answer.frame, query.id);
+    return answer;
+}
+
+bool QueryWorker::noteAnswered(Client client, const Job& job, const QueryAnswer& answer)
+{
+    if (!readAhead.probe || readAhead.maxBytes == 0 || stopping) return false;
+    Paging& state = paging[client];
+    const std::string shape = shapeOf(job.query);
+    const std::int64_t index = job.query.index;
+    const std::int64_t count = job.query.count;
+    const bool sequential = state.shape == shape && state.nextIndex == index;
+    // A block too large to keep is not read ahead: its successor would be
+    // read for nothing.
+    const bool full = answer.binary && count > 0 && answer.rows == static_cast<std::size_t>(count) &&
+                      answer.frame.size() <= readAhead.maxBytes;
+    state.shape = shape;
+    state.nextIndex = full ? index + count : -1;
+    // Two blocks in a row make a client that pages; one block alone may be
+    // a jump.
+    return sequential && full && index + 2 * count <= std::numeric_limits<std::int32_t>::max();
+}
+
+QueryWorker::Job QueryWorker::readAheadJob(const Job& answered) const
+{
+    Job job;
+    job.query = answered.query;
+    job.query.id = 0;
+    job.query.index += answered.query.count;
+    job.binary = true;
+    return job;
 }
 
 void QueryWorker::run(Lane& lane)
@@ -103,7 +212,7 @@ void QueryWorker::run(Lane& lane)
         Job job = std::move(entry->second.front());
         entry->second.pop_front();
         lock.unlock();
-        process(lane, job);
+        process(lane, client, job);
         lock.lock();
         if (stopping) return;
         // The client stays in the map while its job runs, so that a new one
@@ -118,36 +227,98 @@ void QueryWorker::run(Lane& lane)
     }
 }
 
-void QueryWorker::process(Lane& lane, Job& job)
+void QueryWorker::process(Lane& lane, Client client, Job& job)
 {
+    if (!job.done) return readAheadFor(lane, client, job);
     if (job.cancel && job.cancel->load()) return;
     auto started = std::chrono::steady_clock::now();
-    lane.current = job.cancel;
-    lane.deadline = started + timeLimit;
+    std::optional<QueryAnswer> ready;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        ready = takeReadAhead(client, job.query, job.binary);
+    }
     QueryAnswer answer;
     bool cancelled = false;
-    try {
-        answer = answerQuery(*lane.store, job.query);
-    } catch (const QueryInterrupted&) {
-        cancelled = abandoning.load() || (job.cancel && job.cancel->load());
-        if (!cancelled) {
-            answer = errorAnswer(job.query.id,
-                                 QueryError("query stopped after its time limit of " +
-                                            std::to_string(timeLimit.count()) +
-                                            " ms; narrow the filter or ask for fewer rows"));
+    if (ready) {
+        answer = std::move(*ready);
+    } else {
+        lane.current = job.cancel;
+        lane.deadline = started + timeLimit;
+        try {
+            answer = answerQuery(*lane.store, job.query, job.binary);
+        } catch (const QueryInterrupted&) {
+            cancelled = abandoning.load() || (job.cancel && job.cancel->load());
+            if (!cancelled) {
+                answer = errorAnswer(job.query.id,
+                                     QueryError("query stopped after its time limit of " +
+                                                std::to_string(timeLimit.count()) +
+                                                " ms; narrow the filter or ask for fewer rows"));
+            }
+        }
+        lane.current.reset();
+        lane.deadline = std::chrono::steady_clock::time_point::max();
+    }
+    logAnswer(job, answer, cancelled, started);
+    if (cancelled || (job.cancel && job.cancel->load())) return;
+    {
+        // Behind whatever the client has queued meanwhile; it is skipped
+        // if the client has moved elsewhere by then.
+        std::lock_guard<std::mutex> lock(mutex);
+        auto entry = queued.find(client);
+        if (noteAnswered(client, job, answer) && entry != queued.end()) {
+            entry->second.push_back(readAheadJob(job));
         }
     }
-    lane.current.reset();
-    lane.deadline = std::chrono::steady_clock::time_point::max();
-    if (logQueries) {
-        auto elapsed = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started);
-        std::string outcome = cancelled              ? "cancelled"
-                              : answer.error.empty() ? "rows=" + std::to_string(answer.rows)
-                                                     : "error=" + quoteForLog(answer.error);
-        writeLogLine(formatQueryLogLine(job.query, outcome, elapsed.count()));
-    }
-    if (cancelled || (job.cancel && job.cancel->load())) return;
     job.done(std::move(answer));
+}
+
+void QueryWorker::readAheadFor(Lane& lane, Client client, Job& job)
+{
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        auto found = paging.find(client);
+        if (found == paging.end() || found->second.nextIndex != job.query.index ||
+            found->second.shape != shapeOf(job.query)) {
+            return;
+        }
+    }
+    lane.deadline = std::chrono::steady_clock::now() + timeLimit;
+    try {
+        // The version before the read: a commit during it counts as a
+        // change, and the block is read again when asked for.
+        const std::int64_t version = readAhead.probe->version();
+        ContentStore::Frame frame = lane.store->executeFrame(job.query);
+        if (frame.bytes.size() <= readAhead.maxBytes) {
+            std::lock_guard<std::mutex> lock(mutex);
+            auto found = paging.find(client);
+            if (found != paging.end() && found->second.nextIndex == job.query.index) {
+                Paging& state = found->second;
+                state.readyShape = shapeOf(job.query);
+                state.readyIndex = job.query.index;
+                state.readyVersion = version;
+                state.ready.frame = std::move(frame.bytes);
+                state.ready.rows = frame.rows;
+                state.ready.binary = true;
+                state.ready.error.clear();
+            }
+        }
+    } catch (const QueryError&) {
+        // Asked for, the block gets its error then.
+    } catch (const QueryInterrupted&) {
+    } catch (const SqliteError&) {
+    }
+    lane.deadline = std::chrono::steady_clock::time_point::max();
+}
+
+void QueryWorker::logAnswer(const Job& job, const QueryAnswer& answer, bool cancelled,
+                            std::chrono::steady_clock::time_point started) const
+{
+    if (!logQueries) return;
+    auto elapsed = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started);
+    std::string outcome = cancelled              ? "cancelled"
+                          : answer.error.empty() ? "rows=" + std::to_string(answer.rows)
+                                                 : "error=" + quoteForLog(answer.error);
+    writeLogLine(formatQueryLogLine(job.query, outcome, elapsed.count()));
 }
 
 }  // namespace tethrix::service

@@ -69,7 +69,15 @@ Service::Service(const ServiceOptions& options) : limits(options.limits)
     } catch (const SqliteError& error) {
         throw std::runtime_error(error.what());
     }
-    worker = std::make_unique<QueryWorker>(std::move(stores), options.limits.queryTimeLimit, options.logQueries);
+    QueryWorker::ReadAhead readAhead;
+    readAhead.maxBytes = options.limits.readAheadBytes;
+    try {
+        if (readAhead.maxBytes != 0) readAhead.probe = std::make_unique<DataVersionProbe>(options.database);
+    } catch (const SqliteError& error) {
+        throw std::runtime_error(error.what());
+    }
+    worker = std::make_unique<QueryWorker>(std::move(stores), options.limits.queryTimeLimit, options.logQueries,
+                                           std::move(readAhead));
     context = std::make_unique<ServiceContext>(
         ServiceContext{*ioContext, *worker, *runtimeData, *files, fileReaders, limits, {}, {}, 0, false});
 
@@ -94,9 +102,10 @@ Service::~Service()
     // refer to must still be there, and the worker must not post any more.
     acceptor.reset();
     fileReaders.join();
-    worker.reset();
+    worker->stop();
     simulations.clear();
     ioContext.reset();
+    worker.reset();
 }
 
 void Service::run()

@@ -18,6 +18,10 @@ struct ServiceLimits {
     /// them the service reads no more requests from it until it has taken
     /// its answers; past them by a whole result frame it is closed.
     std::size_t sessionOutboxBytes = std::size_t{16} << 20;
+    /// Largest result frame read ahead for a client that pages through a
+    /// query; one is kept a client. A larger block is read when asked for.
+    /// 0: nothing is read ahead.
+    std::size_t readAheadBytes = std::size_t{1} << 20;
     /// How long a client may stay past sessionOutboxBytes before it is
     /// closed.
     std::chrono::milliseconds stuckTimeout{30000};

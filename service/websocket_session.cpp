@@ -1,6 +1,7 @@
 #include "websocket_session.h"
 
 #include <tethrix/protocol/codec.h>
+#include <tethrix/protocol/result_frame.h>
 
 #include <boost/asio/post.hpp>
 
@@ -139,6 +140,10 @@ void WebSocketSession::onHello(const protocol::Hello& hello)
     greeted = true;
     protocol::Hello answer;
     answer.software = "tethrix-service";
+    // Another format than the one known is answered in JSON, which every
+    // client reads.
+    binaryResults = hello.resultFormat == protocol::binaryResultFormat;
+    if (binaryResults) answer.resultFormat = protocol::binaryResultFormat;
     if (context.files.hasRoot()) {
         beast::error_code error;
         auto local = beast::get_lowest_layer(socket).socket().local_endpoint(error);
@@ -173,7 +178,7 @@ void WebSocketSession::onQuery(protocol::Query query)
     // network thread; by then the session may be gone.
     auto& io = context.io;
     std::weak_ptr<WebSocketSession> weak = shared_from_this();
-    context.worker.submit(this, std::move(query), flag, [&io, weak, flag](QueryAnswer answer) {
+    context.worker.submit(this, std::move(query), binaryResults, flag, [&io, weak, flag](QueryAnswer answer) {
         boost::asio::post(io, [weak, flag, answer = std::move(answer)]() mutable {
             if (auto self = weak.lock()) self->onAnswer(std::move(answer), flag);
         });
@@ -187,7 +192,7 @@ void WebSocketSession::onAnswer(QueryAnswer answer, const CancelFlag& flag)
     auto open = openQueries.find(answer.id);
     if (open == openQueries.end() || open->second != flag) return;
     openQueries.erase(open);
-    send(std::move(answer.frame));
+    send(std::move(answer.frame), answer.binary);
 }
 
 void WebSocketSession::onCancel(const protocol::Cancel& cancel)
@@ -228,12 +233,12 @@ void WebSocketSession::sendError(std::optional<protocol::RequestId> id, std::str
     send(protocol::encode(error));
 }
 
-void WebSocketSession::send(std::string frame)
+void WebSocketSession::send(std::string frame, bool binary)
 {
     if (ended || closing) return;
     const bool wasBelow = outboxBytes < context.limits.sessionOutboxBytes;
     outboxBytes += frame.size();
-    outbox.push_back(std::move(frame));
+    outbox.push_back(Outgoing{std::move(frame), binary});
     if (wasBelow) watchStuck();
     // Reading stopped at the bound; what passes it by more than a result
     // frame came from requests already under way, of a client that asked
@@ -255,14 +260,15 @@ void WebSocketSession::writeNext()
         return;
     }
     writing = true;
-    socket.async_write(boost::asio::buffer(outbox.front()),
+    socket.binary(outbox.front().binary);
+    socket.async_write(boost::asio::buffer(outbox.front().frame),
                        beast::bind_front_handler(&WebSocketSession::onWrite, shared_from_this()));
 }
 
 void WebSocketSession::onWrite(beast::error_code error, std::size_t)
 {
     if (error || ended) return end();
-    outboxBytes -= outbox.front().size();
+    outboxBytes -= outbox.front().frame.size();
     outbox.pop_front();
     watchStuck();
     if (paused && !closing) resumeReading();
@@ -281,6 +287,7 @@ void WebSocketSession::end()
     ended = true;
     for (auto& open : openQueries) open.second->store(true);
     openQueries.clear();
+    context.worker.forget(this);
     if (!subscriptions.empty()) context.runtimeData.unsubscribeAll(*this);
     subscriptions.clear();
     // A write under way still reads its frame; the frames go with the

@@ -59,7 +59,7 @@ private:
     /// Refuses a request whose id is taken or that is one too many.
     bool admit(protocol::RequestId id);
     void sendError(std::optional<protocol::RequestId> id, std::string reason);
-    void send(std::string frame);
+    void send(std::string frame, bool binary = false);
     void writeNext();
     void onWrite(boost::beast::error_code error, std::size_t bytes);
     void closeAfterWrites(boost::beast::websocket::close_code code);
@@ -77,13 +77,19 @@ private:
     ServiceContext& context;
     ConnectionSlot slot;
     boost::beast::flat_buffer buffer;
-    std::deque<std::string> outbox;
+    struct Outgoing {
+        std::string frame;
+        bool binary = false;
+    };
+    std::deque<Outgoing> outbox;
     std::size_t outboxBytes = 0;
     /// No read is pending, because the outbox is past its bound.
     bool paused = false;
     boost::asio::steady_timer stuckTimer;
     bool writing = false;
     bool greeted = false;
+    /// The client asked for results as binary frames.
+    bool binaryResults = false;
     bool ended = false;
     std::optional<boost::beast::websocket::close_code> closing;
     std::map<protocol::RequestId, CancelFlag> openQueries;

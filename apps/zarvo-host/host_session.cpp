@@ -47,13 +47,13 @@ void HostSession::setStringProperty(const std::string& propertyName, const std::
     dataSource->setValue(*type, value);
 }
 
-void HostSession::settle() {
+void HostSession::settle(const std::function<void()>& watch) {
     loop().runUntilIdle();
     if (sourceOptions.serviceUrl.empty()) {
         return;
     }
     const auto limit = sourceOptions.wait.value_or(DEFAULT_SETTLE_LIMIT);
-    switch (waitUntilSettled(domain(), limit)) {
+    switch (waitUntilSettled(domain(), limit, watch)) {
     case SettleOutcome::Settled:
         return;
     case SettleOutcome::Unreachable:

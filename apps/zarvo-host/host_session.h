@@ -8,6 +8,7 @@
 
 #include <zarvo/data_source.h>
 
+#include <functional>
 #include <memory>
 
 namespace zarvo::host {
@@ -33,7 +34,8 @@ public:
     /// a resource load has been open for a short quiet time, or when
     /// --wait-ms has passed. A service not reached, or a source still
     /// loading, is told in one line on standard error; it is no failure.
-    void settle();
+    /// `watch` is called whenever the loop has run meanwhile.
+    void settle(const std::function<void()>& watch = {});
 
 private:
     void setStringProperty(const std::string& propertyName, const std::string& value);

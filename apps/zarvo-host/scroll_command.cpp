@@ -26,6 +26,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+/// The program's start, as near as a program can tell: set while it is
+/// initialised, before main runs.
+const Clock::time_point programStart = Clock::now();
+
 struct ScrollOptions {
     std::string path;
     std::optional<std::uint64_t> to;
@@ -155,11 +159,16 @@ public:
         }
         out << "\nqueries sent: " << sentQueryCount(session.domain()) - settledQueries << "\n";
         out << "peak data objects: " << peakDataObjects << "\n";
+        if (firstRowMilliseconds) {
+            out << "first row filled: " << std::fixed << std::setprecision(1) << *firstRowMilliseconds
+                << " ms after the program's start\n";
+        }
         out << "elapsed: " << std::fixed << std::setprecision(2) << millisecondsSince(started) / 1000.0 << " s\n"
             << std::flush;
     }
 
     void noteSettled() { settledQueries = sentQueryCount(session.domain()); }
+    void noteFirstRow(std::optional<double> milliseconds) { firstRowMilliseconds = milliseconds; }
 
 private:
     void moveTo(std::uint64_t first) {
@@ -292,6 +301,7 @@ private:
     std::uint64_t frames = 0;
     std::uint64_t settledQueries = 0;
     std::size_t peakDataObjects = 0;
+    std::optional<double> firstRowMilliseconds;
     std::uint64_t progressMark = 0;
     Clock::time_point lastProgress;
     Clock::time_point started;
@@ -302,7 +312,18 @@ private:
 int runScroll(const CommandLine& line) {
     const ScrollOptions options = parseScrollOptions(line);
     HostSession session(line.source);
-    session.settle();
+    // A list has a row once its first row came with its data: the cold
+    // start a user waits through before the first filled row.
+    std::optional<double> firstRow;
+    session.settle([&session, &options, &firstRow]() {
+        if (firstRow) {
+            return;
+        }
+        auto found = std::dynamic_pointer_cast<DataObjectList>(session.source().lookupDataContext(options.path));
+        if (found && found->itemCount() > 0) {
+            firstRow = millisecondsSince(programStart);
+        }
+    });
     auto list = std::dynamic_pointer_cast<DataObjectList>(session.source().lookupDataContext(options.path));
     if (!list) {
         throw std::runtime_error("no list at " + options.path + " in the tree of " + line.source.name);
@@ -311,6 +332,7 @@ int runScroll(const CommandLine& line) {
     {
         Scroller scroller(session, list, options);
         scroller.noteSettled();
+        scroller.noteFirstRow(firstRow);
         filled = scroller.scroll();
         for (const std::uint64_t index : options.jumps) {
             filled = scroller.jump(index) && filled;

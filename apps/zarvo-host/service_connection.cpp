@@ -46,13 +46,17 @@ bool isIdle(Domain& domain) {
 
 std::uint64_t sentQueryCount(Domain& domain) { return coreOf(domain).sentQueryCount(); }
 
-SettleOutcome waitUntilSettled(Domain& domain, std::optional<std::chrono::milliseconds> limit) {
+SettleOutcome waitUntilSettled(Domain& domain, std::optional<std::chrono::milliseconds> limit,
+                               const std::function<void()>& watch) {
     using Clock = std::chrono::steady_clock;
     ZvuMessageDispatcher& loop = *domain.getMessageDispatcher();
     const std::shared_ptr<void> poll = loop.addTimer(POLL_INTERVAL, ZvuTimerMessageModeRepeat, [](const auto&) {});
     Clock::time_point lastBusy = Clock::now();
     const bool settled = loop.runUntil(
-        [&domain, &lastBusy]() {
+        [&domain, &lastBusy, &watch]() {
+            if (watch) {
+                watch();
+            }
             const Clock::time_point now = Clock::now();
             if (!isIdle(domain)) {
                 lastBusy = now;

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -32,8 +33,10 @@ enum class SettleOutcome {
 
 /// Runs the domain's loop until the connection is up and neither a query
 /// nor a resource load has been open for QUIET_TIME, or until `limit` (or
-/// DEFAULT_SETTLE_LIMIT) has passed.
-SettleOutcome waitUntilSettled(Domain& domain, std::optional<std::chrono::milliseconds> limit);
+/// DEFAULT_SETTLE_LIMIT) has passed. `watch`, if given, is called whenever
+/// the loop has run, to look at the tree as it fills.
+SettleOutcome waitUntilSettled(Domain& domain, std::optional<std::chrono::milliseconds> limit,
+                               const std::function<void()>& watch = {});
 
 /// True while the domain's client is connected and neither a query nor a
 /// resource load is open.

@@ -1,6 +1,7 @@
 #include <zarvo/client/network_transport.h>
 
 #include <tethrix/protocol/codec.h>
+#include <tethrix/protocol/result_frame.h>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -71,43 +72,132 @@ std::string shownNumber(double value) {
     return text.str();
 }
 
+/// Appends the cells of one answer to a QueryResult in the client's value
+/// types, warning once for each column whose values had to be narrowed, so
+/// that a table full of such values gives a line and not a flood.
+class CellConverter {
+public:
+    CellConverter(QueryResult& result, const std::vector<protocol::Column>& columns, protocol::RequestId id)
+        : result(result), columns(columns), id(id), told(columns.size(), false) {}
+
+    void integer(std::size_t column, std::int64_t value) {
+        bool clamped = false;
+        result.cells.emplace_back(narrowInteger(value, clamped));
+        if (clamped) {
+            tell(column, std::to_string(value), "32-bit int");
+        }
+    }
+
+    void real(std::size_t column, double value) {
+        bool clamped = false;
+        result.cells.emplace_back(narrowReal(value, clamped));
+        if (clamped) {
+            tell(column, shownNumber(value), "float");
+        }
+    }
+
+    void boolean(bool value) { result.cells.emplace_back(value); }
+    void text(std::string value) { result.cells.emplace_back(std::move(value)); }
+
+private:
+    void tell(std::size_t column, const std::string& given, const char* type) {
+        if (column >= told.size() || told[column]) {
+            return;
+        }
+        told[column] = true;
+        ZARVO_LOG_WARNING(logCategory,
+                          "Column '{}' of the answer to query {} holds {}, beyond the range of the client's "
+                          "{}; it is delivered as the nearest value in range",
+                          columns[column].name, id, given, type);
+    }
+
+    QueryResult& result;
+    const std::vector<protocol::Column>& columns;
+    protocol::RequestId id;
+    std::vector<bool> told;
+};
+
+void copyColumns(QueryResult& converted, const std::vector<protocol::Column>& columns) {
+    converted.columns.reserve(columns.size());
+    for (const auto& column : columns) {
+        converted.columns.push_back({column.name, static_cast<ContentDataType>(static_cast<int>(column.type))});
+    }
+}
+
 QueryResult toQueryResult(protocol::Result&& result) {
     QueryResult converted;
     converted.startIndex = static_cast<std::size_t>(result.startIndex);
-    for (const auto& column : result.columns) {
-        converted.columns.push_back({column.name, static_cast<ContentDataType>(static_cast<int>(column.type))});
-    }
+    copyColumns(converted, result.columns);
     converted.cells.reserve(result.rows.size() * result.columns.size());
-    // Once for each column of a result, so that a table full of such
-    // values gives a line and not a flood.
-    std::vector<bool> told(result.columns.size(), false);
+    CellConverter cells(converted, result.columns, result.id);
     for (auto& row : result.rows) {
         for (std::size_t c = 0; c < row.size(); ++c) {
             auto& cell = row[c];
-            bool clamped = false;
-            std::string given;
             if (auto* i = std::get_if<std::int64_t>(&cell)) {
-                converted.cells.emplace_back(narrowInteger(*i, clamped));
-                given = std::to_string(*i);
+                cells.integer(c, *i);
             } else if (auto* d = std::get_if<double>(&cell)) {
-                converted.cells.emplace_back(narrowReal(*d, clamped));
-                given = shownNumber(*d);
+                cells.real(c, *d);
             } else if (auto* b = std::get_if<bool>(&cell)) {
-                converted.cells.emplace_back(*b);
+                cells.boolean(*b);
             } else {
-                converted.cells.emplace_back(std::move(std::get<std::string>(cell)));
-            }
-            if (clamped && c < told.size() && !told[c]) {
-                told[c] = true;
-                ZARVO_LOG_WARNING(logCategory,
-                                  "Column '{}' of the answer to query {} holds {}, beyond the range of the client's "
-                                  "{}; it is delivered as the nearest value in range",
-                                  result.columns[c].name, result.id, given,
-                                  std::holds_alternative<double>(cell) ? "float" : "32-bit int");
+                cells.text(std::move(std::get<std::string>(cell)));
             }
         }
     }
     return converted;
+}
+
+/// A binary result frame read cell by cell straight into the client's
+/// values; false, with the reader's reason, if the frame is not sound.
+bool readResultFrame(protocol::ResultFrameReader& reader, QueryResult& converted) {
+    converted.startIndex = static_cast<std::size_t>(reader.startIndex());
+    const auto& columns = reader.columns();
+    copyColumns(converted, columns);
+    converted.cells.reserve(std::size_t{reader.rowCount()} * columns.size());
+    CellConverter cells(converted, columns, reader.id());
+    for (std::uint32_t r = 0; r < reader.rowCount(); ++r) {
+        for (std::size_t c = 0; c < columns.size(); ++c) {
+            bool read = false;
+            switch (columns[c].type) {
+            case protocol::ColumnType::integer: {
+                std::int64_t value = 0;
+                read = reader.integer(value);
+                if (read) {
+                    cells.integer(c, value);
+                }
+                break;
+            }
+            case protocol::ColumnType::real: {
+                double value = 0;
+                read = reader.real(value);
+                if (read) {
+                    cells.real(c, value);
+                }
+                break;
+            }
+            case protocol::ColumnType::boolean: {
+                bool value = false;
+                read = reader.boolean(value);
+                if (read) {
+                    cells.boolean(value);
+                }
+                break;
+            }
+            case protocol::ColumnType::text: {
+                std::string_view chars;
+                read = reader.text(chars);
+                if (read) {
+                    cells.text(std::string(chars));
+                }
+                break;
+            }
+            }
+            if (!read) {
+                return false;
+            }
+        }
+    }
+    return reader.finish();
 }
 
 }  // namespace
@@ -286,7 +376,10 @@ private:
 
     void onHandshake() {
         current->socket.text(true);
-        send(protocol::encode(protocol::Hello{protocol::protocolVersion, "zarvo client library", ""}));
+        // Results come as binary frames: no text to write and parse, and
+        // their cells are read straight into the client's values.
+        send(protocol::encode(protocol::Hello{protocol::protocolVersion, "zarvo client library", "",
+                                              protocol::binaryResultFormat}));
         // A peer that answers pings but never says hello (or says it in
         // another version) would otherwise hold the transport down for ever.
         helloTimer.expires_after(options.helloTimeout);
@@ -310,15 +403,42 @@ private:
 
     void onFrame() {
         auto data = current->buffer.cdata();
-        protocol::Decoded decoded = protocol::decode(
-            std::string_view(static_cast<const char*>(data.data()), data.size()), protocol::maxResultFrameBytes);
+        const std::string_view frame(static_cast<const char*>(data.data()), data.size());
+        if (current->socket.got_binary()) {
+            onResultFrame(frame);
+        } else {
+            onTextFrame(frame);
+        }
+        if (current) {
+            readWhenTheLoopKeepsUp();
+        }
+    }
+
+    void onResultFrame(std::string_view frame) {
+        protocol::ResultFrameReader reader;
+        if (!reader.open(frame)) {
+            if (auto id = protocol::ResultFrameReader::peekId(frame)) {
+                failRequest(*id, "unreadable answer: " + reader.error());
+            }
+            return;
+        }
+        if (openQueries.count(reader.id()) == 0) {
+            return;
+        }
+        QueryResult result;
+        if (!readResultFrame(reader, result)) {
+            return failRequest(reader.id(), "unreadable answer: " + reader.error());
+        }
+        openQueries.erase(reader.id());
+        receiver->onQueryResult(reader.id(), std::move(result));
+    }
+
+    void onTextFrame(std::string_view frame) {
+        protocol::Decoded decoded = protocol::decode(frame, protocol::maxResultFrameBytes);
         if (decoded) {
             handle(std::move(*decoded.message));
         } else if (decoded.error.id) {
             failRequest(*decoded.error.id, "unreadable answer: " + decoded.error.reason);
-        }
-        if (current) {
-            readWhenTheLoopKeepsUp();
         }
     }
 

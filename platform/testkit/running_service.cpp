@@ -93,7 +93,7 @@ ProtocolClient::ProtocolClient(unsigned short port, bool greet) : socket(io) {
     if (!greet) {
         return;
     }
-    send(protocol::Hello{protocol::protocolVersion, "tests", ""});
+    send(protocol::Hello{protocol::protocolVersion, "tests", "", ""});
     hello = receiveAs<protocol::Hello>();
 }
 

@@ -395,7 +395,7 @@ TEST(TethrixDataObjectListCacheTest, PurgeOrderStaysExactWhileReferencesComeAndG
     }
     EXPECT_THAT(cache.getUnreferencedOrder(), ElementsAre(0u, 2u, 1u));
     cache.purge(2);
-    EXPECT_THAT(keys(cache.getUnreferencedItems()), ElementsAre(1u));
+    EXPECT_THAT(cache.getUnreferencedItems(), ElementsAre(testing::Key(1u)));
 }
 
 }  // namespace

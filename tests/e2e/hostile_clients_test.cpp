@@ -131,7 +131,7 @@ TEST(HostileClientsTest, NoClientKeepsAnotherFromItsBlocks)
         {"asks for every row, again and again, and never reads", false,
          [](unsigned short port) {
              auto connections = open(port, true);
-             connections[0]->writeFrame(R"({"type":"hello","version":1})");
+             connections[0]->writeFrame(R"({"type":"hello","version":2})");
              for (int id = 1; id <= 200; ++id) {
                  connections[0]->writeFrame(R"({"type":"query","id":)" + std::to_string(id) +
                                             R"(,"uri":")" + tracksUri +

@@ -193,7 +193,7 @@ private:
                 namespace protocol = tethrix::protocol;
                 peer->text(true);
                 peer->write(boost::asio::buffer(
-                                protocol::encode(protocol::Hello{version, "bad peer", ""})),
+                                protocol::encode(protocol::Hello{version, "bad peer", "", ""})),
                             error);
                 if (version == protocol::protocolVersion) {
                     peer->close(boost::beast::websocket::close_code::normal, error);

@@ -157,10 +157,10 @@ TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAndAnotherProtocolVersionAreRefus
     EXPECT_EQ(client.receiveAs<protocol::Result>().id, 4u);
 
     ProtocolClient future(service.port(), false);
-    future.send(protocol::Hello{2, "future", ""});
+    future.send(protocol::Hello{3, "future", "", ""});
     auto refused = future.receiveAs<protocol::Error>();
     EXPECT_EQ(refused.id, std::nullopt);
-    EXPECT_EQ(refused.reason, "unsupported protocol version 2; this service speaks 1");
+    EXPECT_EQ(refused.reason, "unsupported protocol version 3; this service speaks 2");
     EXPECT_EQ(future.awaitClose(), std::optional<int>(1002));
 }
 

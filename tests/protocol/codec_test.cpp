@@ -50,7 +50,7 @@ TEST(CodecTest, EveryMessageSurvivesEncodeAndDecode)
 
     const std::vector<Message> messages = {
         Hello{},
-        Hello{1, "tethrix-service", "http://127.0.0.1:8080/"},
+        Hello{2, "tethrix-service", "http://127.0.0.1:8080/", "binary"},
         sampleQuery(),
         Query{},
         sampleResult(),

@@ -9,7 +9,10 @@
 
 #include <gtest/gtest.h>
 
+#include <tethrix/protocol/result_frame.h>
+
 #include <algorithm>
+#include <future>
 #include <random>
 
 namespace tethrix::service {
@@ -18,6 +21,7 @@ namespace {
 using namespace zarvo::testkit;
 
 using protocol::ColumnType;
+using protocol::RequestId;
 using protocol::Value;
 
 const std::string tracksUri = "content://com.tavelorix.content/tracks";
@@ -172,6 +176,87 @@ TEST_F(ContentStoreTest, DeepBlocksEqualThePlainScanInAnyOrderOfAccess)
             EXPECT_EQ(rows[0], all[static_cast<std::size_t>(index)]) << index;
         }
     }
+}
+
+TEST_F(ContentStoreTest, PagingOnInFramesEqualsThePlainScanAndFollowsChanges)
+{
+    // Each block after a full one starts from the key of its last row.
+    auto page = [this](const std::string& uri, const Ordering& ordering, int blockSize) {
+        std::vector<std::vector<Value>> rows;
+        for (int index = 0;; index += blockSize) {
+            auto frame = store->executeFrame(query(uri, {}, ordering.filter, ordering.sort, index, blockSize));
+            std::string error;
+            auto result = protocol::decodeResultFrame(frame.bytes, error);
+            EXPECT_TRUE(result) << error;
+            if (!result || result->rows.empty()) return rows;
+            EXPECT_EQ(result->rows.size(), frame.rows);
+            rows.insert(rows.end(), result->rows.begin(), result->rows.end());
+        }
+    };
+    for (const auto& ordering : orderings()) {
+        SCOPED_TRACE(ordering.table + " / " + ordering.filter + " / " + ordering.sort);
+        std::string uri = "content://com.tavelorix.content/" + ordering.table;
+        EXPECT_EQ(page(uri, ordering, 64), run(query(uri, {}, ordering.filter, ordering.sort)).rows);
+    }
+    // A change between two blocks is seen by the next one.
+    store->executeFrame(query(tracksUri, {"id"}, "", "", 0, 100));
+    executeSql(database, "DELETE FROM tracks WHERE id <= 150;");
+    auto frame = store->executeFrame(query(tracksUri, {"id"}, "", "", 100, 1));
+    std::string error;
+    EXPECT_EQ(protocol::decodeResultFrame(frame.bytes, error)->rows[0][0], Value(std::int64_t{251}));
+}
+
+/// Answers of a worker, as a client of it waits for them.
+class WorkerClient {
+public:
+    WorkerClient(QueryWorker& worker, const void* self) : worker(worker), self(self) {}
+
+    QueryAnswer ask(protocol::Query q)
+    {
+        std::promise<QueryAnswer> answer;
+        worker.submit(self, std::move(q), true, std::make_shared<std::atomic<bool>>(false),
+                      [&answer](QueryAnswer a) { answer.set_value(std::move(a)); });
+        return answer.get_future().get();
+    }
+
+private:
+    QueryWorker& worker;
+    const void* self;
+};
+
+TEST_F(ContentStoreTest, BlocksReadAheadAreSentOnlyWhileTheDataAreUnchanged)
+{
+    std::vector<std::unique_ptr<ContentStore>> stores;
+    stores.push_back(std::make_unique<ContentStore>(database.string(), defaultAuthority));
+    QueryWorker::ReadAhead readAhead;
+    readAhead.probe = std::make_unique<DataVersionProbe>(database.string());
+    readAhead.maxBytes = 1 << 20;
+    // One thread: another client's answer comes after the block read ahead.
+    QueryWorker worker(std::move(stores), std::chrono::milliseconds(10000), false, std::move(readAhead));
+    int pager = 0;
+    int other = 0;
+    WorkerClient client(worker, &pager);
+    WorkerClient bystander(worker, &other);
+    auto firstId = [](const QueryAnswer& answer) {
+        std::string error;
+        auto result = protocol::decodeResultFrame(answer.frame, error);
+        EXPECT_TRUE(result) << error;
+        return result ? std::make_pair(result->id, result->rows.at(0).at(0)) : std::make_pair(RequestId{}, Value());
+    };
+
+    int id = 10;
+    for (int index : {0, 100, 200}) {
+        auto q = query(tracksUri, {"id"}, "", "", index, 100);
+        q.id = ++id;
+        auto answer = client.ask(q);
+        EXPECT_EQ(answer.id, q.id);
+        EXPECT_EQ(firstId(answer), std::make_pair(RequestId(q.id), Value(std::int64_t{index + 1})));
+    }
+    bystander.ask(query(tracksUri, {"id"}, "", "", 0, 1));
+    executeSql(database, "DELETE FROM tracks WHERE id <= 10;");
+    auto q = query(tracksUri, {"id"}, "", "", 300, 100);
+    q.id = 99;
+    EXPECT_EQ(firstId(client.ask(q)), std::make_pair(RequestId(99), Value(std::int64_t{311})));
 }
 
 TEST(QueryAnswerTest, AResultTooLargeForAFrameIsRefusedWithItsReason)

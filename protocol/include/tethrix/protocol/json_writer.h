@@ -43,6 +43,10 @@ void appendJsonString(std::string& out, std::string_view text);
 /// True if `text` is valid UTF-8 throughout, and so passes through JSON as it is.
 bool isValidUtf8(std::string_view text);
 
+/// Appends `text` unquoted, each byte that starts no valid UTF-8 sequence
+/// replaced by U+FFFD, as appendJsonString repairs it.
+void appendValidUtf8(std::string& out, std::string_view text);
+
 }  // namespace tethrix::protocol
 
 #endif

@@ -15,7 +15,7 @@ namespace tethrix::protocol {
 
 /// Raised whenever a message changes shape; peers of different versions
 /// refuse each other at the handshake instead of misreading each other.
-constexpr int protocolVersion = 1;
+constexpr int protocolVersion = 2;
 
 /// The WebSocket path of the service; every other path is a file.
 constexpr const char* webSocketPath = "/tethrix";
@@ -44,6 +44,9 @@ struct Hello {
     int version = protocolVersion;
     std::string software;      ///< free text naming the sender; may be empty
     std::string filesBaseUrl;  ///< service only: base of relative file URLs; may be empty
+    /// "binary": the client asks for results as binary frames (result_frame.h);
+    /// the service repeats it when it will send them. Empty: JSON results.
+    std::string resultFormat;
 };
 
 struct Query {
