@@ -28,9 +28,15 @@ protocol::Query query(protocol::RequestId id, const std::string& uri, std::vecto
 
 /// Keeps the query worker busy for a while: a scan of 400,000 rows with two
 /// LIKE patterns and a sort of what matches.
+/// A scan that matches nothing and takes far longer than a frame's way
+/// through a loaded machine, so that a cancel always finds it running.
 protocol::Query slowQuery(protocol::RequestId id)
 {
-    return query(id, bigUri, {"id"}, "word LIKE '%zz%' OR word LIKE '%yy%' OR word LIKE '%xx%'", "n DESC, word", 0, 1);
+    std::string filter = "word LIKE '%zz%'";
+    for (const char* letters : {"yy", "xx", "vv", "uu", "tt", "ss", "rr", "qq", "pp", "oo", "nn", "mm", "ll", "kk"}) {
+        filter += std::string(" OR word LIKE '%") + letters + "%'";
+    }
+    return query(id, bigUri, {"id"}, filter, "n DESC, word", 0, 1);
 }
 
 class ServiceEndToEndTest : public ::testing::Test {
@@ -101,9 +107,9 @@ TEST_F(ServiceEndToEndTest, CancelDropsAWaitingAnswerAndFreesTheWorkerOfARunning
     client.send(query(2, tracksUri, {"id"}, "", "", 0, 1));  // waits behind it
     client.send(protocol::Cancel{2});
     client.send(protocol::Cancel{999});                       // unknown: nothing happens
+    client.send(protocol::Cancel{1});
     client.send(query(3, tracksUri, {"id"}, "", "", 5, 1));
-    // Answers come in order; had query 2 been answered, it would be here.
-    EXPECT_EQ(client.receiveAs<protocol::Result>().id, 1u);
+    // Answers come in order; had query 1 or 2 been answered, it would be here.
     EXPECT_EQ(client.receiveAs<protocol::Result>().id, 3u);
 
     client.send(slowQuery(1));
