@@ -45,7 +45,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-const char* const USAGE = R"(usage: soak --service-program PATH --db FILE --runtime FILE [options]
+const char* const usageText = R"(usage: soak --service-program PATH --db FILE --runtime FILE [options]
 
 Runs one data source through service restarts, master-detail key changes and
 reloads against tethrix-service, and checks what it shows after each.
@@ -64,7 +64,7 @@ reloads against tethrix-service, and checks what it shows after each.
   --help                  this text
 )";
 
-const char* const DECLARATION = R"(<sources>
+const char* const declarationXml = R"(<sources>
   <lines uri="com.tavelorix.content/lines" type="list" sort="id"><field name="label" type="string"/></lines>
   <dynamic_source uri="com.tavelorix.content/albums" name="albums"><field name="title" type="string"/></dynamic_source>
   <soak uri="servicedata://soak"><string name="recent" dynamic_source="albums" lookup_column="id"/></soak>
@@ -83,7 +83,7 @@ struct Options {
 };
 
 /// Nothing that works takes this long; only a fault does.
-const milliseconds LONGEST_WAIT(20000);
+const milliseconds longestWait(20000);
 
 std::uint64_t residentKiB() {
     std::ifstream status("/proc/self/status");
@@ -167,9 +167,9 @@ public:
     explicit Soak(const Options& options)
         : options(options), random(options.seed), service(std::make_unique<Service>(options, 0)) {
         zarvo::host::SourceOptions source;
-        source.declaration = DECLARATION;
+        source.declaration = declarationXml;
         source.serviceUrl = "127.0.0.1:" + std::to_string(service->port());
-        source.wait = LONGEST_WAIT;
+        source.wait = longestWait;
         session = std::make_unique<zarvo::host::HostSession>(source);
         session->settle();
     }
@@ -250,7 +250,7 @@ private:
                 if (restarts == std::max(options.restarts / 10, 1u)) {
                     afterFirstRound();
                 }
-            } else if (!session->loop().runUntil([&] { return windowRight(view); }, LONGEST_WAIT)) {
+            } else if (!session->loop().runUntil([&] { return windowRight(view); }, longestWait)) {
                 return fail("rows " + std::to_string(first) + " to " + std::to_string(first + window) +
                             " did not fill while the service ran");
             }
@@ -259,7 +259,7 @@ private:
             }
             // As a screen scrolls: only as far as the list knows rows, and at
             // its end it waits for the list to grow by its read-ahead.
-            if (!session->loop().runUntil([&] { return view.list().itemCount() > first + window; }, LONGEST_WAIT)) {
+            if (!session->loop().runUntil([&] { return view.list().itemCount() > first + window; }, longestWait)) {
                 return fail("the list stopped growing at " + std::to_string(view.list().itemCount()) +
                             " rows, short of " + std::to_string(options.rows));
             }
@@ -280,7 +280,7 @@ private:
         service = std::make_unique<Service>(options, port);
         const auto back = Clock::now();
         ++restarts;
-        if (!session->loop().runUntil([&] { return connected() && windowRight(view); }, LONGEST_WAIT)) {
+        if (!session->loop().runUntil([&] { return connected() && windowRight(view); }, longestWait)) {
             return fail("after restart " + std::to_string(restarts) + (connected() ? "" : " the flag stayed false and") +
                         " rows " + std::to_string(view.first()) + " to " + std::to_string(view.first() + view.size()) +
                         " did not fill with their labels");
@@ -313,7 +313,7 @@ private:
                 }
                 return true;
             };
-            if (!session->loop().runUntil(right, LONGEST_WAIT)) {
+            if (!session->loop().runUntil(right, longestWait)) {
                 return fail("after key change " + std::to_string(keyChanges + 1) + " the list did not show albums " +
                             request.text);
             }
@@ -332,7 +332,7 @@ private:
                         view.moveTo(0, 20);
                         return windowRight(view);
                     },
-                    LONGEST_WAIT)) {
+                    longestWait)) {
                 return fail("after reload " + std::to_string(reloads + 1) + " the first rows did not fill");
             }
         }
@@ -354,7 +354,7 @@ Options parse(int argc, char** argv) {
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
         if (argument == "--help") {
-            std::cout << USAGE;
+            std::cout << usageText;
             std::exit(0);
         }
         if (i + 1 >= argc) {

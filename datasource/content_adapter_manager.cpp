@@ -14,7 +14,7 @@ namespace zarvo {
 
 namespace {
 
-const char* const CONTENT_SERVICE_NAME = "Content";
+const char* const contentServiceName = "Content";
 
 std::shared_ptr<AbstractServiceClient> createContentServiceClient(Client* client, const std::string& name) {
     return ContentServiceClient::create(client, name);
@@ -91,7 +91,7 @@ static std::shared_ptr<ContentLoader> makeLoader(const std::shared_ptr<Context>&
 
 void ContentAdapterManager::startAllAdapters() {
     std::shared_ptr<ContentServiceClient> service = std::dynamic_pointer_cast<ContentServiceClient>(
-        context->acquireService(CONTENT_SERVICE_NAME, &createContentServiceClient));
+        context->acquireService(contentServiceName, &createContentServiceClient));
     service.reset();  // the context keeps the service alive from here on
 
     for (const auto& adapter : adapters) {
@@ -100,7 +100,7 @@ void ContentAdapterManager::startAllAdapters() {
 }
 
 void ContentAdapterManager::stopAllAdapters() {
-    context->releaseService(CONTENT_SERVICE_NAME);
+    context->releaseService(contentServiceName);
     for (const auto& adapter : adapters) {
         adapter->stop();
     }

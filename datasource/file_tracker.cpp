@@ -8,7 +8,7 @@ namespace zarvo {
 
 namespace {
 
-const std::chrono::milliseconds POLL_INTERVAL(1000);
+const std::chrono::milliseconds pollInterval(1000);
 
 }  // namespace
 
@@ -24,7 +24,7 @@ void FileTracker::start(string_view newFileName, std::function<void(string_view)
     callback = std::move(newCallback);
     lastModificationTime = getFileModificationTime();
     // The repeating mode: onTimer never re-arms the timer.
-    timerToken = addTimerHandler(messageDispatcher, POLL_INTERVAL, ZvuTimerMessageModeRepeat,
+    timerToken = addTimerHandler(messageDispatcher, pollInterval, ZvuTimerMessageModeRepeat,
                                  [this](const TimerMessageArguments& arguments) { onTimer(arguments); });
 }
 

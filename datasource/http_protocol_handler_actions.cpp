@@ -36,7 +36,7 @@ struct ProtocolHandlerEntry {
     ResourceManager::ProtocolHandler handler;
 };
 
-const ProtocolHandlerEntry PROTOCOL_HANDLERS[] = {
+const ProtocolHandlerEntry protocolHandlers[] = {
     {"http", &ImageFileLoader},
     {"https", &ImageFileLoader},
 };
@@ -52,7 +52,7 @@ void registerSupportedProtocols(Domain* domain) {
         return;
     }
     Context::instance(*domain, nullptr)->setContextValue(1, 1);
-    for (const ProtocolHandlerEntry& entry : PROTOCOL_HANDLERS) {
+    for (const ProtocolHandlerEntry& entry : protocolHandlers) {
         // A handler that is there already, ours or another's, wins.
         if (resourceManager->supportsProtocolHandler(entry.name)) {
             continue;

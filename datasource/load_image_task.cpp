@@ -12,7 +12,7 @@ namespace zarvo {
 
 namespace {
 
-const char* const LOG_CATEGORY = "tethrix";
+const char* const logCategory = "tethrix";
 
 /// libcurl's write callback: appends the received bytes to the stream.
 /// Returning less than was given makes libcurl abort the transfer.
@@ -30,7 +30,7 @@ unsigned long writeDataBuffer(void* data, unsigned long size, unsigned long coun
     // refused, which ends the transfer.
     const std::streamoff held = out->tellp();
     if (held >= 0 && static_cast<unsigned long>(held) + length > maxImageBodyBytes) {
-        ZARVO_LOG_ERROR(LOG_CATEGORY, "Image transfer refused: its body passed {} bytes", maxImageBodyBytes);
+        ZARVO_LOG_ERROR(logCategory, "Image transfer refused: its body passed {} bytes", maxImageBodyBytes);
         return 0;
     }
     out->write(static_cast<const char*>(data), static_cast<std::streamsize>(length));
@@ -81,7 +81,7 @@ void LoadImageTask::loadFunction(const ResourceLoaderThreadContext*) {
         curl_easy_setopt(curl.get(), CURLOPT_SSL_VERIFYHOST, 0L);
     } else {
         // libcurl may still know the scheme; it decides.
-        ZARVO_LOG_WARNING(LOG_CATEGORY, "Unsupported protocol for file request: {}", requestUrl);
+        ZARVO_LOG_WARNING(logCategory, "Unsupported protocol for file request: {}", requestUrl);
     }
 
     const CURLcode result = curl_easy_perform(curl.get());
@@ -95,7 +95,7 @@ void LoadImageTask::loadFunction(const ResourceLoaderThreadContext*) {
 
 void LoadImageTask::finishFunction(const ResourceLoaderThreadContext*) {
     if (transferResult != CURLE_OK) {
-        ZARVO_LOG_WARNING(LOG_CATEGORY, "Failed to load file: {}", url);
+        ZARVO_LOG_WARNING(logCategory, "Failed to load file: {}", url);
         return;
     }
     const std::string data = dataStream.str();
@@ -116,11 +116,11 @@ void LoadImageTask::finishFunction(const ResourceLoaderThreadContext*) {
                 image = imageLoadJPEG(stream.get(), "");
                 break;
             case ImageType::Unsupported:
-                ZARVO_LOG_ERROR(LOG_CATEGORY, "Loading image \"{}\" failed due to unsupported image type", url);
+                ZARVO_LOG_ERROR(logCategory, "Loading image \"{}\" failed due to unsupported image type", url);
                 break;
         }
     } catch (const std::runtime_error& error) {
-        ZARVO_LOG_ERROR(LOG_CATEGORY, "Error while trying to read {}, reason: {}", url, error.what());
+        ZARVO_LOG_ERROR(logCategory, "Error while trying to read {}, reason: {}", url, error.what());
         image.reset();
     }
 }
@@ -130,7 +130,7 @@ std::shared_ptr<Resource> LoadImageTask::getResult() {
         return texture;
     }
     if (!image) {
-        ZARVO_LOG_ERROR(LOG_CATEGORY, "failed to create image {} from stream.", url);
+        ZARVO_LOG_ERROR(logCategory, "failed to create image {} from stream.", url);
         return texture;
     }
     // Here, not on the loader thread: this is the stage allowed to make
@@ -144,12 +144,12 @@ std::shared_ptr<Resource> LoadImageTask::getResult() {
 }
 
 bool LoadImageTask::isPngImage(const std::string& data) {
-    static const unsigned char SIGNATURE[8] = {0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A};
-    if (data.size() < sizeof SIGNATURE) {
+    static const unsigned char signature[8] = {0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A};
+    if (data.size() < sizeof signature) {
         return false;
     }
-    for (std::size_t i = 0; i < sizeof SIGNATURE; ++i) {
-        if (static_cast<unsigned char>(data[i]) != SIGNATURE[i]) {
+    for (std::size_t i = 0; i < sizeof signature; ++i) {
+        if (static_cast<unsigned char>(data[i]) != signature[i]) {
             return false;
         }
     }

@@ -20,8 +20,8 @@ using tinyxml2::XMLError;
 // Override targets are written short; this makes them a configuration's uri.
 const std::string URI_PREFIX_FOR_SHORT_REFERENCES = "content://com.tavelorix.content/";
 
-const std::string CONTENT_SCHEME = "content://";
-const std::string RUNTIME_SCHEME = "servicedata://";
+const std::string contentScheme = "content://";
+const std::string runtimeScheme = "servicedata://";
 
 bool startsWith(const std::string& text, const std::string& prefix) {
     return text.compare(0, prefix.size(), prefix) == 0;
@@ -160,7 +160,7 @@ void XmlConfigurationReader::loadSourceDescription(const XMLElement* element, Co
     if (uri == nullptr) {
         return;
     }
-    if (startsWith(uri, RUNTIME_SCHEME)) {
+    if (startsWith(uri, runtimeScheme)) {
         const auto runtime = loadRuntimeConfiguration(element, std::string());
         if (runtime) {
             appendConfig(*runtime, configs);
@@ -178,8 +178,8 @@ std::shared_ptr<ContentAdapterConfiguration> XmlConfigurationReader::loadConfigu
 
     // Short and full form name the same source: both end up with the scheme.
     config->uri = requiredAttribute(element, "uri");
-    if (!startsWith(config->uri, CONTENT_SCHEME)) {
-        config->uri = CONTENT_SCHEME + config->uri;
+    if (!startsWith(config->uri, contentScheme)) {
+        config->uri = contentScheme + config->uri;
     }
 
     const char* name = element->Attribute("name");
@@ -244,7 +244,7 @@ boost::optional<std::shared_ptr<ContentAdapterConfiguration>> XmlConfigurationRe
         config->uri = uri;  // as it stands: no scheme is added
     }
     if (!service.empty()) {
-        config->uri = RUNTIME_SCHEME + service;
+        config->uri = runtimeScheme + service;
     }
 
     std::shared_ptr<RuntimeDataObject> built = RuntimeDataBuilder::build(element);

@@ -18,12 +18,12 @@
 namespace zarvo::host {
 
 /// Lists one browser may view at once; a window for another list is ignored.
-constexpr std::size_t MAX_VIEWS_PER_BROWSER = 32;
+constexpr std::size_t maxViewsPerBrowser = 32;
 /// Rows one view shows at most; a larger window is cut to this.
-constexpr std::uint32_t MAX_WINDOW_ROWS = 200;
+constexpr std::uint32_t maxWindowRows = 200;
 /// Bytes sent to a browser and not yet written to its socket; past this the
 /// browser is too slow and is dropped.
-constexpr std::size_t MAX_BROWSER_BACKLOG_BYTES = 8 * 1024 * 1024;
+constexpr std::size_t maxBrowserBacklogBytes = 8 * 1024 * 1024;
 
 /// The rows of a list a page shows. `count` 0 ends the view.
 struct ListWindow {
@@ -44,7 +44,7 @@ public:
     // The server's side.
     void requestWindow(std::uint32_t list, const ListWindow& window) {
         std::lock_guard<std::mutex> lock(mutex);
-        if (windows.size() < MAX_VIEWS_PER_BROWSER || windows.count(list) != 0) {
+        if (windows.size() < maxViewsPerBrowser || windows.count(list) != 0) {
             windows[list] = window;
         }
     }
@@ -64,9 +64,9 @@ public:
         if (closed) {
             return false;
         }
-        if (backlog + message.size() > MAX_BROWSER_BACKLOG_BYTES) {
+        if (backlog + message.size() > maxBrowserBacklogBytes) {
             closed = true;
-            closeConnection("the browser did not keep up: over " + std::to_string(MAX_BROWSER_BACKLOG_BYTES) +
+            closeConnection("the browser did not keep up: over " + std::to_string(maxBrowserBacklogBytes) +
                             " bytes waited to be sent");
             return false;
         }

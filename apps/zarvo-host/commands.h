@@ -20,7 +20,7 @@ struct Command {
 const std::vector<Command>& commands();
 
 /// The options that every command running a data source takes, for help texts.
-extern const char* const SOURCE_OPTIONS_HELP;
+extern const char* const sourceOptionsHelp;
 
 /// Throws a UsageError if the command got anything it does not take.
 void expectNoMoreArguments(const CommandLine& line);

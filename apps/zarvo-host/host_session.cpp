@@ -11,7 +11,7 @@ namespace zarvo::host {
 
 namespace {
 
-const char* const DATA_SOURCE_TYPE = "ZarvoTethrixDataSource";
+const char* const dataSourceType = "ZarvoTethrixDataSource";
 
 }  // namespace
 
@@ -19,9 +19,9 @@ HostSession::HostSession(const SourceOptions& options) : sourceOptions(options) 
     engine = std::make_unique<EngineHost>(options.pluginPath, options.serviceUrl);
 
     dataSource = std::dynamic_pointer_cast<DataSource>(
-        engine->factory().create(DATA_SOURCE_TYPE, &engine->domain(), options.name));
+        engine->factory().create(dataSourceType, &engine->domain(), options.name));
     if (!dataSource) {
-        throw std::runtime_error(std::string("the plug-in's ") + DATA_SOURCE_TYPE + " is no data source");
+        throw std::runtime_error(std::string("the plug-in's ") + dataSourceType + " is no data source");
     }
     setStringProperty("ZarvoTethrixDataSource.XmlFileName", options.configFile);
     setStringProperty("ZarvoTethrixDataSource.XmlDeclaration", options.declaration);
@@ -52,7 +52,7 @@ void HostSession::settle(const std::function<void()>& watch) {
     if (sourceOptions.serviceUrl.empty()) {
         return;
     }
-    const auto limit = sourceOptions.wait.value_or(DEFAULT_SETTLE_LIMIT);
+    const auto limit = sourceOptions.wait.value_or(defaultSettleLimit);
     switch (waitUntilSettled(domain(), limit, watch)) {
     case SettleOutcome::Settled:
         return;

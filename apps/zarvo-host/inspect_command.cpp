@@ -25,7 +25,7 @@ volatile std::sig_atomic_t stopRequested = 0;
 extern "C" void onStopSignal(int) { stopRequested = 1; }
 
 // A signal cannot wake the loop safely; a timer this often lets it look.
-const std::chrono::milliseconds SIGNAL_POLL_INTERVAL(50);
+const std::chrono::milliseconds signalPollInterval(50);
 
 InspectorServerOptions parseInspectOptions(const CommandLine& line) {
     InspectorServerOptions options;
@@ -98,7 +98,7 @@ int runInspect(const CommandLine& line) {
         InspectorServer server(serverOptions, session.loop(), inspector);
         std::cout << "inspector at " << server.url() << std::endl;
         const std::shared_ptr<void> poll =
-            session.loop().addTimer(SIGNAL_POLL_INTERVAL, ZvuTimerMessageModeRepeat, [](const auto&) {});
+            session.loop().addTimer(signalPollInterval, ZvuTimerMessageModeRepeat, [](const auto&) {});
         session.loop().runUntil([]() { return stopRequested != 0; }, std::chrono::milliseconds::max());
         session.loop().removeTimer(poll);
     }

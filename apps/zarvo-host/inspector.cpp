@@ -113,7 +113,7 @@ void Inspector::addNode(const std::shared_ptr<DataObject>& object, std::uint32_t
     if (!object) {
         return;
     }
-    if (nodes.size() >= MAX_TREE_OBJECTS) {
+    if (nodes.size() >= maxTreeObjects) {
         treeCut = true;
         return;
     }
@@ -188,7 +188,7 @@ void Inspector::onQuery(const QueryEvent& event) {
     if (event.kind == QueryEvent::Kind::Sent) {
         ++queries.sent;
         queries.recent.push_back(QueryNote{event.queryId, event.index, event.count, "sent"});
-        if (queries.recent.size() > RECENT_QUERIES_PER_LIST) {
+        if (queries.recent.size() > recentQueriesPerList) {
             queries.recent.pop_front();
         }
         return;
@@ -198,7 +198,7 @@ void Inspector::onQuery(const QueryEvent& event) {
     if (event.kind == QueryEvent::Kind::Answered) {
         ++queries.answered;
         queries.lastRoundTripMs = milliseconds;
-        if (queries.blocks.size() < MAX_COUNTED_BLOCKS) {
+        if (queries.blocks.size() < maxCountedBlocks) {
             queries.blocks.insert(event.index);
         }
         char text[64];
@@ -223,7 +223,7 @@ void Inspector::addBrowser(std::shared_ptr<BrowserChannel> channel) {
     browsers.push_back(std::move(browser));
     if (!frameTimer) {
         std::weak_ptr<Inspector*> weak = self;
-        frameTimer = domain.getMessageDispatcher()->addTimer(FRAME_INTERVAL, ZvuTimerMessageModeRepeat,
+        frameTimer = domain.getMessageDispatcher()->addTimer(frameInterval, ZvuTimerMessageModeRepeat,
                                                              [weak](const TimerMessageArguments&) {
                                                                  if (const auto alive = weak.lock()) {
                                                                      (*alive)->frame();
@@ -583,7 +583,7 @@ void Inspector::noteImageUrl(const std::string& value) {
     if (!isImageUrl(value)) {
         return;
     }
-    if (knownImageUrls.size() >= MAX_KNOWN_IMAGE_URLS && knownImageUrls.count(value) == 0) {
+    if (knownImageUrls.size() >= maxKnownImageUrls && knownImageUrls.count(value) == 0) {
         knownImageUrls.clear();
     }
     knownImageUrls.insert(value);

@@ -31,15 +31,15 @@ class JsonWriter;
 namespace zarvo::host {
 
 /// Objects of the tree shown; the rest is left out, and the page says so.
-constexpr std::size_t MAX_TREE_OBJECTS = 5000;
+constexpr std::size_t maxTreeObjects = 5000;
 /// Image URLs the page may ask for: those it was shown, the latest kept.
-constexpr std::size_t MAX_KNOWN_IMAGE_URLS = 4096;
+constexpr std::size_t maxKnownImageUrls = 4096;
 /// Distinct blocks of one list counted as fetched.
-constexpr std::size_t MAX_COUNTED_BLOCKS = 5000;
+constexpr std::size_t maxCountedBlocks = 5000;
 /// Queries of a list the panel shows.
-constexpr std::size_t RECENT_QUERIES_PER_LIST = 8;
+constexpr std::size_t recentQueriesPerList = 8;
 /// How often pages are sent what changed.
-constexpr std::chrono::milliseconds FRAME_INTERVAL(50);
+constexpr std::chrono::milliseconds frameInterval(50);
 
 struct InspectorOptions {
     std::string sourceName;
@@ -67,7 +67,7 @@ public:
                    std::function<void(std::shared_ptr<TexturePixels>, std::string)> reply) override;
     std::string snapshotFileName() const override;
 
-    /// Runs one frame now; the timer does it every FRAME_INTERVAL.
+    /// Runs one frame now; the timer does it every frameInterval.
     void frame();
 
 private:

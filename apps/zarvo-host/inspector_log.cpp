@@ -18,13 +18,13 @@ void InspectorLog::writeOverride(LogLevel level, string_view levelName, string_v
                          std::string(category.data(), category.size()),
                          std::string(file.data(), file.size()),
                          line,
-                         std::string(message.data(), std::min(message.size(), MAX_LOG_MESSAGE_BYTES))};
-    if (message.size() > MAX_LOG_MESSAGE_BYTES) {
+                         std::string(message.data(), std::min(message.size(), maxLogMessageBytes))};
+    if (message.size() > maxLogMessageBytes) {
         record.message += " [cut]";
     }
     std::lock_guard<std::mutex> lock(mutex);
     record.sequence = nextSequence++;
-    if (records.size() >= MAX_KEPT_LOG_RECORDS) {
+    if (records.size() >= maxKeptLogRecords) {
         records.pop_front();
     }
     records.push_back(std::move(record));

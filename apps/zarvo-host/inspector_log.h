@@ -15,9 +15,9 @@
 namespace zarvo::host {
 
 /// Records kept for the page; older ones are dropped.
-constexpr std::size_t MAX_KEPT_LOG_RECORDS = 2000;
+constexpr std::size_t maxKeptLogRecords = 2000;
 /// Longest message kept, in bytes; a longer one is cut and marked.
-constexpr std::size_t MAX_LOG_MESSAGE_BYTES = 2000;
+constexpr std::size_t maxLogMessageBytes = 2000;
 
 struct KeptLogRecord {
     std::uint64_t sequence;

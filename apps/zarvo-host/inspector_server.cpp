@@ -35,15 +35,15 @@ namespace {
 
 /// An HTTP client idle this long is dropped; browsers have the WebSocket's
 /// own keep-alive.
-constexpr std::chrono::seconds HTTP_IDLE_TIMEOUT{30};
+constexpr std::chrono::seconds httpIdleTimeout{30};
 /// The header of a request, in bytes; the page's requests carry no body.
-constexpr std::uint32_t MAX_REQUEST_HEADER_BYTES = 16 * 1024;
+constexpr std::uint32_t maxRequestHeaderBytes = 16 * 1024;
 /// A message from the page: a window of one list.
-constexpr std::size_t MAX_BROWSER_MESSAGE_BYTES = 1024;
+constexpr std::size_t maxBrowserMessageBytes = 1024;
 /// A page file larger than this is not served.
-constexpr std::uintmax_t MAX_PAGE_FILE_BYTES = 4 * 1024 * 1024;
+constexpr std::uintmax_t maxPageFileBytes = 4 * 1024 * 1024;
 
-const char* const WEBSOCKET_PATH = "/ws";
+const char* const websocketPath = "/ws";
 
 struct PageFile {
     const char* path;
@@ -51,7 +51,7 @@ struct PageFile {
     const char* type;
 };
 
-const PageFile PAGE_FILES[] = {
+const PageFile pageFiles[] = {
     {"/", "index.html", "text/html; charset=utf-8"},
     {"/index.html", "index.html", "text/html; charset=utf-8"},
     {"/inspector.css", "inspector.css", "text/css; charset=utf-8"},
@@ -175,7 +175,7 @@ public:
 
     void run(http::request<http::empty_body> request) {
         socket.set_option(websocket::stream_base::timeout::suggested(beast::role_type::server));
-        socket.read_message_max(MAX_BROWSER_MESSAGE_BYTES);
+        socket.read_message_max(maxBrowserMessageBytes);
         socket.async_accept(request, beast::bind_front_handler(&BrowserConnection::onAccept, shared_from_this()));
     }
 
@@ -241,7 +241,7 @@ private:
             return;
         }
         window.jump = verb == "jump";
-        window.count = std::min(window.count, MAX_WINDOW_ROWS);
+        window.count = std::min(window.count, maxWindowRows);
         channel->requestWindow(list, window);
     }
 
@@ -331,8 +331,8 @@ private:
 
     void readRequest() {
         parser.emplace();
-        parser->header_limit(MAX_REQUEST_HEADER_BYTES);
-        stream.expires_after(HTTP_IDLE_TIMEOUT);
+        parser->header_limit(maxRequestHeaderBytes);
+        stream.expires_after(httpIdleTimeout);
         http::async_read(stream, buffer, *parser,
                          beast::bind_front_handler(&HttpConnection::onRead, shared_from_this()));
     }
@@ -345,12 +345,12 @@ private:
         const beast::string_view target = request.target();
         const beast::string_view path = target.substr(0, target.find('?'));
         if (websocket::is_upgrade(request)) {
-            if (path != WEBSOCKET_PATH) {
+            if (path != websocketPath) {
                 return respond(text(http::status::not_found, "no WebSocket here; the page's is /ws\n"));
             }
-            if (shared.browserCount >= MAX_INSPECTOR_BROWSERS) {
+            if (shared.browserCount >= maxInspectorBrowsers) {
                 return respond(text(http::status::service_unavailable,
-                                    "already " + std::to_string(MAX_INSPECTOR_BROWSERS) + " browsers watch\n"));
+                                    "already " + std::to_string(maxInspectorBrowsers) + " browsers watch\n"));
             }
             stream.expires_never();
             auto browser = std::make_shared<BrowserConnection>(std::move(stream), shared);
@@ -361,7 +361,7 @@ private:
         if (request.method() != http::verb::get && request.method() != http::verb::head) {
             return respond(text(http::status::method_not_allowed, "the inspector is read-only\n"));
         }
-        for (const PageFile& file : PAGE_FILES) {
+        for (const PageFile& file : pageFiles) {
             if (path == file.path) {
                 return servePageFile(file);
             }
@@ -414,9 +414,9 @@ private:
     /// Runs `work` on the loop; the response its reply makes is made and
     /// sent back here.
     void askLoop(std::function<void(InspectorBackend&, Reply)> work) {
-        if (shared.loopRequests >= MAX_LOOP_REQUESTS) {
+        if (shared.loopRequests >= maxLoopRequests) {
             return respond(text(http::status::service_unavailable,
-                                "already " + std::to_string(MAX_LOOP_REQUESTS) + " requests wait for the data source\n"));
+                                "already " + std::to_string(maxLoopRequests) + " requests wait for the data source\n"));
         }
         ++shared.loopRequests;
         stream.expires_never();
@@ -444,7 +444,7 @@ private:
         const std::string path = shared.options.pageDirectory + "/" + file.file;
         std::ifstream in(path, std::ios::binary);
         std::ostringstream content;
-        if (!in || !(content << in.rdbuf()) || content.tellp() > static_cast<std::streamoff>(MAX_PAGE_FILE_BYTES)) {
+        if (!in || !(content << in.rdbuf()) || content.tellp() > static_cast<std::streamoff>(maxPageFileBytes)) {
             return respond(text(http::status::internal_server_error, "cannot read the page file " + path + "\n"));
         }
         Response response{http::status::ok, 11};
@@ -470,7 +470,7 @@ private:
             response.body().clear();
         }
         auto message = std::make_shared<Response>(std::move(response));
-        stream.expires_after(HTTP_IDLE_TIMEOUT);
+        stream.expires_after(httpIdleTimeout);
         http::async_write(stream, *message,
                           [self = shared_from_this(), message](beast::error_code error, std::size_t) {
                               if (error || !message->keep_alive()) {
@@ -496,7 +496,7 @@ void InspectorServer::Shared::accept() {
             return;
         }
         if (!error) {
-            if (connectionCount >= MAX_INSPECTOR_CONNECTIONS) {
+            if (connectionCount >= maxInspectorConnections) {
                 beast::error_code ignored;
                 socket.close(ignored);
             } else {
@@ -581,7 +581,7 @@ void flushNothing(png_structp) {}
 }  // namespace
 
 std::string encodePng(const TexturePixels& texture) {
-    static const int COLOUR_TYPES[] = {0, PNG_COLOR_TYPE_GRAY, PNG_COLOR_TYPE_GRAY_ALPHA, PNG_COLOR_TYPE_RGB,
+    static const int colourTypes[] = {0, PNG_COLOR_TYPE_GRAY, PNG_COLOR_TYPE_GRAY_ALPHA, PNG_COLOR_TYPE_RGB,
                                        PNG_COLOR_TYPE_RGB_ALPHA};
     const auto channels = static_cast<std::size_t>(texture.channels);
     const std::size_t rowBytes = texture.width * channels;
@@ -606,7 +606,7 @@ std::string encodePng(const TexturePixels& texture) {
         throw std::runtime_error("the PNG encoder failed");
     }
     png_set_write_fn(png, &out, &appendToString, &flushNothing);
-    png_set_IHDR(png, info, texture.width, texture.height, 8, COLOUR_TYPES[channels], PNG_INTERLACE_NONE,
+    png_set_IHDR(png, info, texture.width, texture.height, 8, colourTypes[channels], PNG_INTERLACE_NONE,
                  PNG_COMPRESSION_TYPE_DEFAULT, PNG_FILTER_TYPE_DEFAULT);
     png_write_info(png, info);
     for (std::uint32_t row = 0; row < texture.height; ++row) {

@@ -19,12 +19,12 @@
 namespace zarvo::host {
 
 /// Connections open at once, HTTP and WebSocket; one more is closed at once.
-constexpr std::size_t MAX_INSPECTOR_CONNECTIONS = 64;
+constexpr std::size_t maxInspectorConnections = 64;
 /// Browsers watching at once; one more is refused with 503.
-constexpr std::size_t MAX_INSPECTOR_BROWSERS = 16;
+constexpr std::size_t maxInspectorBrowsers = 16;
 /// Requests waiting for the loop at once (snapshots, images); one more is
 /// answered 503.
-constexpr std::size_t MAX_LOOP_REQUESTS = 8;
+constexpr std::size_t maxLoopRequests = 8;
 
 /// Pixels of a texture, as copied on the loop for encoding elsewhere.
 struct TexturePixels {

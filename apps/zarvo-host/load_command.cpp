@@ -15,15 +15,15 @@ namespace zarvo::host {
 
 namespace {
 
-const std::chrono::milliseconds DEFAULT_LOAD_LIMIT(30000);
+const std::chrono::milliseconds defaultLoadLimit(30000);
 // The load's own limit counts from when a loader thread takes it up.
-const std::chrono::milliseconds LOAD_LIMIT_MARGIN(1000);
+const std::chrono::milliseconds loadLimitMargin(1000);
 
 }  // namespace
 
 int runLoad(const CommandLine& line) {
     std::string url;
-    std::chrono::milliseconds limit = DEFAULT_LOAD_LIMIT;
+    std::chrono::milliseconds limit = defaultLoadLimit;
     for (std::size_t i = 0; i < line.rest.size(); ++i) {
         if (line.rest[i] == "--timeout-ms") {
             limit = std::chrono::milliseconds(parseCount(line.rest[i], optionValue(line.rest, i)));
@@ -46,7 +46,7 @@ int runLoad(const CommandLine& line) {
     resources->setLimits(limits);
     bool finished = false;
     resources->acquireResourcesAsync(std::unordered_set<std::string>{url}, [&finished]() { finished = true; });
-    if (!engine.loop().runUntil([&finished]() { return finished; }, limit + LOAD_LIMIT_MARGIN)) {
+    if (!engine.loop().runUntil([&finished]() { return finished; }, limit + loadLimitMargin)) {
         throw std::runtime_error("loading " + url + " did not finish within " + std::to_string(limit.count()) +
                                  " ms");
     }

@@ -10,7 +10,7 @@
 
 namespace zarvo::host {
 
-const char* const SOURCE_OPTIONS_HELP =
+const char* const sourceOptionsHelp =
     "Data source options:\n"
     "  --config FILE          XML configuration file (ZarvoTethrixDataSource.XmlFileName)\n"
     "  --declaration XML|@FILE\n"
@@ -131,7 +131,7 @@ int run(int argc, char** argv) {
         throw UsageError("unknown command " + line.command + "; try zarvo-host --help");
     }
     if (line.help) {
-        std::cout << command->help << "\n" << SOURCE_OPTIONS_HELP;
+        std::cout << command->help << "\n" << sourceOptionsHelp;
         return 0;
     }
     return command->run(line);

@@ -10,10 +10,10 @@ namespace zarvo::host {
 
 namespace {
 
-const char* const LIBRARY_NAME = "libzarvo_tethrix_datasource.so";
+const char* const libraryName = "libzarvo_tethrix_datasource.so";
 // The exported static ZarvoTethrixDataSource::takeDataSnapshot(Domain*, const
 // std::string&, std::string&, std::string&), by its linker name.
-const char* const TAKE_DATA_SNAPSHOT =
+const char* const takeDataSnapshotSymbol =
     "_ZN5zarvo22ZarvoTethrixDataSource16takeDataSnapshotEPNS_6DomainERKNSt7__cxx1112basic_stringIcSt11char_"
     "traitsIcESaIcEEERS8_SB_";
 
@@ -37,13 +37,13 @@ bool exists(const std::string& path) {
 std::string PluginLibrary::defaultPath() {
     const std::string directory = programDirectory();
     // Beside the program or in the build's lib folder, then where it is installed.
-    for (const std::string& candidate : {directory + "/" + LIBRARY_NAME, directory + "/../lib/" + LIBRARY_NAME,
-                                         directory + "/../lib/zarvo/plugins/" + LIBRARY_NAME}) {
+    for (const std::string& candidate : {directory + "/" + libraryName, directory + "/../lib/" + libraryName,
+                                         directory + "/../lib/zarvo/plugins/" + libraryName}) {
         if (exists(candidate)) {
             return candidate;
         }
     }
-    return directory + "/../lib/" + LIBRARY_NAME;
+    return directory + "/../lib/" + libraryName;
 }
 
 PluginLibrary::PluginLibrary(const std::string& path) : libraryPath(path) {
@@ -67,7 +67,7 @@ PluginLibrary::PluginLibrary(const std::string& path) : libraryPath(path) {
 void PluginLibrary::takeDataSnapshot(Domain* domain, const std::string& resourceName, std::string& xmlFileName,
                                      std::string& snapshot) {
     using Snapshot = void (*)(Domain*, const std::string&, std::string&, std::string&);
-    auto entry = reinterpret_cast<Snapshot>(dlsym(handle, TAKE_DATA_SNAPSHOT));
+    auto entry = reinterpret_cast<Snapshot>(dlsym(handle, takeDataSnapshotSymbol));
     if (entry == nullptr) {
         throw std::runtime_error("plug-in " + libraryPath + " exports no takeDataSnapshot");
     }

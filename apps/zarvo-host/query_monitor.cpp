@@ -88,7 +88,7 @@ void QueryMonitor::detach() {
 void QueryMonitor::stopListening() { *listener = nullptr; }
 
 void QueryMonitor::sendQuery(std::uint64_t loaderId, std::uint64_t queryId, const ContentQueryArguments& arguments) {
-    if (open.size() >= MAX_OPEN_MONITORED_QUERIES) {
+    if (open.size() >= maxOpenMonitoredQueries) {
         open.erase(open.begin());
     }
     open[queryId] = OpenQuery{arguments.getUri(), arguments.getIndex(), arguments.getCount(), Clock::now()};

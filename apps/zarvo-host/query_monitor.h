@@ -31,7 +31,7 @@ struct QueryEvent {
 
 /// Queries sent and not yet answered that the monitor remembers; past it the
 /// oldest is forgotten, and its answer shows no round trip.
-constexpr std::size_t MAX_OPEN_MONITORED_QUERIES = 4096;
+constexpr std::size_t maxOpenMonitoredQueries = 4096;
 
 class QueryMonitor : public client::Transport {
 public:

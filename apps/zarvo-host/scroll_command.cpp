@@ -82,7 +82,7 @@ public:
     Scroller(HostSession& session, std::shared_ptr<DataObjectList> list, const ScrollOptions& options)
         : session(session),
           options(options),
-          limit(session.options().wait.value_or(DEFAULT_SETTLE_LIMIT)),
+          limit(session.options().wait.value_or(defaultSettleLimit)),
           view(list) {}
 
     /// Scrolls from row 0 until row --to is shown or the list ends, then
@@ -199,7 +199,7 @@ private:
     /// The list has stopped growing: nothing is asked of the service, the
     /// rows shown are filled and the count has not changed for a while.
     bool atEndOfList(Clock::time_point countChanged) const {
-        return view.unfilledCount() == 0 && isIdle(session.domain()) && Clock::now() - countChanged >= QUIET_TIME;
+        return view.unfilledCount() == 0 && isIdle(session.domain()) && Clock::now() - countChanged >= quietTime;
     }
 
     /// False once nothing has moved, grown or filled for the time limit: a
@@ -237,7 +237,7 @@ private:
         const std::uint64_t count = view.list().itemCount();
         std::cerr << "zarvo-host: scroll of " << options.path << " stopped at row "
                   << (count == 0 ? 0 : count - 1) << ", short of row " << *options.to << ": the list holds " << count
-                  << " rows and did not grow for " << QUIET_TIME.count()
+                  << " rows and did not grow for " << quietTime.count()
                   << " ms with nothing asked of the service" << std::endl;
     }
 

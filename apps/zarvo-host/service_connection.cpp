@@ -12,14 +12,14 @@
 
 namespace zarvo::host {
 
-const std::chrono::milliseconds DEFAULT_SETTLE_LIMIT(10000);
-const std::chrono::milliseconds QUIET_TIME(300);
+const std::chrono::milliseconds defaultSettleLimit(10000);
+const std::chrono::milliseconds quietTime(300);
 
 namespace {
 
 // The loop sleeps until work or a timer is due; this timer wakes it often
 // enough to notice a quiet time that has passed.
-const std::chrono::milliseconds POLL_INTERVAL(20);
+const std::chrono::milliseconds pollInterval(20);
 
 client::ClientCore& coreOf(Domain& domain) { return Context::instance(domain, nullptr)->getClient()->core(); }
 
@@ -50,7 +50,7 @@ SettleOutcome waitUntilSettled(Domain& domain, std::optional<std::chrono::millis
                                const std::function<void()>& watch) {
     using Clock = std::chrono::steady_clock;
     ZvuMessageDispatcher& loop = *domain.getMessageDispatcher();
-    const std::shared_ptr<void> poll = loop.addTimer(POLL_INTERVAL, ZvuTimerMessageModeRepeat, [](const auto&) {});
+    const std::shared_ptr<void> poll = loop.addTimer(pollInterval, ZvuTimerMessageModeRepeat, [](const auto&) {});
     Clock::time_point lastBusy = Clock::now();
     const bool settled = loop.runUntil(
         [&domain, &lastBusy, &watch]() {
@@ -62,9 +62,9 @@ SettleOutcome waitUntilSettled(Domain& domain, std::optional<std::chrono::millis
                 lastBusy = now;
                 return false;
             }
-            return now - lastBusy >= QUIET_TIME;
+            return now - lastBusy >= quietTime;
         },
-        limit.value_or(DEFAULT_SETTLE_LIMIT));
+        limit.value_or(defaultSettleLimit));
     loop.removeTimer(poll);
     if (settled) {
         return SettleOutcome::Settled;

@@ -14,11 +14,11 @@
 namespace zarvo::host {
 
 /// How long a source may take to settle when --wait-ms does not say.
-extern const std::chrono::milliseconds DEFAULT_SETTLE_LIMIT;
+extern const std::chrono::milliseconds defaultSettleLimit;
 /// How long nothing may be asked of the service before a source counts as
 /// settled: long enough for a result to lead to the next query (a list's
 /// read-ahead, a dynamic source's rows, a preloaded image).
-extern const std::chrono::milliseconds QUIET_TIME;
+extern const std::chrono::milliseconds quietTime;
 
 /// Points the client library of `domain` at the service at `url`
 /// ("ws://HOST:PORT[/PATH]" or "HOST:PORT"), before any data source exists.
@@ -26,14 +26,14 @@ extern const std::chrono::milliseconds QUIET_TIME;
 void connectToService(Domain& domain, const std::string& url);
 
 enum class SettleOutcome {
-    Settled,      ///< connected, and nothing open for QUIET_TIME
+    Settled,      ///< connected, and nothing open for quietTime
     Unreachable,  ///< the connection never came up within the limit
     Busy,         ///< connected, but queries or loads were still open at the limit
 };
 
 /// Runs the domain's loop until the connection is up and neither a query
-/// nor a resource load has been open for QUIET_TIME, or until `limit` (or
-/// DEFAULT_SETTLE_LIMIT) has passed. `watch`, if given, is called whenever
+/// nor a resource load has been open for quietTime, or until `limit` (or
+/// defaultSettleLimit) has passed. `watch`, if given, is called whenever
 /// the loop has run, to look at the tree as it fills.
 SettleOutcome waitUntilSettled(Domain& domain, std::optional<std::chrono::milliseconds> limit,
                                const std::function<void()>& watch = {});

@@ -19,12 +19,12 @@ volatile std::sig_atomic_t interrupted = 0;
 extern "C" void onInterrupt(int) { interrupted = 1; }
 
 // A signal cannot wake the loop safely; a timer this often lets it look.
-const std::chrono::milliseconds SIGNAL_POLL_INTERVAL(50);
-const std::uint64_t DEFAULT_ROWS_PER_LIST = 10;
+const std::chrono::milliseconds signalPollInterval(50);
+const std::uint64_t defaultRowsPerList = 10;
 
 struct WatchOptions {
     std::optional<std::chrono::milliseconds> duration;
-    std::uint64_t rowsPerList = DEFAULT_ROWS_PER_LIST;
+    std::uint64_t rowsPerList = defaultRowsPerList;
 };
 
 std::chrono::milliseconds parseSeconds(const std::string& option, const std::string& text) {
@@ -65,7 +65,7 @@ int runWatch(const CommandLine& line) {
     {
         TreeWatcher watcher(session.source(), std::cout, options.rowsPerList);
         const std::shared_ptr<void> poll =
-            session.loop().addTimer(SIGNAL_POLL_INTERVAL, ZvuTimerMessageModeRepeat, [](const auto&) {});
+            session.loop().addTimer(signalPollInterval, ZvuTimerMessageModeRepeat, [](const auto&) {});
         session.loop().runUntil([]() { return interrupted != 0; },
                                 options.duration.value_or(std::chrono::milliseconds::max()));
         session.loop().removeTimer(poll);

@@ -56,7 +56,7 @@ TEST(InspectorChannel, ABrowserPastItsBacklogIsClosedOnceAndSentNothingMore) {
     std::vector<std::string> closes;
     BrowserChannel channel([&delivered](std::string message) { delivered += message.size(); },
                            [&closes](std::string reason) { closes.push_back(reason); });
-    const std::string half(host::MAX_BROWSER_BACKLOG_BYTES / 2, 'x');
+    const std::string half(host::maxBrowserBacklogBytes / 2, 'x');
     EXPECT_TRUE(channel.send(half));
     EXPECT_TRUE(channel.send(half));
     channel.written(half.size());  // one message reached the socket
@@ -71,12 +71,12 @@ TEST(InspectorChannel, ABrowserPastItsBacklogIsClosedOnceAndSentNothingMore) {
 
 TEST(InspectorChannel, OnlyTheLatestWindowOfEachListWaitsAndListsAreBounded) {
     BrowserChannel channel([](std::string) {}, [](std::string) {});
-    for (std::uint32_t list = 0; list < host::MAX_VIEWS_PER_BROWSER + 5; ++list) {
+    for (std::uint32_t list = 0; list < host::maxViewsPerBrowser + 5; ++list) {
         channel.requestWindow(list, ListWindow{0, 10, false});
     }
     channel.requestWindow(3, ListWindow{5000, 20, true});
     const auto windows = channel.takeWindowRequests();
-    EXPECT_EQ(windows.size(), host::MAX_VIEWS_PER_BROWSER);
+    EXPECT_EQ(windows.size(), host::maxViewsPerBrowser);
     EXPECT_EQ(windows.at(3).first, 5000u);
     EXPECT_TRUE(windows.at(3).jump);
     EXPECT_TRUE(channel.takeWindowRequests().empty());

@@ -24,14 +24,14 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::StartsWith;
 
-const char* const DECLARATION =
+const char* const declarationXml =
     "<sources>"
     "<now uri=\"com.tavelorix.content/now\"><field name=\"rank\" type=\"int\"/>"
     "<field name=\"title\" type=\"string\"/></now>"
     "<tracks uri=\"com.tavelorix.content/tracks\" type=\"list\"><field name=\"title\" type=\"string\"/></tracks>"
     "</sources>";
 
-const char* const SNAPSHOT =
+const char* const expectedSnapshot =
     "<root status=\"OK\">\n"
     "    <source uri=\"content://com.tavelorix.content/now\" name=\"now\">\n"
     "        <field name=\"rank\" type=\"integer\">0</field>\n"
@@ -54,19 +54,19 @@ protected:
 };
 
 TEST_F(ZarvoHost, SnapshotIsTheDocumentAloneOnStandardOutputFromADeclarationAFileOrADeclarationFile) {
-    const std::string path = folder.write("media.xml", DECLARATION);
+    const std::string path = folder.write("media.xml", declarationXml);
     for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
-             {"--declaration", DECLARATION, "--name", "Media"}, {"--config", path}, {"--declaration", "@" + path}}) {
+             {"--declaration", declarationXml, "--name", "Media"}, {"--config", path}, {"--declaration", "@" + path}}) {
         std::vector<std::string> command = {"snapshot"};
         command.insert(command.end(), arguments.begin(), arguments.end());
         const ProgramResult result = host(command);
         EXPECT_EQ(result.status, 0) << result.err;
-        EXPECT_EQ(result.out, SNAPSHOT) << arguments.front();
+        EXPECT_EQ(result.out, expectedSnapshot) << arguments.front();
     }
 }
 
 TEST_F(ZarvoHost, TreeShowsRootAndConnectedWithTypesAndValues) {
-    const ProgramResult result = host({"tree", "--declaration", DECLARATION});
+    const ProgramResult result = host({"tree", "--declaration", declarationXml});
     EXPECT_EQ(result.status, 0) << result.err;
     EXPECT_EQ(result.out,
               "Root (object)\n"
@@ -111,7 +111,7 @@ TEST_F(ZarvoHost, EveryCommandHasHelpAndBadInputGivesOneLineAndANonZeroExit) {
 }
 
 TEST_F(ZarvoHost, ScrollOfAPathThatIsNoListSaysSo) {
-    const ProgramResult result = host({"scroll", "now", "--declaration", DECLARATION});
+    const ProgramResult result = host({"scroll", "now", "--declaration", declarationXml});
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.err, EndsWith("\nzarvo-host: no list at now in the tree of DataSource\n"));
 }
@@ -119,9 +119,9 @@ TEST_F(ZarvoHost, ScrollOfAPathThatIsNoListSaysSo) {
 TEST_F(ZarvoHost, AServiceThatCannotBeReachedIsOneLineAndTheSourceIsShownWithoutIt) {
     // Nothing listens on port 1 of the loopback.
     const ProgramResult result =
-        host({"snapshot", "--declaration", DECLARATION, "--service", "127.0.0.1:1", "--wait-ms", "200"});
+        host({"snapshot", "--declaration", declarationXml, "--service", "127.0.0.1:1", "--wait-ms", "200"});
     EXPECT_EQ(result.status, 0);
-    EXPECT_EQ(result.out, SNAPSHOT);
+    EXPECT_EQ(result.out, expectedSnapshot);
     EXPECT_THAT(result.err, HasSubstr("zarvo-host: the service at 127.0.0.1:1 could not be reached within 200 ms; "
                                       "showing what the source holds without it\n"));
 }

@@ -9,7 +9,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-const std::string STATE_LINE = "AbstractTethrixDataSource::onConnectionStateChanged(): State = ";
+const std::string stateLine = "AbstractTethrixDataSource::onConnectionStateChanged(): State = ";
 
 class ConnectedFlag : public DataSourceFixture {
 protected:
@@ -50,9 +50,9 @@ TEST_F(ConnectedFlag, FollowsConnectedAndLostWithOneNotificationPerChangeAndLogs
 
     EXPECT_TRUE(flag());
     EXPECT_THAT(recorder.events(), ElementsAre("Root.connected", "Root.connected", "Root.connected"));
-    EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre(STATE_LINE + "1", STATE_LINE + "1", STATE_LINE + "2",
-                                                          STATE_LINE + "2", STATE_LINE + "1", STATE_LINE + "7",
-                                                          STATE_LINE + "0"));
+    EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre(stateLine + "1", stateLine + "1", stateLine + "2",
+                                                          stateLine + "2", stateLine + "1", stateLine + "7",
+                                                          stateLine + "0"));
     expectContentStatistics(3, 2);
 }
 
@@ -64,7 +64,7 @@ TEST_F(ConnectedFlag, StopWhileUpLetsTheFlagFallAndAReloadReadsTheStateOnceAndNo
 
     source->unloadOverride();
     EXPECT_THAT(recorder.events(), ElementsAre("Root.connected"));
-    EXPECT_THAT(log.messages(), ElementsAre(STATE_LINE + "2"));
+    EXPECT_THAT(log.messages(), ElementsAre(stateLine + "2"));
     expectContentStatistics(1, 2);  // the service is released twice
 
     loadAndWatch();  // the connection is still up: the new tree starts live

@@ -9,7 +9,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-const char* const MEDIA = R"(
+const char* const media = R"(
 <sources>
   <tracks uri="com.tavelorix.content/tracks" type="list" block_size="50" sort="title" filter="genre=rock">
     <field name="title" type="string"/>
@@ -44,7 +44,7 @@ std::vector<std::string> describe(const std::vector<testkit::RecordedQuery>& que
 
 class SourceQueries : public DataSourceFixture {
 protected:
-    void SetUp() override { load(*makeSource(MEDIA)); }
+    void SetUp() override { load(*makeSource(media)); }
 };
 
 TEST_F(SourceQueries, EachOrdinaryAdapterSendsItsFirstQueryEachTimeTheConnectionComesUp) {

@@ -19,7 +19,7 @@ using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 using ::testing::Matcher;
 
-const char* const NOW = R"(<sources>
+const char* const nowDeclaration = R"(<sources>
   <now uri="com.tavelorix.content/now">
     <field name="title" type="string"/>
     <field name="position" type="int"/>
@@ -27,16 +27,16 @@ const char* const NOW = R"(<sources>
     <field name="playing" type="bool"/>
   </now>
 </sources>)";
-const char* const NOW_URI = "content://com.tavelorix.content/now";
+const char* const nowUri = "content://com.tavelorix.content/now";
 
-const Columns NOW_COLUMNS = {{"title", ContentDataTypeString},
+const Columns nowColumns = {{"title", ContentDataTypeString},
                              {"position", ContentDataTypeInteger},
                              {"gain", ContentDataTypeFloat},
                              {"playing", ContentDataTypeBool}};
 
 class Results : public DataSourceFixture {
 protected:
-    void answerNow(const Rows& rows, const Columns& columns = NOW_COLUMNS) { answer(NOW_URI, columns, rows); }
+    void answerNow(const Rows& rows, const Columns& columns = nowColumns) { answer(nowUri, columns, rows); }
 
     template <typename Typed>
     auto value(const std::string& field) {
@@ -45,7 +45,7 @@ protected:
 };
 
 TEST_F(Results, SingleRecordFillsItsFieldsByPositionFromItsCurrentRowAndNotifiesEachChangedValue) {
-    start(NOW);
+    start(nowDeclaration);
     answerNow({{std::string("Blue Hour"), 42, 0.5f, true}, {std::string("second"), 2, 0.0f, false}});
 
     EXPECT_EQ(value<DataObjectString>("title"), "Blue Hour");
@@ -75,14 +75,14 @@ struct BadResult {
 
 TEST_F(Results, ResultsThatDoNotFitAreRefusedOrStopWhereTheyFail) {
     const std::string warning = "warning tethrix: WARNING, Loader::onContentLoaded, result column ";
-    Columns renamed = NOW_COLUMNS;
+    Columns renamed = nowColumns;
     renamed[1].name = "pos";
     renamed[3].name = "live";
-    Columns surplus = NOW_COLUMNS;
+    Columns surplus = nowColumns;
     surplus.push_back({"extra", ContentDataTypeString});
-    Columns unknownType = NOW_COLUMNS;
+    Columns unknownType = nowColumns;
     unknownType[1].type = static_cast<ContentDataType>(9);
-    Columns otherType = NOW_COLUMNS;
+    Columns otherType = nowColumns;
     otherType[1].type = ContentDataTypeString;  // a string for an integer field
     const std::vector<BadResult> rows = {
         {"fewer columns", {{"title", ContentDataTypeString}}, {std::string("x")},
@@ -102,7 +102,7 @@ TEST_F(Results, ResultsThatDoNotFitAreRefusedOrStopWhereTheyFail) {
     };
     for (const BadResult& row : rows) {
         SCOPED_TRACE(row.label);
-        start(NOW);
+        start(nowDeclaration);
         answerNow({row.row}, row.columns);
         EXPECT_THAT(log.lines(), ElementsAreArray(row.log));
         EXPECT_EQ(recorder.take(), row.notified);
@@ -182,7 +182,7 @@ TEST_F(Results, PreloadedFieldShowsThePlaceholderUntilTheResourceIsInThenTheValu
     std::vector<std::string> shown;
     auto token = at("now.cover")->addModifiedSubscription(
         [&](DataContext& context) { shown.push_back(static_cast<DataObjectString&>(context).getValue()); });
-    answer(NOW_URI, {{"cover", ContentDataTypeString}}, {{cover}});
+    answer(nowUri, {{"cover", ContentDataTypeString}}, {{cover}});
 
     ASSERT_TRUE(host.loop().runUntil([&] { return value<DataObjectString>("cover") == cover; },
                                      std::chrono::seconds(20)));
@@ -191,7 +191,7 @@ TEST_F(Results, PreloadedFieldShowsThePlaceholderUntilTheResourceIsInThenTheValu
 
     // Once the resource is loaded, a source that gets it shows it at once.
     start(declaration);
-    answer(NOW_URI, {{"cover", ContentDataTypeString}}, {{cover}});
+    answer(nowUri, {{"cover", ContentDataTypeString}}, {{cover}});
     EXPECT_EQ(value<DataObjectString>("cover"), cover);  // no placeholder, no wait
 }
 

@@ -21,7 +21,7 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using std::chrono::milliseconds;
 
-const milliseconds TICK(1000);
+const milliseconds tick(1000);
 
 class FileTrackerTest : public ::testing::Test {
 protected:
@@ -41,7 +41,7 @@ protected:
 TEST_F(FileTrackerTest, ReportsEachChangeOfModificationTimeOnceAtTheNextSecond) {
     write(1000);
     tracker.start(file, [this](string_view name) { calls.push_back(name.to_string()); });
-    host.advance(TICK);
+    host.advance(tick);
     EXPECT_THAT(calls, IsEmpty());  // the state at start counts as seen
 
     write(2000);
@@ -49,17 +49,17 @@ TEST_F(FileTrackerTest, ReportsEachChangeOfModificationTimeOnceAtTheNextSecond) 
     EXPECT_THAT(calls, IsEmpty());
     host.advance(milliseconds(1));
     EXPECT_THAT(calls, ElementsAre(file));
-    host.advance(TICK);
+    host.advance(tick);
     write(1500);  // older is a change as well
-    host.advance(TICK);
+    host.advance(tick);
     EXPECT_EQ(calls.size(), 2u);
 
     // Disappearing and reappearing are changes.
     std::remove(file.c_str());
-    host.advance(TICK);
-    host.advance(TICK);  // still gone: time 0 both times
+    host.advance(tick);
+    host.advance(tick);  // still gone: time 0 both times
     write(1000);
-    host.advance(TICK);
+    host.advance(tick);
     EXPECT_THAT(calls, ElementsAre(file, file, file, file));
 }
 
@@ -74,8 +74,8 @@ TEST_F(FileTrackerTest, ChangeIsSeenAgainWhenTheCallbackThrows) {
     write(2000);
 
     // The loop reports what the callback let out and goes on.
-    host.advance(TICK);
-    host.advance(TICK);
+    host.advance(tick);
+    host.advance(tick);
     EXPECT_EQ(attempts, 2);
     EXPECT_EQ(log.messages(LogLevel::Error).size(), 2u);
 }

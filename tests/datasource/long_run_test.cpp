@@ -13,7 +13,7 @@ using ::testing::HasSubstr;
 /// Every kind of ring a tree can hold: a paged list, a list field of a
 /// single record, rows with dynamic-source lists, a runtime list and a
 /// runtime dynamic-source list.
-const char* const EVERY_KIND = R"(<sources>
+const char* const everyKind = R"(<sources>
   <dynamic_source uri="com.tavelorix.content/albums" name="albums"><field name="title" type="string"/></dynamic_source>
   <artists uri="com.tavelorix.content/artists" type="list" block_size="10">
     <field name="name" type="string"/>
@@ -42,7 +42,7 @@ protected:
 };
 
 TEST_F(LongRun, ReloadFreesTheWholeOldTree) {
-    start(EVERY_KIND);
+    start(everyKind);
     push(R"({"values": {"queue": [{"title": "A"}, {"title": "B"}], "recent": "1;2"}})");
     auto artists = at<DataObjectList>("artists");
     for (std::size_t row = 0; row < 30; ++row) {
@@ -71,7 +71,7 @@ TEST_F(LongRun, ReloadFreesTheWholeOldTree) {
 }
 
 TEST_F(LongRun, ChildAdaptersOfKeysDoNotGather) {
-    start(EVERY_KIND);
+    start(everyKind);
     auto recent = at<DataObjectList>("recent");
     auto queue = at<DataObjectList>("queue");
     push(R"({"values": {"queue": [{"title": "A"}]}})");

@@ -15,7 +15,7 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-const char* const PLAYER = R"(
+const char* const playerXml = R"(
 <player service="player">
   <integer name="volume" value="3"/>
   <real name="gain" value="0.5"/>
@@ -32,7 +32,7 @@ const char* const PLAYER = R"(
 using RuntimeSource = DataSourceFixture;
 
 TEST_F(RuntimeSource, MirrorsTheTreeUnderTheRootAndSubscribesInsteadOfQuerying) {
-    start(PLAYER);
+    start(playerXml);
 
     // No object for the source itself: its name plays no part.
     EXPECT_THAT(childNames(*source->getData()),
@@ -66,7 +66,7 @@ TEST_F(RuntimeSource, MirrorsTheTreeUnderTheRootAndSubscribesInsteadOfQuerying) 
 }
 
 TEST_F(RuntimeSource, UpdatesNotifyOnlyTheDataObjectsThatChange) {
-    start(PLAYER);
+    start(playerXml);
 
     push(R"({"values":{"volume":4,"gain":0.5,"title":"Cold Light","player":{"position":7,"track":{"artist":"Ben"}}}})");
     EXPECT_THAT(recorder.take(), ElementsAre("Root.volume", "Root.title", "Root.player.track.artist"));
@@ -118,7 +118,7 @@ TEST_F(RuntimeSource, AnUnknownTypeIsLeftOutAndItsSiblingsStay) {
 // ---------------------------------------------------------------------------
 // The list that mirrors a runtime list, as a list view drives it.
 
-const char* const QUEUE = R"(
+const char* const queueXml = R"(
 <player service="player">
   <list name="queue">
     <template name="track">
@@ -136,7 +136,7 @@ const char* const QUEUE = R"(
 class RuntimeList : public DataSourceFixture {
 protected:
     void SetUp() override {
-        start(QUEUE);
+        start(queueXml);
         list = at<TethrixRuntimeDataObjectList>("queue");
         runtimeList = source->getAdapters().front()->getConfig()->runtimeData->findChild("queue")
                           ->castTo<RuntimeDataObjectList>();

@@ -21,7 +21,7 @@ using Configurations = XmlConfigurationReader::Configurations;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-const std::string PREFIX = "content://com.tavelorix.content/";
+const std::string prefix = "content://com.tavelorix.content/";
 
 Configurations read(const std::string& declaration) {
     return XmlConfigurationReader().loadFromFile(nullptr, "", declaration);
@@ -193,7 +193,7 @@ TEST(XmlConfigurationReaderTest, SameUriMergesOverTheEarlierSourceGivenStringsRe
     EXPECT_EQ(tracks.fields[1].lookupColumn, "id");
     EXPECT_EQ(tracks.fields[2].name, "artist");
     EXPECT_EQ(tracks.fields[3].name, "album");
-    EXPECT_THAT(log.lines(), ElementsAre("info tethrix: Overriding configuration from XML for " + PREFIX + "tracks"));
+    EXPECT_THAT(log.lines(), ElementsAre("info tethrix: Overriding configuration from XML for " + prefix + "tracks"));
 }
 
 TEST(XmlConfigurationReaderTest, FileMergesOverDeclarationAndItsOverridesReachBothButNotTheOtherWay) {
@@ -242,7 +242,7 @@ TEST(XmlConfigurationReaderTest, OverridesPatchFieldsAndBlockSize) {
                             "info tethrix: Setting preload_url for tracks.cover to second.png",
                             "info tethrix: Set dynamic source for tracks.b.c to be albums and lookup column id",
                             "info tethrix: Setting preload_url for tracks. to blank.png",
-                            "info tethrix: Overriding block size of " + PREFIX + "tracks to 18446744073709551615"));
+                            "info tethrix: Overriding block size of " + prefix + "tracks to 18446744073709551615"));
 }
 
 TEST(XmlConfigurationReaderTest, LaterSourceResetsBlockSizeButKeepsPatchedFields) {
@@ -270,16 +270,16 @@ TEST(XmlConfigurationReaderTest, UnresolvedOverridesAreLoggedAndSkipped) {
          {"error tethrix: Badly formatted target attribute \"tracks\"",
           "error tethrix: Could not find target tracks for preload_url"}},
         {R"(<preload_url target="albums.cover" uri="p.png"/>)",
-         {unknown + PREFIX + "albums", "error tethrix: Could not find target albums.cover for preload_url"}},
+         {unknown + prefix + "albums", "error tethrix: Could not find target albums.cover for preload_url"}},
         {R"(<preload_url target=".cover" uri="p.png"/>)",
-         {unknown + PREFIX, "error tethrix: Could not find target .cover for preload_url"}},
+         {unknown + prefix, "error tethrix: Could not find target .cover for preload_url"}},
         {R"(<preload_url target="tracks.art" uri="p.png"/>)",
          {"error tethrix: Could not find target tracks.art for preload_url"}},
         {R"(<preload_url target="content://com.tavelorix.content/tracks.cover" uri="p.png"/>)",
-         {unknown + PREFIX + "content://com", "error tethrix: Could not find target "
+         {unknown + prefix + "content://com", "error tethrix: Could not find target "
                                               "content://com.tavelorix.content/tracks.cover for preload_url"}},
         {R"(<preload_url target="other.cover" uri="p.png"/>)",
-         {unknown + PREFIX + "other", "error tethrix: Could not find target other.cover for preload_url"}},
+         {unknown + prefix + "other", "error tethrix: Could not find target other.cover for preload_url"}},
         {R"(<preload_url target="tracks.cover" uri=""/>)",
          {"error tethrix: Badly formatted \"preload_url\" element found in XML overrides"}},
         {R"(<dynamic_source target="tracks" dynamic_source="d" lookup_column="id"/>)",

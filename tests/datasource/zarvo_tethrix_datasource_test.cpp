@@ -18,11 +18,11 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-const char* const ONE_SOURCE = R"(<sources>
+const char* const oneSource = R"(<sources>
   <tracks uri="com.tavelorix.content/tracks"><field name="title" type="string"/></tracks>
 </sources>)";
 
-const char* const TWO_SOURCES = R"(<sources>
+const char* const twoSources = R"(<sources>
   <tracks uri="com.tavelorix.content/tracks"><field name="title" type="string"/></tracks>
   <artists uri="com.tavelorix.content/artists" type="list" block_size="10"><field name="name" type="string"/></artists>
 </sources>)";
@@ -53,7 +53,7 @@ protected:
 };
 
 TEST_F(ConfigurationFile, ChangedFileReloadsOnTheLoopLettingTheOldFlagFallThenTellingTheSourceOnceLive) {
-    change(ONE_SOURCE);
+    change(oneSource);
     start(std::string(), path);
     std::shared_ptr<DataObject> oldRoot = source->getData();
     recorder.watch(*source, "DataSource");
@@ -66,7 +66,7 @@ TEST_F(ConfigurationFile, ChangedFileReloadsOnTheLoopLettingTheOldFlagFallThenTe
     host.advance(std::chrono::milliseconds(1000));  // nothing changed yet
     EXPECT_EQ(source->getData(), oldRoot);
 
-    change(TWO_SOURCES);
+    change(twoSources);
     EXPECT_NE(source->getData(), oldRoot);
     EXPECT_THAT(adapterNames(), ElementsAre("tracks", "artists"));
     EXPECT_THAT(recorder.events(), ElementsAre("Root.connected", "DataSource"));
@@ -84,7 +84,7 @@ TEST_F(ConfigurationFile, MissingFileIsLoggedWatchedAndReadWhenItAppearsAndTheDe
     host.advance(std::chrono::milliseconds(1000));
     EXPECT_THAT(adapterNames(), ElementsAre("now"));  // still absent: no reload
 
-    change(TWO_SOURCES);
+    change(twoSources);
     EXPECT_THAT(adapterNames(), ElementsAre("now", "tracks", "artists"));
 
     std::remove(path.c_str());
@@ -95,14 +95,14 @@ TEST_F(ConfigurationFile, MissingFileIsLoggedWatchedAndReadWhenItAppearsAndTheDe
 TEST_F(ConfigurationFile, ARepairedFileReloadsTheSourceAfterABadNumber) {
     service.serve("content://com.tavelorix.content/artists",
                   {{{"name", ContentDataTypeString}}, 5, [](std::size_t, std::size_t) -> boost::any { return std::string("x"); }});
-    change(TWO_SOURCES);
+    change(twoSources);
     start(std::string(), path);
 
     change(R"(<sources><artists uri="com.tavelorix.content/artists" block_size="ten"/></sources>)");
     EXPECT_EQ(source->getData(), nullptr);
     EXPECT_THAT(log.messages(LogLevel::Error), Contains(HasSubstr("it is watched for a repair")));
 
-    change(TWO_SOURCES);
+    change(twoSources);
     ASSERT_NE(source->getData(), nullptr);
     EXPECT_EQ(at<DataObjectList>("artists")->itemCount(), 1u);
     EXPECT_TRUE(source->isConnected());

@@ -70,7 +70,7 @@ protected:
     /// bound that only a fault reaches.
     bool pumpUntil(const std::function<bool()>& done)
     {
-        const auto deadline = std::chrono::steady_clock::now() + GENEROUS_WAIT;
+        const auto deadline = std::chrono::steady_clock::now() + generousWait;
         while (!done()) {
             if (std::chrono::steady_clock::now() > deadline) return false;
             host.runUntilIdle();

@@ -16,17 +16,17 @@ using namespace zarvo::testkit;
 
 using ::testing::HasSubstr;
 
-const char* const TRACKS_SQL =
+const char* const tracksSql =
     "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT, duration REAL, favourite BOOL);"
     "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < 1233)"
     " INSERT INTO tracks SELECT i, printf('Track %04d', i), i * 0.5, i % 3 = 0 FROM n;";
 
-const char* const TRACKS_SOURCE =
+const char* const tracksSource =
     "<tracks uri=\"com.tavelorix.content/tracks\" type=\"list\" block_size=\"100\" sort=\"id\">"
     "<field name=\"id\" type=\"int\"/><field name=\"title\" type=\"string\"/>"
     "<field name=\"duration\" type=\"real\"/><field name=\"favourite\" type=\"bool\"/></tracks>";
 
-const char* const LIBRARY_SQL =
+const char* const librarySql =
     "CREATE TABLE library(name TEXT, owner TEXT, track_count INTEGER);"
     "INSERT INTO library VALUES ('Home', 'Ines', 1234);"
     "CREATE TABLE artists(id INTEGER PRIMARY KEY, name TEXT, album_ids TEXT);"
@@ -34,7 +34,7 @@ const char* const LIBRARY_SQL =
     "CREATE TABLE albums(id INTEGER PRIMARY KEY, title TEXT, year INTEGER);"
     "INSERT INTO albums VALUES (11, 'First', 1990), (12, 'Second', 1991), (13, 'Third', 1992);";
 
-const char* const LIBRARY_SOURCES =
+const char* const librarySources =
     "<library uri=\"com.tavelorix.content/library\"><field name=\"name\" type=\"string\"/>"
     "<field name=\"tracks\" column=\"track_count\" type=\"int\"/></library>"
     "<artists uri=\"com.tavelorix.content/artists\" type=\"list\" sort=\"name\">"
@@ -60,8 +60,8 @@ class Road : public ::testing::Test {
 protected:
     void SetUp() override {
         unsetenv("TETHRIX_SERVICE_URL");
-        executeSql(database(), TRACKS_SQL);
-        executeSql(database(), LIBRARY_SQL);
+        executeSql(database(), tracksSql);
+        executeSql(database(), librarySql);
         service = std::make_unique<RunningService>(database());
     }
 
@@ -81,7 +81,7 @@ protected:
 
 TEST_F(Road, ScrollCommandReportsEveryRowFilledJumpsBackAndFailsShortOfItsGoal) {
     const ProgramResult result = host(
-        {"scroll", "tracks", "--frame-ms", "0", "--step", "13", "--to", "1300", "--jump", "1000"}, TRACKS_SOURCE);
+        {"scroll", "tracks", "--frame-ms", "0", "--step", "13", "--to", "1300", "--jump", "1000"}, tracksSource);
     ASSERT_EQ(result.status, 1) << result.err;
     EXPECT_THAT(result.err, HasSubstr("zarvo-host: scroll of tracks stopped at row 1233, short of row 1300: the "
                                       "list holds 1234 rows and did not grow for "));
@@ -92,13 +92,13 @@ TEST_F(Road, ScrollCommandReportsEveryRowFilledJumpsBackAndFailsShortOfItsGoal) 
 }
 
 TEST_F(Road, ScrollCommandWithoutAGoalSucceedsAtTheEndOfTheList) {
-    const ProgramResult result = host({"scroll", "tracks", "--frame-ms", "0", "--step", "200"}, TRACKS_SOURCE);
+    const ProgramResult result = host({"scroll", "tracks", "--frame-ms", "0", "--step", "200"}, tracksSource);
     ASSERT_EQ(result.status, 0) << result.err;
     EXPECT_THAT(result.out, HasSubstr(" to rows 1214 to 1233 of 1234\n"));
 }
 
 TEST_F(Road, SnapshotShowsASingleRecordAndTheDetailRowsOfAMaster) {
-    const ProgramResult result = host({"snapshot"}, LIBRARY_SOURCES);
+    const ProgramResult result = host({"snapshot"}, librarySources);
     ASSERT_EQ(result.status, 0) << result.err;
     // The snapshot's layout is the plug-in's and tested there; the road shows
     // the values that came over the socket: the single record, the artists
@@ -113,7 +113,7 @@ TEST_F(Road, SnapshotShowsASingleRecordAndTheDetailRowsOfAMaster) {
 
 TEST_F(Road, WatchCommandPrintsChangesAsTheyComeAndEndsAtSigint) {
     ChildProcess watch(builtFile("bin/zarvo-host"),
-                       {"watch", "--service", service->url(), "--declaration", declaration(LIBRARY_SOURCES)},
+                       {"watch", "--service", service->url(), "--declaration", declaration(librarySources)},
                        directory.file("watch.log"));
     ASSERT_TRUE(watch.readUntil("Root.library.name = \"Home\"\n")) << watch.outputSoFar();
     EXPECT_THAT(watch.outputSoFar(), HasSubstr("Root.connected = true\n"));

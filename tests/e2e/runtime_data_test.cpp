@@ -52,7 +52,7 @@ TEST(RuntimeDataEndToEndTest, PublishedValuesAndRowsReachTheDataObjects) {
         auto child = object ? std::dynamic_pointer_cast<DataObjectString>(object->findChild(name)) : nullptr;
         return child ? child->getValue() : std::string();
     };
-    auto runUntil = [&](std::function<bool()> done) { return host.loop().runUntil(done, GENEROUS_WAIT); };
+    auto runUntil = [&](std::function<bool()> done) { return host.loop().runUntil(done, generousWait); };
     auto publish = [&](const std::string& text) {
         const auto reply = service::postUpdate({"127.0.0.1", std::to_string(running.port()), "player", text});
         EXPECT_EQ(reply.status, 200) << reply.body;

@@ -32,7 +32,7 @@ namespace detail {
 
 // The server leaves when its standard input closes, which is when the test
 // process ends, however it ends.
-inline const char* const IMAGE_SERVER_SCRIPT = R"PY(
+inline const char* const imageServerScript = R"PY(
 import http.server, os, ssl, sys, threading
 
 root = sys.argv[1]
@@ -148,8 +148,8 @@ public:
     ImageServers()
         : folder(makeFolder()),
           certificateMade(makeCertificate(folder)),
-          http({"python3", "-c", detail::IMAGE_SERVER_SCRIPT, folder.string()}),
-          https({"python3", "-c", detail::IMAGE_SERVER_SCRIPT, folder.string(), (folder / "cert.pem").string(),
+          http({"python3", "-c", detail::imageServerScript, folder.string()}),
+          https({"python3", "-c", detail::imageServerScript, folder.string(), (folder / "cert.pem").string(),
                  (folder / "key.pem").string()}) {
         // Once per process, before loader threads use libcurl.
         curl_global_init(CURL_GLOBAL_DEFAULT);

@@ -13,7 +13,7 @@ namespace zarvo {
 namespace testkit {
 
 /// Only a fault takes this long; a passing test waits milliseconds.
-const std::chrono::milliseconds GENEROUS_WAIT(20000);
+const std::chrono::milliseconds generousWait(20000);
 
 struct ProgramResult {
     int status = -1;  ///< exit status; -1 if the program did not exit normally
@@ -36,7 +36,7 @@ public:
 
     /// Reads standard output until it holds `text`, the process ends or the
     /// wait runs out; gives whether it does.
-    bool readUntil(const std::string& text, std::chrono::milliseconds limit = GENEROUS_WAIT);
+    bool readUntil(const std::string& text, std::chrono::milliseconds limit = generousWait);
     void signal(int number);
     /// Waits for the end; gives the exit status, -1 after a signal.
     int wait();
