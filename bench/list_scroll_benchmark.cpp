@@ -27,8 +27,8 @@
 #include <boost/lexical_cast.hpp>
 
 #include <algorithm>
-#include <ctime>
 #include <cstdint>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <random>
@@ -178,8 +178,8 @@ public:
         adapter->initialize(root, true);
         list = std::static_pointer_cast<TethrixDataObjectList>(adapter->getDataObject());
         auto client = service.context()->getClient();
-        adapter->start(std::make_shared<DefaultContentLoader>(client.get(),
-                                                              client->getConnection()->getMessageDispatcher()));
+        adapter->start(
+            std::make_shared<DefaultContentLoader>(client.get(), client->getConnection()->getMessageDispatcher()));
         host.runUntilIdle();
     }
 

@@ -45,8 +45,8 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <cstdint>
+#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -90,20 +90,20 @@ public:
     std::string url() const { return "127.0.0.1:" + std::to_string(running->endpoint().port()); }
 
 private:
-    Environment()
-        : directory(std::filesystem::temp_directory_path() / ("zarvo-road-" + std::to_string(::getpid()))) {
+    Environment() : directory(std::filesystem::temp_directory_path() / ("zarvo-road-" + std::to_string(::getpid()))) {
         std::filesystem::create_directories(directory);
         // One transaction, rows made by SQLite itself: a few seconds.
-        service::SqliteDatabase::openReadWrite(database()).execute(
-            "PRAGMA synchronous = OFF; BEGIN;"
-            "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT NOT NULL, artist_id INTEGER, duration REAL,"
-            " favourite BOOLEAN, cover TEXT);"
-            "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < " +
-            std::to_string(tableRows - 1) +
-            ")"
-            " INSERT INTO tracks SELECT i, 'Track ' || i, i % 4099, 120 + (i * 7919) % 300, i % 3 = 0,"
-            " 'covers/' || (i / 12) || '.png' FROM n;"
-            "COMMIT;");
+        service::SqliteDatabase::openReadWrite(database())
+            .execute(
+                "PRAGMA synchronous = OFF; BEGIN;"
+                "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT NOT NULL, artist_id INTEGER, duration REAL,"
+                " favourite BOOLEAN, cover TEXT);"
+                "WITH RECURSIVE n(i) AS (SELECT 0 UNION ALL SELECT i + 1 FROM n WHERE i < " +
+                std::to_string(tableRows - 1) +
+                ")"
+                " INSERT INTO tracks SELECT i, 'Track ' || i, i % 4099, 120 + (i * 7919) % 300, i % 3 = 0,"
+                " 'covers/' || (i / 12) || '.png' FROM n;"
+                "COMMIT;");
         service::ServiceOptions options;
         options.database = database();
         running = std::make_unique<service::Service>(options);
@@ -120,8 +120,7 @@ private:
 struct Road {
     Road() : session(options()) {
         list = std::dynamic_pointer_cast<DataObjectList>(session.source().lookupDataContext("tracks"));
-        session.loop().runUntil([this]() { return host::isIdle(session.domain()) && list->itemCount() > 0; },
-                                patience);
+        session.loop().runUntil([this]() { return host::isIdle(session.domain()) && list->itemCount() > 0; }, patience);
     }
 
     static host::SourceOptions options() {
@@ -163,7 +162,7 @@ struct Figures {
     double road = 0;
     double store = 0;
     double sqlite = 0;
-    double storeCpu = 0;   ///< rows a CPU second
+    double storeCpu = 0;  ///< rows a CPU second
     double sqliteCpu = 0;
     double firstBlock = 0;
     double deepBlock = 0;
@@ -310,8 +309,8 @@ BENCHMARK(BM_RoadBlock)
 /// Keeps the figures readable: every source made logs its start as info.
 class WarningsOnly : public Logger {
 public:
-    void writeOverride(LogLevel level, string_view levelName, string_view category, string_view file,
-                       unsigned int line, string_view message) override {
+    void writeOverride(LogLevel level, string_view levelName, string_view category, string_view file, unsigned int line,
+                       string_view message) override {
         if (level != LogLevel::Info) {
             fallback.writeOverride(level, levelName, category, file, line, message);
         }

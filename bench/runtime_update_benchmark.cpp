@@ -46,7 +46,9 @@ const int changedPerUpdate = leafCount / 10;
 
 const char* const leafTypes[] = {"integer", "real", "boolean", "string"};
 
-std::string leafName(int leaf) { return "leaf" + std::to_string(leaf); }
+std::string leafName(int leaf) {
+    return "leaf" + std::to_string(leaf);
+}
 
 // The value of a leaf in round 0 or 1; the two rounds differ for every type.
 std::string xmlValue(int leaf, int round) {
@@ -187,8 +189,8 @@ public:
         service.setState(Connection::StateConnected);
         host.runUntilIdle();
         auto client = service.context()->getClient();
-        adapter->start(std::make_shared<DefaultContentLoader>(client.get(),
-                                                              client->getConnection()->getMessageDispatcher()));
+        adapter->start(
+            std::make_shared<DefaultContentLoader>(client.get(), client->getConnection()->getMessageDispatcher()));
         host.runUntilIdle();
     }
 

@@ -23,11 +23,11 @@
 
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <unistd.h>
 
 namespace tethrix::service {
 namespace {
@@ -39,8 +39,7 @@ constexpr int deepIndex = rowCount - blockSize;
 /// The database, made once per run in the temporary directory.
 class BenchDatabase {
 public:
-    static const std::string& path()
-    {
+    static const std::string& path() {
         static BenchDatabase instance;
         return instance.file;
     }
@@ -48,10 +47,9 @@ public:
     ~BenchDatabase() { std::filesystem::remove(file); }
 
 private:
-    BenchDatabase()
-    {
-        file = (std::filesystem::temp_directory_path() / ("tethrix-bench-" + std::to_string(::getpid()) + ".db"))
-                   .string();
+    BenchDatabase() {
+        file =
+            (std::filesystem::temp_directory_path() / ("tethrix-bench-" + std::to_string(::getpid()) + ".db")).string();
         std::filesystem::remove(file);
         auto database = SqliteDatabase::openReadWrite(file);
         database.execute(
@@ -70,14 +68,12 @@ private:
     std::string file;
 };
 
-ContentStore& store()
-{
+ContentStore& store() {
     static ContentStore instance(BenchDatabase::path(), defaultAuthority);
     return instance;
 }
 
-protocol::Query blockQuery(const char* filter, const char* sort, int index)
-{
+protocol::Query blockQuery(const char* filter, const char* sort, int index) {
     protocol::Query query;
     query.id = 1;
     query.uri = "content://com.tavelorix.content/tracks";
@@ -90,25 +86,24 @@ protocol::Query blockQuery(const char* filter, const char* sort, int index)
 }
 
 /// The filtered case has fewer rows; its deep block is near its own end.
-int indexFor(const char* filter, std::int64_t wanted)
-{
-    if (wanted == 0 || *filter == '\0') return static_cast<int>(wanted);
+int indexFor(const char* filter, std::int64_t wanted) {
+    if (wanted == 0 || *filter == '\0')
+        return static_cast<int>(wanted);
     return rowCount / 7 - blockSize;
 }
 
-void serviceBlock(benchmark::State& state, const char* filter, const char* sort)
-{
+void serviceBlock(benchmark::State& state, const char* filter, const char* sort) {
     auto query = blockQuery(filter, sort, indexFor(filter, state.range(0)));
     store().execute(query);  // the first deep block builds the offset index
     for (auto _ : state) {
         auto result = store().execute(query);
-        if (result.rows.size() != blockSize) state.SkipWithError("short block");
+        if (result.rows.size() != blockSize)
+            state.SkipWithError("short block");
         benchmark::DoNotOptimize(result);
     }
 }
 
-void serviceColdBlock(benchmark::State& state, const char* filter, const char* sort)
-{
+void serviceColdBlock(benchmark::State& state, const char* filter, const char* sort) {
     auto query = blockQuery(filter, sort, indexFor(filter, deepIndex));
     for (auto _ : state) {
         store().dropCaches();
@@ -117,8 +112,7 @@ void serviceColdBlock(benchmark::State& state, const char* filter, const char* s
     }
 }
 
-void sqliteBlock(benchmark::State& state, const std::string& sql)
-{
+void sqliteBlock(benchmark::State& state, const std::string& sql) {
     auto database = SqliteDatabase::openReadOnly(BenchDatabase::path());
     auto statement = database.prepare(sql);
     for (auto _ : state) {
@@ -129,14 +123,14 @@ void sqliteBlock(benchmark::State& state, const std::string& sql)
             benchmark::DoNotOptimize(statement.text(1));
             ++rows;
         }
-        if (rows != blockSize) state.SkipWithError("short block");
+        if (rows != blockSize)
+            state.SkipWithError("short block");
     }
 }
 
 const std::string columns = "SELECT id, title, artist_id, duration, favourite, cover FROM tracks";
 
-void registerAll()
-{
+void registerAll() {
     struct Case {
         const char* name;
         const char* filter;
@@ -155,8 +149,7 @@ void registerAll()
             ->Arg(0)
             ->Arg(deepIndex)
             ->Unit(benchmark::kMicrosecond);
-        benchmark::RegisterBenchmark((std::string("ServiceCold/") + c.name).c_str(), serviceColdBlock, c.filter,
-                                     c.sort)
+        benchmark::RegisterBenchmark((std::string("ServiceCold/") + c.name).c_str(), serviceColdBlock, c.filter, c.sort)
             ->Unit(benchmark::kMicrosecond);
     }
     const std::pair<const char*, std::string> direct[] = {
@@ -176,11 +169,11 @@ void registerAll()
 }  // namespace
 }  // namespace tethrix::service
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     tethrix::service::registerAll();
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv))
+        return 1;
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     return 0;

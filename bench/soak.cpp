@@ -12,8 +12,8 @@
 // with what it holds at the end. scripts/soak builds this program, makes the
 // database and runs it; the last line says PASS or FAIL.
 
-#include "host_session.h"
 #include <zarvo/host/list_view.h>
+#include "host_session.h"
 
 #include "publish_command.h"
 
@@ -110,7 +110,7 @@ public:
         posix_spawn_file_actions_adddup2(&actions, pipeEnds[1], 1);
         posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
         posix_spawn_file_actions_addclose(&actions, pipeEnds[0]);
-        std::vector<std::string> arguments = {options.serviceProgram, "--db",   options.database,      "--runtime",
+        std::vector<std::string> arguments = {options.serviceProgram, "--db",   options.database,    "--runtime",
                                               options.runtime,        "--port", std::to_string(port)};
         std::vector<char*> argv;
         for (std::string& argument : arguments) {
@@ -165,7 +165,9 @@ std::string textOf(const std::shared_ptr<zarvo::DataObject>& row, const std::str
 class Soak {
 public:
     explicit Soak(const Options& options)
-        : options(options), random(options.seed), service(std::make_unique<Service>(options, 0)) {
+        : options(options),
+          random(options.seed),
+          service(std::make_unique<Service>(options, 0)) {
         zarvo::host::SourceOptions source;
         source.declaration = declarationXml;
         source.serviceUrl = "127.0.0.1:" + std::to_string(service->port());
@@ -209,7 +211,8 @@ private:
     }
 
     bool connected() {
-        auto flag = std::dynamic_pointer_cast<zarvo::DataObjectBoolean>(session->source().lookupDataContext("connected"));
+        auto flag =
+            std::dynamic_pointer_cast<zarvo::DataObjectBoolean>(session->source().lookupDataContext("connected"));
         return flag && flag->getValue();
     }
 
@@ -281,11 +284,12 @@ private:
         const auto back = Clock::now();
         ++restarts;
         if (!session->loop().runUntil([&] { return connected() && windowRight(view); }, longestWait)) {
-            return fail("after restart " + std::to_string(restarts) + (connected() ? "" : " the flag stayed false and") +
-                        " rows " + std::to_string(view.first()) + " to " + std::to_string(view.first() + view.size()) +
-                        " did not fill with their labels");
+            return fail("after restart " + std::to_string(restarts) +
+                        (connected() ? "" : " the flag stayed false and") + " rows " + std::to_string(view.first()) +
+                        " to " + std::to_string(view.first() + view.size()) + " did not fill with their labels");
         }
-        longestReturnMs = std::max(longestReturnMs, std::chrono::duration<double, std::milli>(Clock::now() - back).count());
+        longestReturnMs =
+            std::max(longestReturnMs, std::chrono::duration<double, std::milli>(Clock::now() - back).count());
         return true;
     }
 

@@ -7,11 +7,12 @@
 namespace zarvo {
 
 AbstractTethrixDataSource::AbstractTethrixDataSource(Domain* domain, string_view name)
-    : DataSource(domain, name), ContentAdapterManager(Context::instance(*domain, nullptr)) {
+    : DataSource(domain, name),
+      ContentAdapterManager(Context::instance(*domain, nullptr)) {
     // The only subscription the source ever makes: start does not renew it,
     // so a source that went through stop no longer follows the connection.
-    stateSubscription = getConnection()->addStateSubscription(
-        [this](Connection::State state) { onConnectionStateChanged(state); });
+    stateSubscription =
+        getConnection()->addStateSubscription([this](Connection::State state) { onConnectionStateChanged(state); });
 }
 
 AbstractTethrixDataSource::~AbstractTethrixDataSource() {

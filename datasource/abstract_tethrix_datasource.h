@@ -25,8 +25,7 @@ public:
     void unloadOverride() override;
     /// The root of the tree; null before the first start and after stop.
     std::shared_ptr<DataObject> getData() override;
-    void loadFromZVB(Domain* domain, ZvbFile& file, ReadOnlyMemoryFile& memoryFile,
-                     ZvbMemoryParser& parser) override;
+    void loadFromZVB(Domain* domain, ZvbFile& file, ReadOnlyMemoryFile& memoryFile, ZvbMemoryParser& parser) override;
     /// The concrete class creates its configurations and adapters here.
     virtual void onCreateAdapters() = 0;
     /// The concrete class drops what it holds for its adapters here.

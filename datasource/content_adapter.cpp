@@ -69,9 +69,9 @@ bool ContentAdapter::loadItems(unsigned long index, unsigned long count) {
     // The filter is read at each call: a dynamic source's shared
     // configuration is rewritten just before each child adapter starts.
     const bool paged = config->blockSize != 0;
-    auto query = std::make_shared<ContentQueryArguments>(
-        config->uri, columns, config->filter, cutTo32Bits(paged ? index : config->limitIndex),
-        cutTo32Bits(paged ? count : config->limitCount), config->sort);
+    auto query = std::make_shared<ContentQueryArguments>(config->uri, columns, config->filter,
+                                                         cutTo32Bits(paged ? index : config->limitIndex),
+                                                         cutTo32Bits(paged ? count : config->limitCount), config->sort);
     loader->load(query);
     return true;
 }
@@ -216,9 +216,8 @@ void ContentAdapter::onContentLoadedList(ContentResult* result, bool valid) {
         for (std::size_t row = 0; row < result->getRowCount(); ++row) {
             result->setRowIndex(row);
             // The row's place comes from the result, in 32-bit arithmetic.
-            const std::int32_t index32 =
-                static_cast<std::int32_t>(static_cast<std::uint32_t>(result->getStartIndex()) +
-                                          static_cast<std::uint32_t>(row));
+            const std::int32_t index32 = static_cast<std::int32_t>(static_cast<std::uint32_t>(result->getStartIndex()) +
+                                                                   static_cast<std::uint32_t>(row));
             const std::size_t index = static_cast<std::size_t>(static_cast<std::int64_t>(index32));
             std::shared_ptr<DataObject> item = list->getItem(index);
             if (item->getChildCount() == 0) {
@@ -444,7 +443,8 @@ std::shared_ptr<DataObject> ContentAdapter::createDataObject(std::shared_ptr<Run
         return std::make_shared<DataObjectInteger>(domain, name,
                                                    runtimeObject->castTo<RuntimeDataObjectInteger>()->getValue());
     case RuntimeDataObject::TypeReal:
-        return std::make_shared<DataObjectReal>(domain, name, runtimeObject->castTo<RuntimeDataObjectReal>()->getValue());
+        return std::make_shared<DataObjectReal>(domain, name,
+                                                runtimeObject->castTo<RuntimeDataObjectReal>()->getValue());
     case RuntimeDataObject::TypeBoolean:
         return std::make_shared<DataObjectBoolean>(domain, name,
                                                    runtimeObject->castTo<RuntimeDataObjectBoolean>()->getValue());
@@ -464,10 +464,9 @@ std::shared_ptr<DataObject> ContentAdapter::createDataObject(std::shared_ptr<Run
     }
 }
 
-std::shared_ptr<DataObject> ContentAdapter::createDataObjectRecursively(std::shared_ptr<RuntimeDataObject> runtimeObject,
-                                                                        std::shared_ptr<DataObject> parent,
-                                                                        Domain* domain,
-                                                                        std::shared_ptr<ContentAdapter> adapter) {
+std::shared_ptr<DataObject> ContentAdapter::createDataObjectRecursively(
+    std::shared_ptr<RuntimeDataObject> runtimeObject, std::shared_ptr<DataObject> parent, Domain* domain,
+    std::shared_ptr<ContentAdapter> adapter) {
     std::shared_ptr<DataObject> object = createDataObject(runtimeObject, domain, adapter);
     if (!object) {
         return nullptr;
@@ -510,8 +509,8 @@ boost::any getDataObjectValueAsAny(std::shared_ptr<DataObject> dataObject) {
     case DataObject::TypeString:
         return std::static_pointer_cast<DataObjectString>(dataObject)->getValue();
     default:
-        ZARVO_LOG_ERROR("tethrix", "getDataObjectValueAsAny: conversion from DataObject type {0} to boost::any not defined",
-                        type);
+        ZARVO_LOG_ERROR("tethrix",
+                        "getDataObjectValueAsAny: conversion from DataObject type {0} to boost::any not defined", type);
         return boost::any();
     }
 }

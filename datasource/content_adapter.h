@@ -63,9 +63,9 @@ public:
                                                         Domain* domain, std::shared_ptr<ContentAdapter> adapter);
     /// Mirrors `runtimeObject` and, for a plain object, everything below it;
     /// adds the mirror to `parent` unless that is null and binds the two.
-    static std::shared_ptr<DataObject> createDataObjectRecursively(
-        std::shared_ptr<RuntimeDataObject> runtimeObject, std::shared_ptr<DataObject> parent, Domain* domain,
-        std::shared_ptr<ContentAdapter> adapter);
+    static std::shared_ptr<DataObject> createDataObjectRecursively(std::shared_ptr<RuntimeDataObject> runtimeObject,
+                                                                   std::shared_ptr<DataObject> parent, Domain* domain,
+                                                                   std::shared_ptr<ContentAdapter> adapter);
 
 private:
     /// What a string column stores: the text, or a preload placeholder while
@@ -100,7 +100,7 @@ void preloadCompleted(std::shared_ptr<DataObject> dataObject, const std::string&
 __attribute__((visibility("default"))) boost::any getDataObjectValueAsAny(std::shared_ptr<DataObject> dataObject);
 /// Stores `value` in a typed data object and notifies, if it differs.
 __attribute__((visibility("default"))) void setDataObjectValueFromAny(std::shared_ptr<DataObject> dataObject,
-                                                                const boost::any& value);
+                                                                      const boost::any& value);
 
 }  // namespace zarvo
 

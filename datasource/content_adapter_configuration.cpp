@@ -17,9 +17,10 @@ void copyIfGiven(std::string& target, const std::string& value) {
 
 }  // namespace
 
-ContentAdapterConfiguration::Field::Field(const std::string& column, DataObject::Type type,
-                                          const std::string& name)
-    : column(column), type(type), name(name) {}
+ContentAdapterConfiguration::Field::Field(const std::string& column, DataObject::Type type, const std::string& name)
+    : column(column),
+      type(type),
+      name(name) {}
 
 // Swapping with fresh members leaves the source's strings empty whatever the
 // standard library does with a moved-from string.
@@ -44,8 +45,8 @@ ContentAdapterConfiguration::Field& ContentAdapterConfiguration::Field::operator
 bool ContentAdapterConfiguration::Field::fillOverrideValues(const Field& other) {
     if (name != other.name) {
         ZARVO_LOG_ERROR("tethrix",
-                        "Field {} is trying to override values from {}. Different fields can not be overridden.",
-                        name, other.name);
+                        "Field {} is trying to override values from {}. Different fields can not be overridden.", name,
+                        other.name);
         return false;
     }
     type = other.type;
@@ -57,7 +58,11 @@ bool ContentAdapterConfiguration::Field::fillOverrideValues(const Field& other) 
 }
 
 ContentAdapterConfiguration::ContentAdapterConfiguration()
-    : singleShot(false), limitIndex(0), limitCount(0), blockSize(0), type(Single) {}
+    : singleShot(false),
+      limitIndex(0),
+      limitCount(0),
+      blockSize(0),
+      type(Single) {}
 
 ContentAdapterConfiguration::Field* ContentAdapterConfiguration::getField(const std::string& name) {
     for (Field& field : fields) {
@@ -71,8 +76,8 @@ ContentAdapterConfiguration::Field* ContentAdapterConfiguration::getField(const 
 bool ContentAdapterConfiguration::fillOverrideValues(ContentAdapterConfiguration& other) {
     if (uri != other.uri) {
         ZARVO_LOG_ERROR("tethrix",
-                        "{} is trying to override values from {}. Different configurations can not be overridden.",
-                        uri, other.uri);
+                        "{} is trying to override values from {}. Different configurations can not be overridden.", uri,
+                        other.uri);
         return false;
     }
     copyIfGiven(name, other.name);

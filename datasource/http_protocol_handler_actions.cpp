@@ -57,8 +57,8 @@ void registerSupportedProtocols(Domain* domain) {
         if (resourceManager->supportsProtocolHandler(entry.name)) {
             continue;
         }
-        resourceManager->registerProtocolHandler(entry.name, entry.handler,
-                                                 ResourceManager::ProtocolHandlerFunction(), nullptr);
+        resourceManager->registerProtocolHandler(entry.name, entry.handler, ResourceManager::ProtocolHandlerFunction(),
+                                                 nullptr);
         ZARVO_LOG_INFO("debug", "Registering {} protocol", entry.name);
     }
 }

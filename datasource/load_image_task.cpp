@@ -104,20 +104,19 @@ void LoadImageTask::finishFunction(const ResourceLoaderThreadContext*) {
     }
 
     ZvcInputStream* rawStream = nullptr;
-    zvcInputStreamCreateFromMemory(memoryManager, data.data(), static_cast<std::uint32_t>(data.size()), 0,
-                                   &rawStream);
+    zvcInputStreamCreateFromMemory(memoryManager, data.data(), static_cast<std::uint32_t>(data.size()), 0, &rawStream);
     const std::unique_ptr<ZvcInputStream, InputStreamDelete> stream(rawStream);
     try {
         switch (detectImageType(data)) {
-            case ImageType::Png:
-                image = imageLoadPNG(stream.get(), "");
-                break;
-            case ImageType::Jpg:
-                image = imageLoadJPEG(stream.get(), "");
-                break;
-            case ImageType::Unsupported:
-                ZARVO_LOG_ERROR(logCategory, "Loading image \"{}\" failed due to unsupported image type", url);
-                break;
+        case ImageType::Png:
+            image = imageLoadPNG(stream.get(), "");
+            break;
+        case ImageType::Jpg:
+            image = imageLoadJPEG(stream.get(), "");
+            break;
+        case ImageType::Unsupported:
+            ZARVO_LOG_ERROR(logCategory, "Loading image \"{}\" failed due to unsupported image type", url);
+            break;
         }
     } catch (const std::runtime_error& error) {
         ZARVO_LOG_ERROR(logCategory, "Error while trying to read {}, reason: {}", url, error.what());

@@ -361,8 +361,8 @@ std::shared_ptr<DataObject> TethrixDataObjectList::Cache::lowestReferencedItem()
     return nullptr;
 }
 
-TethrixDataObjectList::TethrixDataObjectList(Domain* domain, string_view name,
-                                             std::shared_ptr<ContentAdapter> adapter, unsigned long blockSize)
+TethrixDataObjectList::TethrixDataObjectList(Domain* domain, string_view name, std::shared_ptr<ContentAdapter> adapter,
+                                             unsigned long blockSize)
     : DataObjectList(domain, name),
       contentAdapter(std::move(adapter)),
       blockSize(blockSize),
@@ -560,8 +560,7 @@ bool TethrixDataObjectList::hasAdapterToLoad(std::uint64_t index) {
     }
     // Rows past the count of a list without an adapter (one whose source
     // was not found, or one let go by releaseAdapters) cannot be loaded.
-    ZARVO_LOG_ERROR("tethrix", "TethrixDataObjectList: list '{}' has no source to load row {} from", getName(),
-                    index);
+    ZARVO_LOG_ERROR("tethrix", "TethrixDataObjectList: list '{}' has no source to load row {} from", getName(), index);
     return false;
 }
 
@@ -572,8 +571,8 @@ void TethrixDataObjectList::releaseAdapters(const std::shared_ptr<DataObject>& t
     if (auto list = std::dynamic_pointer_cast<TethrixDataObjectList>(tree)) {
         const std::shared_ptr<ContentAdapter> adapter = std::move(list->contentAdapter);
         list->contentAdapter.reset();
-        for (const auto& rows : {list->cache.getCreatedItems(), list->cache.getUnreferencedItems(),
-                                 list->cache.getReferencedItems()}) {
+        for (const auto& rows :
+             {list->cache.getCreatedItems(), list->cache.getUnreferencedItems(), list->cache.getReferencedItems()}) {
             for (const auto& row : rows) {
                 releaseAdapters(row.second);
             }

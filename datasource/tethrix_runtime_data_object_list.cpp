@@ -35,8 +35,8 @@ std::shared_ptr<DataObject> TethrixRuntimeDataObjectList::acquireItem(std::size_
         return item->boundDataObject;
     }
     // The runtime list's binding is this list itself, the rows' parent.
-    item->boundDataObject = ContentAdapter::createDataObjectRecursively(item, runtimeList->boundDataObject,
-                                                                        getDomain(), contentAdapter);
+    item->boundDataObject =
+        ContentAdapter::createDataObjectRecursively(item, runtimeList->boundDataObject, getDomain(), contentAdapter);
     return item->boundDataObject;
 }
 

@@ -2,8 +2,8 @@
 
 #include <zarvo/log.h>
 
-#include <boost/lexical_cast.hpp>
 #include <tinyxml2.h>
+#include <boost/lexical_cast.hpp>
 
 #include <cstring>
 #include <stdexcept>
@@ -90,7 +90,7 @@ bool isElementNamed(const XMLElement* element, const char* name) {
 }  // namespace
 
 XmlConfigurationReader::Configurations XmlConfigurationReader::loadFromFile(Domain* domain, string_view fileName,
-                                                                           const std::string& declaration) const {
+                                                                            const std::string& declaration) const {
     Configurations configs;
     loadStringContents(declaration, configs);
     if (!fileName.empty()) {
@@ -119,8 +119,7 @@ void XmlConfigurationReader::loadConfigurationsFromFile(Domain* /*domain*/, stri
     XMLDocument document;
     const XMLError error = document.LoadFile(path.c_str());
     if (error != tinyxml2::XML_SUCCESS) {
-        ZARVO_LOG_ERROR("tethrix", "ERROR, xml file {} loading failed, error code {}", path,
-                        static_cast<int>(error));
+        ZARVO_LOG_ERROR("tethrix", "ERROR, xml file {} loading failed, error code {}", path, static_cast<int>(error));
         return;
     }
     loadConfigurationsFromDoc(document, configs);
@@ -141,8 +140,7 @@ void XmlConfigurationReader::loadConfigurationsFromDoc(XMLDocument& document, Co
         }
     }
     // One pass: an override acts on what stands in `configs` at its turn.
-    for (const XMLElement* child = root->FirstChildElement(); child != nullptr;
-         child = child->NextSiblingElement()) {
+    for (const XMLElement* child = root->FirstChildElement(); child != nullptr; child = child->NextSiblingElement()) {
         if (isElementNamed(child, "preload_url")) {
             loadPreloadUrlReference(child, configs);
         } else if (isElementNamed(child, "dynamic_source") && child->Attribute("uri") == nullptr) {
@@ -284,7 +282,7 @@ std::shared_ptr<ContentAdapterConfiguration> XmlConfigurationReader::findConfigu
 }
 
 ContentAdapterConfiguration::Field* XmlConfigurationReader::findTargetField(const std::string& target,
-                                                                           Configurations& configs) const {
+                                                                            Configurations& configs) const {
     const std::string::size_type dot = target.find('.');
     if (dot == std::string::npos) {
         ZARVO_LOG_ERROR("tethrix", "Badly formatted target attribute \"{}\"", target);
@@ -328,8 +326,7 @@ void XmlConfigurationReader::loadDynamicSourceReference(const XMLElement* elemen
         ZARVO_LOG_ERROR("tethrix", "Could not find target {} for dynamic_source", target);
         return;
     }
-    ZARVO_LOG_INFO("tethrix", "Set dynamic source for {} to be {} and lookup column {}", target, source,
-                   lookupColumn);
+    ZARVO_LOG_INFO("tethrix", "Set dynamic source for {} to be {} and lookup column {}", target, source, lookupColumn);
     field->dynamicSource = source;
     field->lookupColumn = lookupColumn;
 }

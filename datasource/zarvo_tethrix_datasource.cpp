@@ -8,8 +8,8 @@
 #include <zarvo/log.h>
 #include <zarvo/resource_manager.h>
 
-#include <boost/lexical_cast.hpp>
 #include <tinyxml2.h>
+#include <boost/lexical_cast.hpp>
 
 namespace zarvo {
 
@@ -32,7 +32,8 @@ std::shared_ptr<ZarvoTethrixDataSource> ZarvoTethrixDataSource::create(Domain* d
 }
 
 ZarvoTethrixDataSource::ZarvoTethrixDataSource(Domain* domain, string_view name)
-    : AbstractTethrixDataSource(domain, name), fileTracker(domain->getMessageDispatcher()) {}
+    : AbstractTethrixDataSource(domain, name),
+      fileTracker(domain->getMessageDispatcher()) {}
 
 ZarvoTethrixDataSource::~ZarvoTethrixDataSource() = default;
 
@@ -120,8 +121,8 @@ template std::string stringifyValue<DataObjectReal>(std::shared_ptr<DataObject>)
 template std::string stringifyValue<DataObjectBoolean>(std::shared_ptr<DataObject>);
 template std::string stringifyValue<DataObjectString>(std::shared_ptr<DataObject>);
 
-void ZarvoTethrixDataSource::takeDataSnapshot(Domain* domain, const std::string& resourceName,
-                                              std::string& xmlFileName, std::string& snapshot) {
+void ZarvoTethrixDataSource::takeDataSnapshot(Domain* domain, const std::string& resourceName, std::string& xmlFileName,
+                                              std::string& snapshot) {
     if (domain == nullptr) {
         return;
     }

@@ -41,7 +41,8 @@ public:
     /// Renders the current data of the source called `resourceName` as an
     /// XML document, for callers outside the engine.
     __attribute__((visibility("default"))) static void takeDataSnapshot(Domain* domain, const std::string& resourceName,
-                                                                     std::string& xmlFileName, std::string& snapshot);
+                                                                        std::string& xmlFileName,
+                                                                        std::string& snapshot);
     static void processSnapshotSingle(tinyxml2::XMLDocument& document, tinyxml2::XMLElement* parent,
                                       std::shared_ptr<DataObject> object);
     static void processSnapshotChilds(tinyxml2::XMLDocument& document, tinyxml2::XMLElement* parent,

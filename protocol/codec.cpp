@@ -21,8 +21,7 @@ namespace {
 
 class Encoder {
 public:
-    std::string operator()(const Hello& m)
-    {
+    std::string operator()(const Hello& m) {
         begin("hello");
         w.key("version");
         w.integer(m.version);
@@ -32,14 +31,14 @@ public:
         return end();
     }
 
-    std::string operator()(const Query& m)
-    {
+    std::string operator()(const Query& m) {
         begin("query");
         id(m.id);
         stringField("uri", m.uri);
         w.key("columns");
         w.beginArray();
-        for (const auto& column : m.columns) w.string(column);
+        for (const auto& column : m.columns)
+            w.string(column);
         w.endArray();
         stringField("filter", m.filter);
         stringField("sort", m.sort);
@@ -50,8 +49,7 @@ public:
         return end();
     }
 
-    std::string operator()(const Result& m)
-    {
+    std::string operator()(const Result& m) {
         begin("result");
         id(m.id);
         w.key("startIndex");
@@ -70,17 +68,18 @@ public:
         w.beginArray();
         for (const auto& row : m.rows) {
             w.beginArray();
-            for (const auto& cell : row) value(cell);
+            for (const auto& cell : row)
+                value(cell);
             w.endArray();
         }
         w.endArray();
         return end();
     }
 
-    std::string operator()(const Error& m)
-    {
+    std::string operator()(const Error& m) {
         begin("error");
-        if (m.id) id(*m.id);
+        if (m.id)
+            id(*m.id);
         stringField("reason", m.reason);
         if (m.position) {
             w.key("position");
@@ -91,16 +90,14 @@ public:
 
     std::string operator()(const Cancel& m) { return idOnly("cancel", m.id); }
 
-    std::string operator()(const Subscribe& m)
-    {
+    std::string operator()(const Subscribe& m) {
         begin("subscribe");
         id(m.id);
         stringField("uri", m.uri);
         return end();
     }
 
-    std::string operator()(const Update& m)
-    {
+    std::string operator()(const Update& m) {
         begin("update");
         id(m.id);
         stringField("address", m.address);
@@ -113,47 +110,44 @@ public:
     std::string operator()(const Pong& m) { return idOnly("pong", m.id); }
 
 private:
-    void begin(const char* type)
-    {
+    void begin(const char* type) {
         w.beginObject();
         stringField("type", type);
     }
 
-    std::string end()
-    {
+    std::string end() {
         w.endObject();
         return w.take();
     }
 
-    std::string idOnly(const char* type, std::uint64_t number)
-    {
+    std::string idOnly(const char* type, std::uint64_t number) {
         begin(type);
         id(number);
         return end();
     }
 
-    void id(std::uint64_t number)
-    {
+    void id(std::uint64_t number) {
         w.key("id");
         w.unsignedInteger(number);
     }
 
-    void stringField(const char* name, std::string_view text)
-    {
+    void stringField(const char* name, std::string_view text) {
         w.key(name);
         w.string(text);
     }
 
-    void optionalString(const char* name, const std::string& text)
-    {
-        if (!text.empty()) stringField(name, text);
+    void optionalString(const char* name, const std::string& text) {
+        if (!text.empty())
+            stringField(name, text);
     }
 
-    void value(const Value& cell)
-    {
-        if (auto* i = std::get_if<std::int64_t>(&cell)) return w.integer(*i);
-        if (auto* d = std::get_if<double>(&cell)) return w.real(*d);
-        if (auto* b = std::get_if<bool>(&cell)) return w.boolean(*b);
+    void value(const Value& cell) {
+        if (auto* i = std::get_if<std::int64_t>(&cell))
+            return w.integer(*i);
+        if (auto* d = std::get_if<double>(&cell))
+            return w.real(*d);
+        if (auto* b = std::get_if<bool>(&cell))
+            return w.boolean(*b);
         w.string(std::get<std::string>(cell));
     }
 
@@ -162,8 +156,7 @@ private:
 
 }  // namespace
 
-std::string encode(const Message& message)
-{
+std::string encode(const Message& message) {
     return std::visit(Encoder{}, message);
 }
 
@@ -179,13 +172,11 @@ struct DecodeFailure {
     std::string reason;
 };
 
-[[noreturn]] void fail(std::string reason)
-{
+[[noreturn]] void fail(std::string reason) {
     throw DecodeFailure{std::move(reason)};
 }
 
-std::string quoted(std::string_view text)
-{
+std::string quoted(std::string_view text) {
     std::string out;
     appendJsonString(out, text.substr(0, 64));
     return out;
@@ -197,39 +188,37 @@ class ObjectReader {
 public:
     ObjectReader(const json::object& object, std::string context) : object(object), context(std::move(context)) {}
 
-    const json::value* optional(const char* key)
-    {
+    const json::value* optional(const char* key) {
         auto* found = object.if_contains(key);
-        if (found) used.insert(key);
+        if (found)
+            used.insert(key);
         return found;
     }
 
-    const json::value& required(const char* key)
-    {
+    const json::value& required(const char* key) {
         auto* found = optional(key);
-        if (!found) fail(context + ": missing \"" + key + "\"");
+        if (!found)
+            fail(context + ": missing \"" + key + "\"");
         return *found;
     }
 
     std::string string(const char* key) { return asString(required(key), key); }
 
-    std::string optionalString(const char* key)
-    {
+    std::string optionalString(const char* key) {
         auto* found = optional(key);
         return found ? asString(*found, key) : std::string();
     }
 
     std::uint64_t unsignedInteger(const char* key) { return asUnsigned(required(key), key); }
 
-    std::optional<std::uint64_t> optionalUnsigned(const char* key)
-    {
+    std::optional<std::uint64_t> optionalUnsigned(const char* key) {
         auto* found = optional(key);
-        if (!found) return std::nullopt;
+        if (!found)
+            return std::nullopt;
         return asUnsigned(*found, key);
     }
 
-    std::int64_t integer(const char* key, std::int64_t min, std::int64_t max)
-    {
+    std::int64_t integer(const char* key, std::int64_t min, std::int64_t max) {
         const auto& v = required(key);
         std::int64_t number = 0;
         if (!toInt64(v, number) || number < min || number > max) {
@@ -239,16 +228,15 @@ public:
         return number;
     }
 
-    const json::array& array(const char* key)
-    {
+    const json::array& array(const char* key) {
         const auto& v = required(key);
-        if (!v.is_array()) fail(context + ": \"" + key + "\" must be an array");
+        if (!v.is_array())
+            fail(context + ": \"" + key + "\" must be an array");
         return v.get_array();
     }
 
     /// Call last: every key present must have been read.
-    void finish() const
-    {
+    void finish() const {
         for (const auto& entry : object) {
             if (used.count(std::string(entry.key())) == 0) {
                 fail(context + ": unknown key " + quoted(entry.key()));
@@ -258,8 +246,7 @@ public:
 
     const std::string& where() const { return context; }
 
-    static bool toInt64(const json::value& v, std::int64_t& number)
-    {
+    static bool toInt64(const json::value& v, std::int64_t& number) {
         if (v.is_int64()) {
             number = v.get_int64();
             return true;
@@ -272,16 +259,17 @@ public:
     }
 
 private:
-    std::string asString(const json::value& v, const char* key) const
-    {
-        if (!v.is_string()) fail(context + ": \"" + key + "\" must be a string");
+    std::string asString(const json::value& v, const char* key) const {
+        if (!v.is_string())
+            fail(context + ": \"" + key + "\" must be a string");
         return std::string(v.get_string());
     }
 
-    std::uint64_t asUnsigned(const json::value& v, const char* key) const
-    {
-        if (v.is_uint64()) return v.get_uint64();
-        if (v.is_int64() && v.get_int64() >= 0) return static_cast<std::uint64_t>(v.get_int64());
+    std::uint64_t asUnsigned(const json::value& v, const char* key) const {
+        if (v.is_uint64())
+            return v.get_uint64();
+        if (v.is_int64() && v.get_int64() >= 0)
+            return static_cast<std::uint64_t>(v.get_int64());
         fail(context + ": \"" + key + "\" must be an integer from 0 to 18446744073709551615");
     }
 
@@ -293,46 +281,50 @@ private:
 constexpr std::int64_t int32Min = std::numeric_limits<std::int32_t>::min();
 constexpr std::int64_t int32Max = std::numeric_limits<std::int32_t>::max();
 
-std::vector<std::string> stringArray(const json::array& array, const std::string& where)
-{
+std::vector<std::string> stringArray(const json::array& array, const std::string& where) {
     std::vector<std::string> strings;
     strings.reserve(array.size());
     for (const auto& v : array) {
-        if (!v.is_string()) fail(where + " must hold strings only");
+        if (!v.is_string())
+            fail(where + " must hold strings only");
         strings.emplace_back(v.get_string());
     }
     return strings;
 }
 
-Value cellValue(const json::value& v, ColumnType type, const std::string& where)
-{
+Value cellValue(const json::value& v, ColumnType type, const std::string& where) {
     switch (type) {
     case ColumnType::integer: {
         std::int64_t number = 0;
-        if (!ObjectReader::toInt64(v, number)) fail(where + " must be a 64-bit integer");
+        if (!ObjectReader::toInt64(v, number))
+            fail(where + " must be a 64-bit integer");
         return number;
     }
     case ColumnType::real:
-        if (!v.is_number()) fail(where + " must be a number");
-        if (!std::isfinite(v.to_number<double>())) fail(where + " is out of range");
+        if (!v.is_number())
+            fail(where + " must be a number");
+        if (!std::isfinite(v.to_number<double>()))
+            fail(where + " is out of range");
         return v.to_number<double>();
     case ColumnType::boolean:
-        if (!v.is_bool()) fail(where + " must be true or false");
+        if (!v.is_bool())
+            fail(where + " must be true or false");
         return v.get_bool();
     case ColumnType::text:
-        if (!v.is_string()) fail(where + " must be a string");
+        if (!v.is_string())
+            fail(where + " must be a string");
         return std::string(v.get_string());
     }
     fail(where + " has an unknown type");
 }
 
-std::vector<Column> resultColumns(const json::array& array)
-{
+std::vector<Column> resultColumns(const json::array& array) {
     std::vector<Column> columns;
     columns.reserve(array.size());
     for (std::size_t i = 0; i < array.size(); ++i) {
         std::string where = "result: column " + std::to_string(i);
-        if (!array[i].is_object()) fail(where + " must be an object");
+        if (!array[i].is_object())
+            fail(where + " must be an object");
         ObjectReader reader(array[i].get_object(), where);
         Column column;
         column.name = reader.string("name");
@@ -344,13 +336,13 @@ std::vector<Column> resultColumns(const json::array& array)
     return columns;
 }
 
-std::vector<std::vector<Value>> resultRows(const json::array& array, const std::vector<Column>& columns)
-{
+std::vector<std::vector<Value>> resultRows(const json::array& array, const std::vector<Column>& columns) {
     std::vector<std::vector<Value>> rows;
     rows.reserve(array.size());
     for (std::size_t r = 0; r < array.size(); ++r) {
         std::string where = "result: row " + std::to_string(r);
-        if (!array[r].is_array()) fail(where + " must be an array");
+        if (!array[r].is_array())
+            fail(where + " must be an array");
         const auto& cells = array[r].get_array();
         if (cells.size() != columns.size()) {
             fail(where + " has " + std::to_string(cells.size()) + " cells for " + std::to_string(columns.size()) +
@@ -372,35 +364,44 @@ class BodyDecoder {
 public:
     BodyDecoder(ObjectReader& reader, std::optional<RequestId>& id) : reader(reader), id(id) {}
 
-    Message decode(std::string_view type)
-    {
-        if (type == "hello") return hello();
-        if (type == "query") return query();
-        if (type == "result") return result();
-        if (type == "error") return error();
-        if (type == "cancel") return Cancel{requestId()};
-        if (type == "subscribe") return subscribe();
-        if (type == "update") return update();
-        if (type == "unsubscribe") return Unsubscribe{requestId()};
-        if (type == "ping") return Ping{reader.unsignedInteger("id")};
-        if (type == "pong") return Pong{reader.unsignedInteger("id")};
+    Message decode(std::string_view type) {
+        if (type == "hello")
+            return hello();
+        if (type == "query")
+            return query();
+        if (type == "result")
+            return result();
+        if (type == "error")
+            return error();
+        if (type == "cancel")
+            return Cancel{requestId()};
+        if (type == "subscribe")
+            return subscribe();
+        if (type == "update")
+            return update();
+        if (type == "unsubscribe")
+            return Unsubscribe{requestId()};
+        if (type == "ping")
+            return Ping{reader.unsignedInteger("id")};
+        if (type == "pong")
+            return Pong{reader.unsignedInteger("id")};
         // The sender may still tell which of its requests was refused.
         if (const json::value* given = reader.optional("id")) {
-            if (given->is_uint64()) id = given->get_uint64();
-            if (given->is_int64() && given->get_int64() >= 0) id = static_cast<RequestId>(given->get_int64());
+            if (given->is_uint64())
+                id = given->get_uint64();
+            if (given->is_int64() && given->get_int64() >= 0)
+                id = static_cast<RequestId>(given->get_int64());
         }
         fail("unknown message type " + quoted(type));
     }
 
 private:
-    RequestId requestId()
-    {
+    RequestId requestId() {
         id = reader.unsignedInteger("id");
         return *id;
     }
 
-    Hello hello()
-    {
+    Hello hello() {
         Hello m;
         m.version = static_cast<int>(reader.integer("version", 0, int32Max));
         m.software = reader.optionalString("software");
@@ -409,8 +410,7 @@ private:
         return m;
     }
 
-    Query query()
-    {
+    Query query() {
         Query m;
         m.id = requestId();
         m.uri = reader.string("uri");
@@ -422,8 +422,7 @@ private:
         return m;
     }
 
-    Result result()
-    {
+    Result result() {
         Result m;
         m.id = requestId();
         m.startIndex = reader.unsignedInteger("startIndex");
@@ -432,8 +431,7 @@ private:
         return m;
     }
 
-    Error error()
-    {
+    Error error() {
         Error m;
         m.id = reader.optionalUnsigned("id");
         id = m.id;
@@ -442,16 +440,14 @@ private:
         return m;
     }
 
-    Subscribe subscribe()
-    {
+    Subscribe subscribe() {
         Subscribe m;
         m.id = requestId();
         m.uri = reader.string("uri");
         return m;
     }
 
-    Update update()
-    {
+    Update update() {
         Update m;
         m.id = requestId();
         m.address = reader.string("address");
@@ -463,15 +459,14 @@ private:
     std::optional<RequestId>& id;
 };
 
-json::value parseJson(std::string_view frame)
-{
+json::value parseJson(std::string_view frame) {
     JsonReadResult read = readJson(frame, maxJsonDepth);
-    if (!read.error.empty()) fail(read.error);
+    if (!read.error.empty())
+        fail(read.error);
     return std::move(read.value);
 }
 
-Decoded decodeFrame(std::string_view frame, std::size_t maxBytes)
-{
+Decoded decodeFrame(std::string_view frame, std::size_t maxBytes) {
     Decoded decoded;
     if (frame.size() > maxBytes) {
         decoded.error.reason = "frame of " + std::to_string(frame.size()) + " bytes exceeds the limit of " +
@@ -481,10 +476,12 @@ Decoded decodeFrame(std::string_view frame, std::size_t maxBytes)
     std::optional<RequestId> id;
     try {
         json::value document = parseJson(frame);
-        if (!document.is_object()) fail("a message must be a JSON object");
+        if (!document.is_object())
+            fail("a message must be a JSON object");
         const auto& object = document.get_object();
         auto* type = object.if_contains("type");
-        if (!type || !type->is_string()) fail("a message needs a \"type\" string");
+        if (!type || !type->is_string())
+            fail("a message needs a \"type\" string");
         std::string typeText(type->get_string());
         ObjectReader reader(object, typeText);
         reader.optional("type");
@@ -500,8 +497,7 @@ Decoded decodeFrame(std::string_view frame, std::size_t maxBytes)
 
 }  // namespace
 
-Decoded decode(std::string_view frame, std::size_t maxBytes) noexcept
-{
+Decoded decode(std::string_view frame, std::size_t maxBytes) noexcept {
     try {
         return decodeFrame(frame, maxBytes);
     } catch (const std::bad_alloc&) {

@@ -27,44 +27,42 @@ public:
     StrictHandler() { stack.reset(); }
 
     StrictHandler(json::storage_ptr storage, unsigned char* temp, std::size_t tempSize)
-        : stack(json::storage_ptr(), temp, tempSize), checkKeys(false)
-    {
+        : stack(json::storage_ptr(), temp, tempSize),
+          checkKeys(false) {
         stack.reset(std::move(storage));
     }
 
     bool on_document_begin(json::error_code&) { return true; }
     bool on_document_end(json::error_code&) { return true; }
 
-    bool on_object_begin(json::error_code&)
-    {
-        if (checkKeys) keys.emplace_back();
+    bool on_object_begin(json::error_code&) {
+        if (checkKeys)
+            keys.emplace_back();
         return true;
     }
 
-    bool on_object_end(std::size_t n, json::error_code&)
-    {
-        if (checkKeys) keys.pop_back();
+    bool on_object_end(std::size_t n, json::error_code&) {
+        if (checkKeys)
+            keys.pop_back();
         stack.push_object(n);
         return true;
     }
 
     bool on_array_begin(json::error_code&) { return true; }
 
-    bool on_array_end(std::size_t n, json::error_code&)
-    {
+    bool on_array_end(std::size_t n, json::error_code&) {
         stack.push_array(n);
         return true;
     }
 
-    bool on_key_part(json::string_view s, std::size_t, json::error_code&)
-    {
-        if (checkKeys) key.append(s.data(), s.size());
+    bool on_key_part(json::string_view s, std::size_t, json::error_code&) {
+        if (checkKeys)
+            key.append(s.data(), s.size());
         stack.push_chars(s);
         return true;
     }
 
-    bool on_key(json::string_view s, std::size_t, json::error_code& ec)
-    {
+    bool on_key(json::string_view s, std::size_t, json::error_code& ec) {
         if (!checkKeys) {
             stack.push_key(s);
             return true;
@@ -81,58 +79,51 @@ public:
         return true;
     }
 
-    bool on_string_part(json::string_view s, std::size_t, json::error_code&)
-    {
+    bool on_string_part(json::string_view s, std::size_t, json::error_code&) {
         stack.push_chars(s);
         return true;
     }
 
-    bool on_string(json::string_view s, std::size_t, json::error_code&)
-    {
+    bool on_string(json::string_view s, std::size_t, json::error_code&) {
         stack.push_string(s);
         return true;
     }
 
-    bool on_number_part(json::string_view s, json::error_code&)
-    {
+    bool on_number_part(json::string_view s, json::error_code&) {
         number.append(s.data(), s.size());
         return true;
     }
 
-    bool on_int64(std::int64_t i, json::string_view, json::error_code&)
-    {
+    bool on_int64(std::int64_t i, json::string_view, json::error_code&) {
         number.clear();
         stack.push_int64(i);
         return true;
     }
 
-    bool on_uint64(std::uint64_t u, json::string_view, json::error_code&)
-    {
+    bool on_uint64(std::uint64_t u, json::string_view, json::error_code&) {
         number.clear();
         stack.push_uint64(u);
         return true;
     }
 
-    bool on_double(double d, json::string_view s, json::error_code&)
-    {
+    bool on_double(double d, json::string_view s, json::error_code&) {
         number.append(s.data(), s.size());
         double exact = d;
         auto [end, ec] = std::from_chars(number.data(), number.data() + number.size(), exact);
         // Out of range keeps the library's value (an infinity or zero).
-        if (ec != std::errc() || end != number.data() + number.size()) exact = d;
+        if (ec != std::errc() || end != number.data() + number.size())
+            exact = d;
         number.clear();
         stack.push_double(exact);
         return true;
     }
 
-    bool on_bool(bool b, json::error_code&)
-    {
+    bool on_bool(bool b, json::error_code&) {
         stack.push_bool(b);
         return true;
     }
 
-    bool on_null(json::error_code&)
-    {
+    bool on_null(json::error_code&) {
         stack.push_null();
         return true;
     }
@@ -153,14 +144,14 @@ private:
 
 }  // namespace
 
-JsonReadResult readJson(std::string_view text, std::size_t maxDepth)
-{
+JsonReadResult readJson(std::string_view text, std::size_t maxDepth) {
     json::parse_options options;
     options.max_depth = maxDepth;
     json::basic_parser<StrictHandler> parser(options);
     json::error_code ec;
     std::size_t consumed = parser.write_some(false, text.data(), text.size(), ec);
-    if (!ec && consumed < text.size()) ec = json::error::extra_data;
+    if (!ec && consumed < text.size())
+        ec = json::error::extra_data;
 
     JsonReadResult result;
     if (parser.handler().keyRepeated) {
@@ -178,13 +169,14 @@ JsonReadResult readJson(std::string_view text, std::size_t maxDepth)
 }
 
 JsonParseStatus readJsonInto(std::string_view text, json::storage_ptr storage, unsigned char* temp,
-                             std::size_t tempSize, json::value& value)
-{
+                             std::size_t tempSize, json::value& value) {
     json::basic_parser<StrictHandler> parser(json::parse_options(), std::move(storage), temp, tempSize);
     JsonParseStatus status;
     status.consumed = parser.write_some(false, text.data(), text.size(), status.code);
-    if (!status.code && status.consumed < text.size()) status.code = json::error::extra_data;
-    if (!status.code) value = parser.handler().stack.release();
+    if (!status.code && status.consumed < text.size())
+        status.code = json::error::extra_data;
+    if (!status.code)
+        value = parser.handler().stack.release();
     return status;
 }
 

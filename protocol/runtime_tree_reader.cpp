@@ -4,15 +4,13 @@
 
 namespace tethrix::protocol {
 
-std::string RuntimeXmlFault::message() const
-{
+std::string RuntimeXmlFault::message() const {
     return "line " + std::to_string(line) + ", " + element + ": " + reason;
 }
 
 namespace runtime_xml {
 
-std::optional<RuntimeNodeType> kindOf(const tinyxml2::XMLElement& element)
-{
+std::optional<RuntimeNodeType> kindOf(const tinyxml2::XMLElement& element) {
     struct Entry {
         const char* name;
         RuntimeNodeType kind;
@@ -25,31 +23,32 @@ std::optional<RuntimeNodeType> kindOf(const tinyxml2::XMLElement& element)
         {"string", runtimeString},   {"object", runtimeObject},   {"list", runtimeList},
     };
     for (const Entry& entry : entries) {
-        if (std::strcmp(element.Name(), entry.name) == 0) return entry.kind;
+        if (std::strcmp(element.Name(), entry.name) == 0)
+            return entry.kind;
     }
     return std::nullopt;
 }
 
-std::string describe(const tinyxml2::XMLElement& element)
-{
+std::string describe(const tinyxml2::XMLElement& element) {
     std::string text = std::string("<") + element.Name();
-    if (const char* name = element.Attribute("name")) text += " name=" + quoted(name);
+    if (const char* name = element.Attribute("name"))
+        text += " name=" + quoted(name);
     return text + ">";
 }
 
-bool hasVisibleText(const tinyxml2::XMLElement& element)
-{
+bool hasVisibleText(const tinyxml2::XMLElement& element) {
     for (const tinyxml2::XMLNode* node = element.FirstChild(); node; node = node->NextSibling()) {
-        if (!node->ToText()) continue;
+        if (!node->ToText())
+            continue;
         for (const char* c = node->Value(); *c; ++c) {
-            if (!std::isspace(static_cast<unsigned char>(*c))) return true;
+            if (!std::isspace(static_cast<unsigned char>(*c)))
+                return true;
         }
     }
     return false;
 }
 
-const char* kindWord(RuntimeNodeType type)
-{
+const char* kindWord(RuntimeNodeType type) {
     switch (type) {
     case runtimeInteger:
         return "an integer";

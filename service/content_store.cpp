@@ -15,8 +15,7 @@ namespace {
 
 constexpr std::string_view contentScheme = "content://";
 
-[[noreturn]] void throwTooLarge()
-{
+[[noreturn]] void throwTooLarge() {
     throw QueryError("result too large: more than " + std::to_string(protocol::maxResultFrameBytes) +
                      " bytes, ask for fewer rows");
 }
@@ -28,8 +27,7 @@ class RowsSink {
 public:
     explicit RowsSink(std::vector<std::vector<protocol::Value>>& rows) : rows(rows) {}
 
-    void beginRow(std::size_t columns)
-    {
+    void beginRow(std::size_t columns) {
         rows.emplace_back();
         rows.back().reserve(columns);
     }
@@ -37,15 +35,14 @@ public:
     void real(double value) { add(value, 24); }
     void boolean(bool value) { add(value, 24); }
     void text(std::string_view value) { add(std::string(value), value.size() + 3); }
-    void endRow()
-    {
-        if (bytes > protocol::maxResultFrameBytes) throwTooLarge();
+    void endRow() {
+        if (bytes > protocol::maxResultFrameBytes)
+            throwTooLarge();
     }
 
 private:
     template <typename T>
-    void add(T value, std::size_t wireBytes)
-    {
+    void add(T value, std::size_t wireBytes) {
         bytes += wireBytes;
         rows.back().emplace_back(std::in_place_type<T>, std::move(value));
     }
@@ -64,10 +61,10 @@ public:
     void real(double value) { writer.real(value); }
     void boolean(bool value) { writer.boolean(value); }
     void text(std::string_view value) { writer.text(value); }
-    void endRow()
-    {
+    void endRow() {
         writer.endRow();
-        if (writer.size() > protocol::maxResultFrameBytes) throwTooLarge();
+        if (writer.size() > protocol::maxResultFrameBytes)
+            throwTooLarge();
     }
 
 private:
@@ -80,15 +77,15 @@ private:
 class ReadTransaction {
 public:
     ReadTransaction(const SqliteDatabase& database, SqliteStatement& begin, SqliteStatement& commit)
-        : database(database), commit(commit)
-    {
+        : database(database),
+          commit(commit) {
         begin.reset();
         begin.step();
         begin.reset();
     }
-    ~ReadTransaction()
-    {
-        if (sqlite3_get_autocommit(database.handle())) return;
+    ~ReadTransaction() {
+        if (sqlite3_get_autocommit(database.handle()))
+            return;
         try {
             commit.reset();
             commit.step();
@@ -124,15 +121,17 @@ private:
 /// What stays the same from one block of a query to the next.
 struct ContentStore::Plan {
     Plan(std::shared_ptr<const TableSchema> table, Projection projection, Ordering ordering)
-        : table(std::move(table)), projection(std::move(projection)), ordering(std::move(ordering))
-    {
+        : table(std::move(table)),
+          projection(std::move(projection)),
+          ordering(std::move(ordering)) {
         // The key parts follow the projection, so that the last row of a
         // block tells where the next block starts.
         for (const auto* column : this->projection.columns) {
             select += select.empty() ? "SELECT " : ", ";
             select += quoteIdentifier(column->name);
         }
-        if (this->ordering.isSeekable()) select += ", " + this->ordering.keyColumns();
+        if (this->ordering.isSeekable())
+            select += ", " + this->ordering.keyColumns();
     }
 
     std::shared_ptr<const TableSchema> table;
@@ -155,20 +154,17 @@ ContentStore::ContentStore(const std::string& databasePath, std::string authorit
       authority(std::move(authority)),
       catalog(database),
       plans(planCapacity),
-      statements(statementCapacity)
-{
+      statements(statementCapacity) {
     followDataChanges();
 }
 
 ContentStore::~ContentStore() = default;
 
-void ContentStore::setInterruptCheck(std::function<bool()> check)
-{
+void ContentStore::setInterruptCheck(std::function<bool()> check) {
     database.setInterruptCheck(std::move(check));
 }
 
-void ContentStore::dropCaches()
-{
+void ContentStore::dropCaches() {
     plans.clear();
     statements.clear();
     catalog.clear();
@@ -176,21 +172,20 @@ void ContentStore::dropCaches()
     nullPresence.clear();
 }
 
-void ContentStore::followDataChanges()
-{
+void ContentStore::followDataChanges() {
     std::int64_t version = 0;
     {
         ResetOnExit reset(versionQuery);
         versionQuery.step();
         version = versionQuery.integer(0);
     }
-    if (version == dataVersion) return;
+    if (version == dataVersion)
+        return;
     dataVersion = version;
     dropCaches();
 }
 
-std::shared_ptr<const TableSchema> ContentStore::resolveTable(const std::string& uri)
-{
+std::shared_ptr<const TableSchema> ContentStore::resolveTable(const std::string& uri) {
     if (uri.compare(0, contentScheme.size(), contentScheme) != 0) {
         throw QueryError("uri \"" + uri + "\" does not start with content://");
     }
@@ -201,14 +196,15 @@ std::shared_ptr<const TableSchema> ContentStore::resolveTable(const std::string&
         throw QueryError("unknown authority \"" + uriAuthority + "\"");
     }
     std::string tableName = slash == std::string::npos ? std::string() : rest.substr(slash + 1);
-    if (tableName.empty()) throw QueryError("uri \"" + uri + "\" names no table");
+    if (tableName.empty())
+        throw QueryError("uri \"" + uri + "\" names no table");
     auto table = catalog.findTable(tableName);
-    if (!table) throw QueryError("unknown table \"" + tableName + "\"");
+    if (!table)
+        throw QueryError("unknown table \"" + tableName + "\"");
     return table;
 }
 
-ContentStore::Projection ContentStore::project(const std::vector<std::string>& names, const TableSchema& table) const
-{
+ContentStore::Projection ContentStore::project(const std::vector<std::string>& names, const TableSchema& table) const {
     Projection projection;
     if (names.empty()) {
         for (const auto& column : table.columns) {
@@ -219,7 +215,8 @@ ContentStore::Projection ContentStore::project(const std::vector<std::string>& n
     }
     for (const auto& name : names) {
         const TableColumn* column = table.findColumn(name);
-        if (!column) throw QueryError("unknown column \"" + name + "\" in table \"" + table.name + "\"");
+        if (!column)
+            throw QueryError("unknown column \"" + name + "\" in table \"" + table.name + "\"");
         projection.columns.push_back(column);
         // Spelt as asked: clients match result columns by name.
         projection.resultColumns.push_back({name, column->type});
@@ -227,12 +224,13 @@ ContentStore::Projection ContentStore::project(const std::vector<std::string>& n
     return projection;
 }
 
-bool ContentStore::mayHoldNull(const TableSchema& table, const TableColumn& column)
-{
-    if (column.notNull) return false;
+bool ContentStore::mayHoldNull(const TableSchema& table, const TableColumn& column) {
+    if (column.notNull)
+        return false;
     std::string key = table.name + '\n' + column.name;
     auto known = nullPresence.find(key);
-    if (known != nullPresence.end()) return known->second;
+    if (known != nullPresence.end())
+        return known->second;
     auto statement = database.prepare("SELECT 1 FROM " + quoteIdentifier(table.name) + " WHERE " +
                                       quoteIdentifier(column.name) + " IS NULL LIMIT 1");
     bool present = statement.step();
@@ -240,8 +238,7 @@ bool ContentStore::mayHoldNull(const TableSchema& table, const TableColumn& colu
     return present;
 }
 
-ContentStore::Plan& ContentStore::planFor(const protocol::Query& query)
-{
+ContentStore::Plan& ContentStore::planFor(const protocol::Query& query) {
     std::string key = query.uri;
     key += '\0';
     for (const auto& column : query.columns) {
@@ -252,7 +249,8 @@ ContentStore::Plan& ContentStore::planFor(const protocol::Query& query)
     key += query.filter;
     key += '\0';
     key += query.sort;
-    if (Plan* known = plans.find(key)) return *known;
+    if (Plan* known = plans.find(key))
+        return *known;
 
     auto table = resolveTable(query.uri);
     Projection projection = project(query.columns, *table);
@@ -263,17 +261,18 @@ ContentStore::Plan& ContentStore::planFor(const protocol::Query& query)
     return plans.insert(key, std::make_unique<Plan>(table, std::move(projection), std::move(ordering)));
 }
 
-SqliteStatement& ContentStore::statementFor(const std::string& sql)
-{
-    if (SqliteStatement* known = statements.find(sql)) return *known;
+SqliteStatement& ContentStore::statementFor(const std::string& sql) {
+    if (SqliteStatement* known = statements.find(sql))
+        return *known;
     return statements.insert(sql, std::make_unique<SqliteStatement>(database.prepare(sql)));
 }
 
-ContentStore::Selection ContentStore::select(const protocol::Query& query)
-{
+ContentStore::Selection ContentStore::select(const protocol::Query& query) {
     followDataChanges();
-    if (query.index < 0) throw QueryError("index must not be negative");
-    if (query.count < 0) throw QueryError("count must not be negative");
+    if (query.index < 0)
+        throw QueryError("index must not be negative");
+    if (query.count < 0)
+        throw QueryError("count must not be negative");
     Selection selection;
     selection.plan = &planFor(query);
     selection.count = static_cast<std::uint64_t>(query.count);
@@ -290,7 +289,8 @@ ContentStore::Selection ContentStore::select(const protocol::Query& query)
     } else if (plan.ordering.isSeekable() && index >= OffsetIndex::spacing) {
         seek = indexes.indexFor(plan.ordering).seek(index, database, plan.ordering);
     }
-    if (seek.beyondEnd) return selection;
+    if (seek.beyondEnd)
+        return selection;
 
     std::vector<SqlValue> parameters;
     std::string sql = plan.select + plan.ordering.fromClause(seek.from, parameters) + " LIMIT ? OFFSET ?";
@@ -303,9 +303,9 @@ ContentStore::Selection ContentStore::select(const protocol::Query& query)
 }
 
 template <typename Sink>
-void ContentStore::readRows(const Selection& selection, Sink& sink)
-{
-    if (!selection.statement) return;
+void ContentStore::readRows(const Selection& selection, Sink& sink) {
+    if (!selection.statement)
+        return;
     SqliteStatement& statement = *selection.statement;
     ResetOnExit reset(statement);
     Plan& plan = *selection.plan;
@@ -318,10 +318,18 @@ void ContentStore::readRows(const Selection& selection, Sink& sink)
             const int column = static_cast<int>(c);
             // SQL NULL reads as the type's zero value in every case.
             switch (columns[c]->type) {
-            case protocol::ColumnType::integer: sink.integer(statement.integer(column)); break;
-            case protocol::ColumnType::real: sink.real(statement.real(column)); break;
-            case protocol::ColumnType::boolean: sink.boolean(statement.real(column) != 0.0); break;
-            case protocol::ColumnType::text: sink.text(statement.text(column)); break;
+            case protocol::ColumnType::integer:
+                sink.integer(statement.integer(column));
+                break;
+            case protocol::ColumnType::real:
+                sink.real(statement.real(column));
+                break;
+            case protocol::ColumnType::boolean:
+                sink.boolean(statement.real(column) != 0.0);
+                break;
+            case protocol::ColumnType::text:
+                sink.text(statement.text(column));
+                break;
             }
         }
         sink.endRow();
@@ -338,8 +346,7 @@ void ContentStore::readRows(const Selection& selection, Sink& sink)
     }
 }
 
-protocol::Result ContentStore::execute(const protocol::Query& query)
-{
+protocol::Result ContentStore::execute(const protocol::Query& query) {
     try {
         ReadTransaction transaction(database, beginRead, commitRead);
         Selection selection = select(query);
@@ -351,13 +358,13 @@ protocol::Result ContentStore::execute(const protocol::Query& query)
         readRows(selection, sink);
         return result;
     } catch (const SqliteError& error) {
-        if ((error.getCode() & 0xFF) == SQLITE_INTERRUPT) throw QueryInterrupted{};
+        if ((error.getCode() & 0xFF) == SQLITE_INTERRUPT)
+            throw QueryInterrupted{};
         throw QueryError(std::string("database: ") + error.what());
     }
 }
 
-ContentStore::Frame ContentStore::executeFrame(const protocol::Query& query)
-{
+ContentStore::Frame ContentStore::executeFrame(const protocol::Query& query) {
     try {
         ReadTransaction transaction(database, beginRead, commitRead);
         Selection selection = select(query);
@@ -374,7 +381,8 @@ ContentStore::Frame ContentStore::executeFrame(const protocol::Query& query)
         frame.bytes = writer.take();
         return frame;
     } catch (const SqliteError& error) {
-        if ((error.getCode() & 0xFF) == SQLITE_INTERRUPT) throw QueryInterrupted{};
+        if ((error.getCode() & 0xFF) == SQLITE_INTERRUPT)
+            throw QueryInterrupted{};
         throw QueryError(std::string("database: ") + error.what());
     }
 }

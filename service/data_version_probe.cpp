@@ -3,12 +3,10 @@
 namespace tethrix::service {
 
 DataVersionProbe::DataVersionProbe(const std::string& databasePath)
-    : database(SqliteDatabase::openReadOnly(databasePath)), statement(database.prepare("PRAGMA data_version"))
-{
-}
+    : database(SqliteDatabase::openReadOnly(databasePath)),
+      statement(database.prepare("PRAGMA data_version")) {}
 
-std::int64_t DataVersionProbe::version()
-{
+std::int64_t DataVersionProbe::version() {
     std::lock_guard<std::mutex> lock(mutex);
     statement.reset();
     statement.step();

@@ -18,17 +18,16 @@ public:
     explicit LruCache(std::size_t capacity) : capacity(capacity) {}
 
     /// The entry for `key`, now the most recently used; null if absent.
-    T* find(const std::string& key)
-    {
+    T* find(const std::string& key) {
         auto found = entries.find(key);
-        if (found == entries.end()) return nullptr;
+        if (found == entries.end())
+            return nullptr;
         recent.splice(recent.begin(), recent, found->second.usage);
         return found->second.object.get();
     }
 
     /// Adds an entry for a key that is absent.
-    T& insert(const std::string& key, std::unique_ptr<T> object)
-    {
+    T& insert(const std::string& key, std::unique_ptr<T> object) {
         if (entries.size() >= capacity && !recent.empty()) {
             entries.erase(recent.back());
             recent.pop_back();
@@ -40,8 +39,7 @@ public:
         return *entry.object;
     }
 
-    void clear()
-    {
+    void clear() {
         entries.clear();
         recent.clear();
     }

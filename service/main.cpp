@@ -11,8 +11,7 @@
 #include <exception>
 #include <iostream>
 
-int main(int argc, char** argv)
-{
+int main(int argc, char** argv) {
     using namespace tethrix::service;
     std::vector<std::string> arguments(argv + 1, argv + argc);
     if (!arguments.empty() && arguments.front() == "publish") {
@@ -28,11 +27,13 @@ int main(int argc, char** argv)
         Service service(line.options);
         boost::asio::signal_set signals(service.io(), SIGINT, SIGTERM);
         signals.async_wait([&service](boost::system::error_code error, int) {
-            if (!error) service.stop();
+            if (!error)
+                service.stop();
         });
         auto endpoint = service.endpoint();
         std::string host = endpoint.address().to_string();
-        if (endpoint.address().is_v6()) host = "[" + host + "]";
+        if (endpoint.address().is_v6())
+            host = "[" + host + "]";
         // Scripts and tests wait for this line to learn the port.
         std::printf("listening on %s:%u\n", host.c_str(), static_cast<unsigned>(endpoint.port()));
         std::fflush(stdout);

@@ -10,15 +10,15 @@ constexpr std::size_t readAhead = 16;
 
 }  // namespace
 
-OffsetIndex::Seek OffsetIndex::seek(std::uint64_t position, const SqliteDatabase& database, const Ordering& ordering)
-{
+OffsetIndex::Seek OffsetIndex::seek(std::uint64_t position, const SqliteDatabase& database, const Ordering& ordering) {
     Seek result;
     std::uint64_t whole = position / spacing;
     if (whole == 0) {
         result.skip = position;
         return result;
     }
-    if (checkpoints.size() < whole && !complete) extend(static_cast<std::size_t>(whole) + readAhead, database, ordering);
+    if (checkpoints.size() < whole && !complete)
+        extend(static_cast<std::size_t>(whole) + readAhead, database, ordering);
     if (complete && position >= knownRows) {
         result.beyondEnd = true;
         return result;
@@ -28,8 +28,7 @@ OffsetIndex::Seek OffsetIndex::seek(std::uint64_t position, const SqliteDatabase
     return result;
 }
 
-void OffsetIndex::extend(std::size_t wanted, const SqliteDatabase& database, const Ordering& ordering)
-{
+void OffsetIndex::extend(std::size_t wanted, const SqliteDatabase& database, const Ordering& ordering) {
     std::vector<SqlValue> parameters;
     const OrderKey* from = checkpoints.empty() ? nullptr : &checkpoints.back();
     std::string sql = "SELECT " + ordering.keyColumns() + ordering.fromClause(from, parameters);
@@ -50,7 +49,8 @@ void OffsetIndex::extend(std::size_t wanted, const SqliteDatabase& database, con
         if (!first && position % spacing == 0) {
             OrderKey key;
             key.reserve(static_cast<std::size_t>(parts));
-            for (int i = 0; i < parts; ++i) key.push_back(statement.value(i));
+            for (int i = 0; i < parts; ++i)
+                key.push_back(statement.value(i));
             checkpoints.push_back(std::move(key));
         }
         first = false;
@@ -58,8 +58,7 @@ void OffsetIndex::extend(std::size_t wanted, const SqliteDatabase& database, con
     }
 }
 
-OffsetIndex& OffsetIndexCache::indexFor(const Ordering& ordering)
-{
+OffsetIndex& OffsetIndexCache::indexFor(const Ordering& ordering) {
     const std::string& identity = ordering.identity();
     auto found = indexes.find(identity);
     if (found != indexes.end()) {
@@ -77,8 +76,7 @@ OffsetIndex& OffsetIndexCache::indexFor(const Ordering& ordering)
     return *entry.index;
 }
 
-void OffsetIndexCache::clear()
-{
+void OffsetIndexCache::clear() {
     indexes.clear();
     recent.clear();
 }

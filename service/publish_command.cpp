@@ -29,17 +29,16 @@ namespace {
 
 constexpr std::chrono::seconds exchangeTimeout{10};
 
-[[noreturn]] void refuse(const std::string& reason)
-{
+[[noreturn]] void refuse(const std::string& reason) {
     throw std::invalid_argument(reason);
 }
 
 /// "http://HOST:PORT/...", "ws://HOST:PORT/...", "HOST:PORT" or
 /// "[v6]:PORT": the host and port, whatever the path.
-void readServiceUrl(std::string url, PublishRequest& request)
-{
+void readServiceUrl(std::string url, PublishRequest& request) {
     for (const char* scheme : {"http://", "ws://"}) {
-        if (url.rfind(scheme, 0) == 0) url = url.substr(std::string(scheme).size());
+        if (url.rfind(scheme, 0) == 0)
+            url = url.substr(std::string(scheme).size());
     }
     url = url.substr(0, url.find('/'));
     const auto colon = url.rfind(':');
@@ -53,27 +52,29 @@ void readServiceUrl(std::string url, PublishRequest& request)
     request.port = url.substr(colon + 1);
 }
 
-std::string readText(const std::string& argument)
-{
-    if (argument.empty() || argument[0] != '@') return argument;
+std::string readText(const std::string& argument) {
+    if (argument.empty() || argument[0] != '@')
+        return argument;
     const std::string path = argument.substr(1);
-    if (path == "-") return std::string(std::istreambuf_iterator<char>(std::cin), {});
+    if (path == "-")
+        return std::string(std::istreambuf_iterator<char>(std::cin), {});
     std::ifstream file(path, std::ios::binary);
-    if (!file) refuse("cannot read \"" + path + "\"");
+    if (!file)
+        refuse("cannot read \"" + path + "\"");
     return std::string(std::istreambuf_iterator<char>(file), {});
 }
 
 }  // namespace
 
-PublishRequest parsePublishCommand(const std::vector<std::string>& arguments)
-{
+PublishRequest parsePublishCommand(const std::vector<std::string>& arguments) {
     PublishRequest request;
     std::optional<std::string> service;
     std::vector<std::string> positional;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
         const std::string& argument = arguments[i];
         if (argument == "--service") {
-            if (i + 1 >= arguments.size()) refuse("--service needs a value");
+            if (i + 1 >= arguments.size())
+                refuse("--service needs a value");
             service = arguments[++i];
         } else if (argument.rfind("--service=", 0) == 0) {
             service = argument.substr(10);
@@ -83,8 +84,10 @@ PublishRequest parsePublishCommand(const std::vector<std::string>& arguments)
             positional.push_back(argument);
         }
     }
-    if (!service) refuse(std::string("--service URL is required; ") + publishUsage);
-    if (positional.size() != 2) refuse(std::string("NAME and TEXT are required; ") + publishUsage);
+    if (!service)
+        refuse(std::string("--service URL is required; ") + publishUsage);
+    if (positional.size() != 2)
+        refuse(std::string("NAME and TEXT are required; ") + publishUsage);
     readServiceUrl(*service, request);
     request.name = positional[0];
     request.text = readText(positional[1]);
@@ -94,8 +97,7 @@ PublishRequest parsePublishCommand(const std::vector<std::string>& arguments)
     return request;
 }
 
-PublishReply postUpdate(const PublishRequest& request)
-{
+PublishReply postUpdate(const PublishRequest& request) {
     boost::asio::io_context io;
     beast::tcp_stream stream(io);
     const std::string where = request.host + ":" + request.port;
@@ -113,15 +115,15 @@ PublishReply postUpdate(const PublishRequest& request)
         http::response<http::string_body> response;
         http::read(stream, buffer, response);
         std::string body = response.body();
-        while (!body.empty() && (body.back() == '\n' || body.back() == '\r')) body.pop_back();
+        while (!body.empty() && (body.back() == '\n' || body.back() == '\r'))
+            body.pop_back();
         return {static_cast<int>(response.result_int()), body};
     } catch (const beast::system_error& error) {
         throw std::runtime_error("cannot publish to " + where + ": " + error.code().message());
     }
 }
 
-int runPublishCommand(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err)
-{
+int runPublishCommand(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& err) {
     if (std::find(arguments.begin(), arguments.end(), "--help") != arguments.end()) {
         out << publishUsage << "\n";
         return 0;

@@ -12,9 +12,8 @@ namespace tethrix::service {
 class QueryError : public std::runtime_error {
 public:
     explicit QueryError(const std::string& reason, std::optional<std::size_t> position = std::nullopt)
-        : std::runtime_error(reason), position(position)
-    {
-    }
+        : std::runtime_error(reason),
+          position(position) {}
     /// Byte offset into the filter or sort the reason is about.
     std::optional<std::size_t> getPosition() const { return position; }
 

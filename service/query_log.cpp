@@ -4,8 +4,7 @@
 
 namespace tethrix::service {
 
-std::string quoteForLog(std::string_view text)
-{
+std::string quoteForLog(std::string_view text) {
     std::string quoted = "\"";
     for (char c : text) {
         auto u = static_cast<unsigned char>(c);
@@ -24,11 +23,11 @@ std::string quoteForLog(std::string_view text)
     return quoted + '"';
 }
 
-std::string formatQueryLogLine(const protocol::Query& query, const std::string& outcome, double milliseconds)
-{
+std::string formatQueryLogLine(const protocol::Query& query, const std::string& outcome, double milliseconds) {
     std::string columns;
     for (const auto& column : query.columns) {
-        if (!columns.empty()) columns += ',';
+        if (!columns.empty())
+            columns += ',';
         columns += column;
     }
     char elapsed[32];
@@ -39,8 +38,7 @@ std::string formatQueryLogLine(const protocol::Query& query, const std::string& 
            " count=" + std::to_string(query.count) + " " + outcome + " ms=" + elapsed;
 }
 
-void writeLogLine(const std::string& line)
-{
+void writeLogLine(const std::string& line) {
     std::string text = line + '\n';
     std::fwrite(text.data(), 1, text.size(), stderr);
     std::fflush(stderr);

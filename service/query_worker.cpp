@@ -13,14 +13,14 @@ namespace tethrix::service {
 
 namespace {
 
-QueryAnswer errorAnswer(protocol::RequestId id, const QueryError& error)
-{
+QueryAnswer errorAnswer(protocol::RequestId id, const QueryError& error) {
     QueryAnswer answer;
     answer.id = id;
     protocol::Error message;
     message.id = id;
     message.reason = error.what();
-    if (auto position = error.getPosition()) message.position = *position;
+    if (auto position = error.getPosition())
+        message.position = *position;
     answer.frame = protocol::encode(message);
     answer.error = error.what();
     return answer;
@@ -28,8 +28,7 @@ QueryAnswer errorAnswer(protocol::RequestId id, const QueryError& error)
 
 /// Equal for queries that differ at most in id and index: blocks of one
 /// content, of one size.
-std::string shapeOf(const protocol::Query& query)
-{
+std::string shapeOf(const protocol::Query& query) {
     std::string shape = query.uri;
     shape += '\0';
     for (const auto& column : query.columns) {
@@ -47,8 +46,7 @@ std::string shapeOf(const protocol::Query& query)
 
 }  // namespace
 
-QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query, bool binary)
-{
+QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query, bool binary) {
     QueryAnswer answer;
     answer.id = query.id;
     try {
@@ -75,8 +73,9 @@ QueryAnswer answerQuery(ContentStore& store, const protocol::Query& query, bool 
 
 QueryWorker::QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std::chrono::milliseconds timeLimit,
                          bool logQueries, ReadAhead readAhead)
-    : timeLimit(timeLimit), logQueries(logQueries), readAhead(std::move(readAhead))
-{
+    : timeLimit(timeLimit),
+      logQueries(logQueries),
+      readAhead(std::move(readAhead)) {
     for (auto& store : stores) {
         auto lane = std::make_unique<Lane>();
         lane->store = std::move(store);
@@ -93,16 +92,15 @@ QueryWorker::QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std:
     }
 }
 
-QueryWorker::~QueryWorker()
-{
+QueryWorker::~QueryWorker() {
     stop();
 }
 
-void QueryWorker::stop()
-{
+void QueryWorker::stop() {
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (stopping) return;
+        if (stopping)
+            return;
         stopping = true;
         queued.clear();
         ready.clear();
@@ -115,20 +113,22 @@ void QueryWorker::stop()
     }
 }
 
-void QueryWorker::submit(Client client, protocol::Query query, bool binary, CancelFlag cancel, Done done)
-{
+void QueryWorker::submit(Client client, protocol::Query query, bool binary, CancelFlag cancel, Done done) {
     const auto started = std::chrono::steady_clock::now();
     Job job{std::move(query), binary, std::move(cancel), std::move(done)};
     std::optional<QueryAnswer> answer;
     {
         std::lock_guard<std::mutex> lock(mutex);
-        if (stopping) return;
+        if (stopping)
+            return;
         auto [entry, fresh] = queued.try_emplace(client);
         // Only a client with nothing queued or running may be answered at
         // once: its answers keep the order of its queries.
-        if (fresh) answer = takeReadAhead(client, job.query, binary);
+        if (fresh)
+            answer = takeReadAhead(client, job.query, binary);
         if (answer) {
-            if (noteAnswered(client, job, *answer)) entry->second.push_back(readAheadJob(job));
+            if (noteAnswered(client, job, *answer))
+                entry->second.push_back(readAheadJob(job));
         } else {
             entry->second.push_back(std::move(job));
         }
@@ -147,22 +147,23 @@ void QueryWorker::submit(Client client, protocol::Query query, bool binary, Canc
     }
 }
 
-void QueryWorker::forget(Client client)
-{
+void QueryWorker::forget(Client client) {
     std::lock_guard<std::mutex> lock(mutex);
     paging.erase(client);
 }
 
-std::optional<QueryAnswer> QueryWorker::takeReadAhead(Client client, const protocol::Query& query, bool binary)
-{
+std::optional<QueryAnswer> QueryWorker::takeReadAhead(Client client, const protocol::Query& query, bool binary) {
     auto found = paging.find(client);
-    if (found == paging.end() || found->second.readyShape.empty()) return std::nullopt;
+    if (found == paging.end() || found->second.readyShape.empty())
+        return std::nullopt;
     Paging& state = found->second;
     const std::string shape = std::exchange(state.readyShape, std::string());
     QueryAnswer answer = std::exchange(state.ready, QueryAnswer());
-    if (!binary || state.readyIndex != query.index || shape != shapeOf(query)) return std::nullopt;
+    if (!binary || state.readyIndex != query.index || shape != shapeOf(query))
+        return std::nullopt;
     try {
-        if (readAhead.probe->version() != state.readyVersion) return std::nullopt;
+        if (readAhead.probe->version() != state.readyVersion)
+            return std::nullopt;
     } catch (const SqliteError&) {
         return std::nullopt;
     }
@@ -171,9 +172,9 @@ std::optional<QueryAnswer> QueryWorker::takeReadAhead(Client client, const proto
     return answer;
 }
 
-bool QueryWorker::noteAnswered(Client client, const Job& job, const QueryAnswer& answer)
-{
-    if (!readAhead.probe || readAhead.maxBytes == 0 || stopping) return false;
+bool QueryWorker::noteAnswered(Client client, const Job& job, const QueryAnswer& answer) {
+    if (!readAhead.probe || readAhead.maxBytes == 0 || stopping)
+        return false;
     Paging& state = paging[client];
     const std::string shape = shapeOf(job.query);
     const std::int64_t index = job.query.index;
@@ -190,8 +191,7 @@ bool QueryWorker::noteAnswered(Client client, const Job& job, const QueryAnswer&
     return sequential && full && index + 2 * count <= std::numeric_limits<std::int32_t>::max();
 }
 
-QueryWorker::Job QueryWorker::readAheadJob(const Job& answered) const
-{
+QueryWorker::Job QueryWorker::readAheadJob(const Job& answered) const {
     Job job;
     job.query = answered.query;
     job.query.id = 0;
@@ -200,12 +200,12 @@ QueryWorker::Job QueryWorker::readAheadJob(const Job& answered) const
     return job;
 }
 
-void QueryWorker::run(Lane& lane)
-{
+void QueryWorker::run(Lane& lane) {
     std::unique_lock<std::mutex> lock(mutex);
     for (;;) {
         wake.wait(lock, [this] { return stopping || !ready.empty(); });
-        if (stopping) return;
+        if (stopping)
+            return;
         const Client client = ready.front();
         ready.pop_front();
         auto entry = queued.find(client);
@@ -214,7 +214,8 @@ void QueryWorker::run(Lane& lane)
         lock.unlock();
         process(lane, client, job);
         lock.lock();
-        if (stopping) return;
+        if (stopping)
+            return;
         // The client stays in the map while its job runs, so that a new one
         // waits behind it instead of running beside it.
         entry = queued.find(client);
@@ -227,10 +228,11 @@ void QueryWorker::run(Lane& lane)
     }
 }
 
-void QueryWorker::process(Lane& lane, Client client, Job& job)
-{
-    if (!job.done) return readAheadFor(lane, client, job);
-    if (job.cancel && job.cancel->load()) return;
+void QueryWorker::process(Lane& lane, Client client, Job& job) {
+    if (!job.done)
+        return readAheadFor(lane, client, job);
+    if (job.cancel && job.cancel->load())
+        return;
     auto started = std::chrono::steady_clock::now();
     std::optional<QueryAnswer> ready;
     {
@@ -249,17 +251,17 @@ void QueryWorker::process(Lane& lane, Client client, Job& job)
         } catch (const QueryInterrupted&) {
             cancelled = abandoning.load() || (job.cancel && job.cancel->load());
             if (!cancelled) {
-                answer = errorAnswer(job.query.id,
-                                     QueryError("query stopped after its time limit of " +
-                                                std::to_string(timeLimit.count()) +
-                                                " ms; narrow the filter or ask for fewer rows"));
+                answer = errorAnswer(job.query.id, QueryError("query stopped after its time limit of " +
+                                                              std::to_string(timeLimit.count()) +
+                                                              " ms; narrow the filter or ask for fewer rows"));
             }
         }
         lane.current.reset();
         lane.deadline = std::chrono::steady_clock::time_point::max();
     }
     logAnswer(job, answer, cancelled, started);
-    if (cancelled || (job.cancel && job.cancel->load())) return;
+    if (cancelled || (job.cancel && job.cancel->load()))
+        return;
     {
         // Behind whatever the client has queued meanwhile; it is skipped
         // if the client has moved elsewhere by then.
@@ -272,8 +274,7 @@ void QueryWorker::process(Lane& lane, Client client, Job& job)
     job.done(std::move(answer));
 }
 
-void QueryWorker::readAheadFor(Lane& lane, Client client, Job& job)
-{
+void QueryWorker::readAheadFor(Lane& lane, Client client, Job& job) {
     {
         std::lock_guard<std::mutex> lock(mutex);
         auto found = paging.find(client);
@@ -311,9 +312,9 @@ void QueryWorker::readAheadFor(Lane& lane, Client client, Job& job)
 }
 
 void QueryWorker::logAnswer(const Job& job, const QueryAnswer& answer, bool cancelled,
-                            std::chrono::steady_clock::time_point started) const
-{
-    if (!logQueries) return;
+                            std::chrono::steady_clock::time_point started) const {
+    if (!logQueries)
+        return;
     auto elapsed = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - started);
     std::string outcome = cancelled              ? "cancelled"
                           : answer.error.empty() ? "rows=" + std::to_string(answer.rows)

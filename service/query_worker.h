@@ -67,8 +67,8 @@ public:
 
     /// One thread per store. `logQueries`: one line per query on standard
     /// error.
-    QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std::chrono::milliseconds timeLimit,
-                bool logQueries, ReadAhead readAhead);
+    QueryWorker(std::vector<std::unique_ptr<ContentStore>> stores, std::chrono::milliseconds timeLimit, bool logQueries,
+                ReadAhead readAhead);
     /// Interrupts the queries under way, drops the rest and joins the
     /// threads; nothing is answered after it. Sessions may still forget
     /// their clients until the worker is destroyed.

@@ -24,26 +24,25 @@ constexpr std::chrono::milliseconds closingGrace{500};
 constexpr std::chrono::milliseconds closingPoll{10};
 constexpr std::chrono::milliseconds acceptRetryDelay{100};
 
-bool allEnded(const std::vector<std::weak_ptr<WebSocketSession>>& sessions)
-{
+bool allEnded(const std::vector<std::weak_ptr<WebSocketSession>>& sessions) {
     for (const auto& session : sessions) {
-        if (!session.expired()) return false;
+        if (!session.expired())
+            return false;
     }
     return true;
 }
 
-tcp::endpoint endpointFor(const std::string& address, unsigned short port)
-{
+tcp::endpoint endpointFor(const std::string& address, unsigned short port) {
     boost::system::error_code error;
     auto ip = asio::ip::make_address(address, error);
-    if (error) throw std::runtime_error("bad bind address \"" + address + "\"");
+    if (error)
+        throw std::runtime_error("bad bind address \"" + address + "\"");
     return tcp::endpoint(ip, port);
 }
 
 }  // namespace
 
-Service::Service(const ServiceOptions& options) : limits(options.limits)
-{
+Service::Service(const ServiceOptions& options) : limits(options.limits) {
     auto endpoint = endpointFor(options.bind, options.port);
     std::unique_ptr<ContentStore> store;
     try {
@@ -55,8 +54,7 @@ Service::Service(const ServiceOptions& options) : limits(options.limits)
     try {
         files = std::make_unique<FileServer>(options.files);
     } catch (const std::filesystem::filesystem_error& error) {
-        throw std::runtime_error("cannot serve files from " + options.files->string() + ": " +
-                                 error.code().message());
+        throw std::runtime_error("cannot serve files from " + options.files->string() + ": " + error.code().message());
     }
     ioContext = std::make_unique<asio::io_context>(1);
     setUpSimulations(options, *store);
@@ -72,7 +70,8 @@ Service::Service(const ServiceOptions& options) : limits(options.limits)
     QueryWorker::ReadAhead readAhead;
     readAhead.maxBytes = options.limits.readAheadBytes;
     try {
-        if (readAhead.maxBytes != 0) readAhead.probe = std::make_unique<DataVersionProbe>(options.database);
+        if (readAhead.maxBytes != 0)
+            readAhead.probe = std::make_unique<DataVersionProbe>(options.database);
     } catch (const SqliteError& error) {
         throw std::runtime_error(error.what());
     }
@@ -84,20 +83,23 @@ Service::Service(const ServiceOptions& options) : limits(options.limits)
     acceptor = std::make_unique<tcp::acceptor>(*ioContext);
     boost::system::error_code error;
     acceptor->open(endpoint.protocol(), error);
-    if (!error) acceptor->set_option(asio::socket_base::reuse_address(true), error);
-    if (!error) acceptor->bind(endpoint, error);
-    if (!error) acceptor->listen(asio::socket_base::max_listen_connections, error);
+    if (!error)
+        acceptor->set_option(asio::socket_base::reuse_address(true), error);
+    if (!error)
+        acceptor->bind(endpoint, error);
+    if (!error)
+        acceptor->listen(asio::socket_base::max_listen_connections, error);
     if (error) {
         throw std::runtime_error("cannot listen on " + options.bind + ":" + std::to_string(options.port) + ": " +
                                  error.message());
     }
     bound = acceptor->local_endpoint();
     accept();
-    for (auto& simulation : simulations) scheduleTick(*simulation);
+    for (auto& simulation : simulations)
+        scheduleTick(*simulation);
 }
 
-Service::~Service()
-{
+Service::~Service() {
     // Sessions die with the io_context's pending work; everything they
     // refer to must still be there, and the worker must not post any more.
     acceptor.reset();
@@ -108,20 +110,18 @@ Service::~Service()
     worker.reset();
 }
 
-void Service::run()
-{
+void Service::run() {
     ioContext->run();
 }
 
-void Service::stop()
-{
+void Service::stop() {
     asio::post(*ioContext, [this] { shutdown(); });
 }
 
-void Service::accept()
-{
+void Service::accept() {
     acceptor->async_accept([this](boost::system::error_code error, tcp::socket socket) {
-        if (error == asio::error::operation_aborted || !acceptor->is_open()) return;
+        if (error == asio::error::operation_aborted || !acceptor->is_open())
+            return;
         if (!error) {
             // Results and pongs go out at once: waiting to coalesce them
             // with more data would stall a client on its delayed ACK.
@@ -139,14 +139,15 @@ void Service::accept()
         // Out of descriptors or similar: trying again at once would spin.
         auto timer = std::make_shared<asio::steady_timer>(*ioContext, acceptRetryDelay);
         timer->async_wait([this, timer](boost::system::error_code) {
-            if (acceptor->is_open()) accept();
+            if (acceptor->is_open())
+                accept();
         });
     });
 }
 
-bool Service::admitConnection()
-{
-    if (context->connections < context->limits.maxConnections) return true;
+bool Service::admitConnection() {
+    if (context->connections < context->limits.maxConnections)
+        return true;
     // Connections that have not sent a whole request cost a client nothing
     // to open: the oldest of them gives way, so that idle connections
     // cannot lock the others out.
@@ -155,7 +156,8 @@ bool Service::admitConnection()
                    sessions.end());
     for (auto& weak : sessions) {
         auto session = weak.lock();
-        if (session && session->evictIfWaiting()) return true;
+        if (session && session->evictIfWaiting())
+            return true;
     }
     auto now = std::chrono::steady_clock::now();
     if (now - lastRefusalLogged >= std::chrono::seconds(1)) {
@@ -166,21 +168,22 @@ bool Service::admitConnection()
     return false;
 }
 
-void Service::shutdown()
-{
-    if (context->shuttingDown) return;
+void Service::shutdown() {
+    if (context->shuttingDown)
+        return;
     context->shuttingDown = true;
     boost::system::error_code ignored;
     acceptor->close(ignored);
-    for (auto& simulation : simulations) simulation->timer.cancel();
+    for (auto& simulation : simulations)
+        simulation->timer.cancel();
     for (auto& weak : context->sessions) {
-        if (auto session = weak.lock()) session->shutdown();
+        if (auto session = weak.lock())
+            session->shutdown();
     }
     waitForSessions(std::chrono::steady_clock::now() + closingGrace);
 }
 
-void Service::loadRuntimeData(const ServiceOptions& options)
-{
+void Service::loadRuntimeData(const ServiceOptions& options) {
     runtimeData = std::make_unique<RuntimeDataHub>(options.limits.maxRuntimeTreeBytes);
     for (const auto& file : options.runtimeFiles) {
         for (auto& tree : loadRuntimeFile(file)) {
@@ -193,9 +196,9 @@ void Service::loadRuntimeData(const ServiceOptions& options)
     }
 }
 
-void Service::setUpSimulations(const ServiceOptions& options, ContentStore& store)
-{
-    if (options.simulate.empty()) return;
+void Service::setUpSimulations(const ServiceOptions& options, ContentStore& store) {
+    if (options.simulate.empty())
+        return;
     const auto tracks = simulatedTracks(store, options.authority);
     for (const auto& name : options.simulate) {
         if (!runtimeData->has(name)) {
@@ -213,11 +216,11 @@ void Service::setUpSimulations(const ServiceOptions& options, ContentStore& stor
     }
 }
 
-void Service::scheduleTick(Simulation& simulation)
-{
+void Service::scheduleTick(Simulation& simulation) {
     simulation.timer.expires_after(PlayerSimulator::tickInterval);
     simulation.timer.async_wait([this, &simulation](boost::system::error_code error) {
-        if (error || context->shuttingDown) return;
+        if (error || context->shuttingDown)
+            return;
         PublishOutcome outcome = runtimeData->publish(simulation.name, simulation.player.tick());
         if (outcome.status == PublishOutcome::Status::refused) {
             // Someone else changed the queue under the player: start over
@@ -230,8 +233,7 @@ void Service::scheduleTick(Simulation& simulation)
     });
 }
 
-void Service::waitForSessions(std::chrono::steady_clock::time_point deadline)
-{
+void Service::waitForSessions(std::chrono::steady_clock::time_point deadline) {
     if (allEnded(context->sessions) || std::chrono::steady_clock::now() >= deadline) {
         ioContext->stop();
         return;

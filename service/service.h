@@ -7,8 +7,8 @@
 
 #include "content_store.h"
 #include "file_server.h"
-#include "query_worker.h"
 #include "player_simulator.h"
+#include "query_worker.h"
 #include "runtime_data_hub.h"
 #include "service_limits.h"
 #include "session_registry.h"

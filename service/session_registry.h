@@ -40,9 +40,9 @@ struct ServiceContext {
 class ConnectionSlot {
 public:
     explicit ConnectionSlot(ServiceContext& context) : context(&context) { ++context.connections; }
-    ~ConnectionSlot()
-    {
-        if (context) --context->connections;
+    ~ConnectionSlot() {
+        if (context)
+            --context->connections;
     }
     ConnectionSlot(ConnectionSlot&& other) noexcept : context(other.context) { other.context = nullptr; }
     ConnectionSlot(const ConnectionSlot&) = delete;

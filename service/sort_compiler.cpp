@@ -9,13 +9,11 @@ namespace tethrix::service {
 
 namespace {
 
-bool isBlank(char c)
-{
+bool isBlank(char c) {
     return std::isspace(static_cast<unsigned char>(c)) != 0;
 }
 
-bool isNameCharacter(char c)
-{
+bool isNameCharacter(char c) {
     auto u = static_cast<unsigned char>(c);
     return std::isalnum(u) || u == '_';
 }
@@ -24,16 +22,18 @@ class SortParser {
 public:
     SortParser(std::string_view text, const TableSchema& table) : text(text), table(table) {}
 
-    std::vector<SortKey> parse()
-    {
+    std::vector<SortKey> parse() {
         std::vector<SortKey> keys;
         skipBlanks();
-        if (at == text.size()) return keys;
+        if (at == text.size())
+            return keys;
         for (;;) {
-            if (keys.size() == maxSortKeys) throw QueryError("sort: too many keys", at);
+            if (keys.size() == maxSortKeys)
+                throw QueryError("sort: too many keys", at);
             keys.push_back(key());
             skipBlanks();
-            if (at == text.size()) return keys;
+            if (at == text.size())
+                return keys;
             if (text[at] != ',') {
                 throw QueryError("sort: expected \",\" or the end after \"" + std::string(lastKey) + "\"", at);
             }
@@ -43,8 +43,7 @@ public:
     }
 
 private:
-    SortKey key()
-    {
+    SortKey key() {
         std::size_t start = at;
         std::string_view name = word();
         if (name.empty() || std::isdigit(static_cast<unsigned char>(name[0]))) {
@@ -72,16 +71,16 @@ private:
         return sortKey;
     }
 
-    std::string_view word()
-    {
+    std::string_view word() {
         std::size_t start = at;
-        while (at < text.size() && isNameCharacter(text[at])) ++at;
+        while (at < text.size() && isNameCharacter(text[at]))
+            ++at;
         return text.substr(start, at - start);
     }
 
-    void skipBlanks()
-    {
-        while (at < text.size() && isBlank(text[at])) ++at;
+    void skipBlanks() {
+        while (at < text.size() && isBlank(text[at]))
+            ++at;
     }
 
     std::string_view text;
@@ -92,8 +91,7 @@ private:
 
 }  // namespace
 
-std::vector<SortKey> compileSort(std::string_view sort, const TableSchema& table)
-{
+std::vector<SortKey> compileSort(std::string_view sort, const TableSchema& table) {
     return SortParser(sort, table).parse();
 }
 

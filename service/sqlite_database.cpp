@@ -6,30 +6,27 @@ namespace tethrix::service {
 
 namespace {
 
-[[noreturn]] void throwError(sqlite3* db, int code, const std::string& what)
-{
+[[noreturn]] void throwError(sqlite3* db, int code, const std::string& what) {
     std::string message = what + ": " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(code));
     throw SqliteError(message, code);
 }
 
 }  // namespace
 
-void SqliteDatabase::Closer::operator()(sqlite3* db) const
-{
+void SqliteDatabase::Closer::operator()(sqlite3* db) const {
     sqlite3_close_v2(db);
 }
 
-void SqliteStatement::Finalizer::operator()(sqlite3_stmt* statement) const
-{
+void SqliteStatement::Finalizer::operator()(sqlite3_stmt* statement) const {
     sqlite3_finalize(statement);
 }
 
-SqliteDatabase SqliteDatabase::open(const std::string& path, int flags)
-{
+SqliteDatabase SqliteDatabase::open(const std::string& path, int flags) {
     sqlite3* raw = nullptr;
     int code = sqlite3_open_v2(path.c_str(), &raw, flags | SQLITE_OPEN_NOMUTEX, nullptr);
     SqliteDatabase database(raw);
-    if (code != SQLITE_OK) throwError(raw, code, "cannot open " + path);
+    if (code != SQLITE_OK)
+        throwError(raw, code, "cannot open " + path);
     sqlite3_extended_result_codes(raw, 1);
     // Another program writing the database locks it for a moment; waiting
     // a little beats failing the query at once, and waiting for ever would
@@ -38,8 +35,7 @@ SqliteDatabase SqliteDatabase::open(const std::string& path, int flags)
     return database;
 }
 
-SqliteDatabase SqliteDatabase::openReadOnly(const std::string& path)
-{
+SqliteDatabase SqliteDatabase::openReadOnly(const std::string& path) {
     SqliteDatabase database = open(path, SQLITE_OPEN_READONLY);
     // Opening is lazy; reading the schema is what finds a file that is not
     // a database.
@@ -51,39 +47,36 @@ SqliteDatabase SqliteDatabase::openReadOnly(const std::string& path)
     return database;
 }
 
-SqliteDatabase SqliteDatabase::openReadWrite(const std::string& path)
-{
+SqliteDatabase SqliteDatabase::openReadWrite(const std::string& path) {
     return open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
 }
 
-SqliteStatement SqliteDatabase::prepare(std::string_view sql) const
-{
+SqliteStatement SqliteDatabase::prepare(std::string_view sql) const {
     sqlite3_stmt* raw = nullptr;
     int code = sqlite3_prepare_v2(db.get(), sql.data(), static_cast<int>(sql.size()), &raw, nullptr);
     SqliteStatement statement(db.get(), raw);
-    if (code != SQLITE_OK) throwError(db.get(), code, "cannot prepare statement");
+    if (code != SQLITE_OK)
+        throwError(db.get(), code, "cannot prepare statement");
     return statement;
 }
 
-void SqliteDatabase::execute(const std::string& sql) const
-{
+void SqliteDatabase::execute(const std::string& sql) const {
     char* message = nullptr;
     int code = sqlite3_exec(db.get(), sql.c_str(), nullptr, nullptr, &message);
-    if (code == SQLITE_OK) return;
+    if (code == SQLITE_OK)
+        return;
     std::string text = message ? message : sqlite3_errstr(code);
     sqlite3_free(message);
     throw SqliteError(text, code);
 }
 
-std::int64_t SqliteDatabase::dataVersion() const
-{
+std::int64_t SqliteDatabase::dataVersion() const {
     SqliteStatement statement = prepare("PRAGMA data_version");
     statement.step();
     return statement.integer(0);
 }
 
-void SqliteDatabase::setInterruptCheck(std::function<bool()> check)
-{
+void SqliteDatabase::setInterruptCheck(std::function<bool()> check) {
     if (!check) {
         sqlite3_progress_handler(db.get(), 0, nullptr, nullptr);
         interruptCheck.reset();
@@ -94,13 +87,12 @@ void SqliteDatabase::setInterruptCheck(std::function<bool()> check)
     sqlite3_progress_handler(db.get(), 4000, trampoline, interruptCheck.get());
 }
 
-void SqliteStatement::bindAll(const std::vector<SqlValue>& values)
-{
-    for (std::size_t i = 0; i < values.size(); ++i) bind(static_cast<int>(i + 1), values[i]);
+void SqliteStatement::bindAll(const std::vector<SqlValue>& values) {
+    for (std::size_t i = 0; i < values.size(); ++i)
+        bind(static_cast<int>(i + 1), values[i]);
 }
 
-void SqliteStatement::bind(int index, const SqlValue& value)
-{
+void SqliteStatement::bind(int index, const SqlValue& value) {
     sqlite3_stmt* s = statement.get();
     int code = SQLITE_OK;
     if (std::holds_alternative<std::monostate>(value)) {
@@ -115,70 +107,70 @@ void SqliteStatement::bind(int index, const SqlValue& value)
         const auto& b = std::get<Blob>(value).bytes;
         code = sqlite3_bind_blob64(s, index, b.data(), b.size(), SQLITE_TRANSIENT);
     }
-    if (code != SQLITE_OK) throwError(db, code, "cannot bind parameter " + std::to_string(index));
+    if (code != SQLITE_OK)
+        throwError(db, code, "cannot bind parameter " + std::to_string(index));
 }
 
-bool SqliteStatement::step()
-{
+bool SqliteStatement::step() {
     int code = sqlite3_step(statement.get());
-    if (code == SQLITE_ROW) return true;
-    if (code == SQLITE_DONE) return false;
+    if (code == SQLITE_ROW)
+        return true;
+    if (code == SQLITE_DONE)
+        return false;
     throwError(db, code, "query failed");
 }
 
-void SqliteStatement::reset()
-{
+void SqliteStatement::reset() {
     sqlite3_reset(statement.get());
 }
 
-int SqliteStatement::columnCount() const
-{
+int SqliteStatement::columnCount() const {
     return sqlite3_column_count(statement.get());
 }
 
-bool SqliteStatement::isNull(int column) const
-{
+bool SqliteStatement::isNull(int column) const {
     return sqlite3_column_type(statement.get(), column) == SQLITE_NULL;
 }
 
-std::int64_t SqliteStatement::integer(int column) const
-{
+std::int64_t SqliteStatement::integer(int column) const {
     return sqlite3_column_int64(statement.get(), column);
 }
 
-double SqliteStatement::real(int column) const
-{
+double SqliteStatement::real(int column) const {
     return sqlite3_column_double(statement.get(), column);
 }
 
-std::string_view SqliteStatement::text(int column) const
-{
+std::string_view SqliteStatement::text(int column) const {
     auto* data = reinterpret_cast<const char*>(sqlite3_column_text(statement.get(), column));
-    if (!data) return {};
+    if (!data)
+        return {};
     return std::string_view(data, static_cast<std::size_t>(sqlite3_column_bytes(statement.get(), column)));
 }
 
-SqlValue SqliteStatement::value(int column) const
-{
+SqlValue SqliteStatement::value(int column) const {
     sqlite3_stmt* s = statement.get();
     switch (sqlite3_column_type(s, column)) {
-    case SQLITE_INTEGER: return sqlite3_column_int64(s, column);
-    case SQLITE_FLOAT: return sqlite3_column_double(s, column);
-    case SQLITE_TEXT: return std::string(text(column));
+    case SQLITE_INTEGER:
+        return sqlite3_column_int64(s, column);
+    case SQLITE_FLOAT:
+        return sqlite3_column_double(s, column);
+    case SQLITE_TEXT:
+        return std::string(text(column));
     case SQLITE_BLOB: {
         auto* data = static_cast<const char*>(sqlite3_column_blob(s, column));
         auto size = static_cast<std::size_t>(sqlite3_column_bytes(s, column));
         return Blob{data ? std::string(data, size) : std::string()};
     }
-    default: return std::monostate{};
+    default:
+        return std::monostate{};
     }
 }
 
-std::string quoteIdentifier(std::string_view name)
-{
+std::string quoteIdentifier(std::string_view name) {
     std::string quoted = "\"";
     for (char c : name) {
-        if (c == '"') quoted += '"';
+        if (c == '"')
+            quoted += '"';
         quoted += c;
     }
     quoted += '"';

@@ -13,17 +13,16 @@ namespace beast = boost::beast;
 namespace websocket = beast::websocket;
 
 WebSocketSession::WebSocketSession(beast::tcp_stream&& stream, ConnectionSlot slot, ServiceContext& context)
-    : socket(std::move(stream)), context(context), slot(std::move(slot)), stuckTimer(context.io)
-{
-}
+    : socket(std::move(stream)),
+      context(context),
+      slot(std::move(slot)),
+      stuckTimer(context.io) {}
 
-WebSocketSession::~WebSocketSession()
-{
+WebSocketSession::~WebSocketSession() {
     end();
 }
 
-void WebSocketSession::run(HttpRequest request)
-{
+void WebSocketSession::run(HttpRequest request) {
     websocket::stream_base::timeout timeouts{};
     timeouts.handshake_timeout = context.limits.requestTimeout;
     // A silent peer is pinged at half the idle time and dropped at its end;
@@ -37,29 +36,28 @@ void WebSocketSession::run(HttpRequest request)
     socket.async_accept(request, beast::bind_front_handler(&WebSocketSession::onAccept, shared_from_this()));
 }
 
-void WebSocketSession::shutdown()
-{
-    if (ended || closing) return;
+void WebSocketSession::shutdown() {
+    if (ended || closing)
+        return;
     closeAfterWrites(websocket::close_code::going_away);
 }
 
-void WebSocketSession::onAccept(beast::error_code error)
-{
-    if (error) return end();
+void WebSocketSession::onAccept(beast::error_code error) {
+    if (error)
+        return end();
     socket.text(true);
     readNext();
 }
 
-void WebSocketSession::readNext()
-{
+void WebSocketSession::readNext() {
     socket.async_read(buffer, beast::bind_front_handler(&WebSocketSession::onRead, shared_from_this()));
 }
 
-void WebSocketSession::onRead(beast::error_code error, std::size_t)
-{
+void WebSocketSession::onRead(beast::error_code error, std::size_t) {
     // Closed by the client, too large a frame (Beast has closed with 1009),
     // a broken connection or our own shutdown: the session is over.
-    if (error) return end();
+    if (error)
+        return end();
     if (!socket.got_text()) {
         sendError(std::nullopt, "binary frames are not accepted; send JSON text");
     } else {
@@ -67,19 +65,19 @@ void WebSocketSession::onRead(beast::error_code error, std::size_t)
         handleFrame(std::string_view(static_cast<const char*>(data.data()), data.size()));
     }
     buffer.consume(buffer.size());
-    if (!closing) resumeReading();
+    if (!closing)
+        resumeReading();
 }
 
-void WebSocketSession::resumeReading()
-{
+void WebSocketSession::resumeReading() {
     // Back-pressure: a client that does not take its answers is not asked
     // for more requests until it does.
     paused = outboxBytes >= context.limits.sessionOutboxBytes;
-    if (!paused) readNext();
+    if (!paused)
+        readNext();
 }
 
-void WebSocketSession::watchStuck()
-{
+void WebSocketSession::watchStuck() {
     // Past the bound, each answer taken gives the client another while to
     // take the next; one that takes none in that while is dropped.
     if (outboxBytes < context.limits.sessionOutboxBytes) {
@@ -90,15 +88,14 @@ void WebSocketSession::watchStuck()
     stuckTimer.async_wait(beast::bind_front_handler(&WebSocketSession::onStuck, shared_from_this()));
 }
 
-void WebSocketSession::onStuck(beast::error_code error)
-{
-    if (error || ended || outboxBytes < context.limits.sessionOutboxBytes) return;
+void WebSocketSession::onStuck(beast::error_code error) {
+    if (error || ended || outboxBytes < context.limits.sessionOutboxBytes)
+        return;
     drop(std::to_string(outboxBytes) + " bytes of answers not taken for " +
          std::to_string(context.limits.stuckTimeout.count()) + " ms");
 }
 
-void WebSocketSession::drop(const std::string& why)
-{
+void WebSocketSession::drop(const std::string& why) {
     beast::error_code error;
     auto peer = beast::get_lowest_layer(socket).socket().remote_endpoint(error);
     std::fprintf(stderr, "tethrix-service: closing the connection of %s:%u: %s\n",
@@ -108,30 +105,38 @@ void WebSocketSession::drop(const std::string& why)
     beast::get_lowest_layer(socket).socket().close(error);
 }
 
-void WebSocketSession::handleFrame(std::string_view frame)
-{
+void WebSocketSession::handleFrame(std::string_view frame) {
     protocol::Decoded decoded = protocol::decode(frame);
-    if (!decoded) return sendError(decoded.error.id, decoded.error.reason);
+    if (!decoded)
+        return sendError(decoded.error.id, decoded.error.reason);
     protocol::Message& message = *decoded.message;
 
-    if (auto* hello = std::get_if<protocol::Hello>(&message)) return onHello(*hello);
+    if (auto* hello = std::get_if<protocol::Hello>(&message))
+        return onHello(*hello);
     if (!greeted) {
         std::optional<protocol::RequestId> id;
-        if (auto* query = std::get_if<protocol::Query>(&message)) id = query->id;
-        if (auto* subscribe = std::get_if<protocol::Subscribe>(&message)) id = subscribe->id;
+        if (auto* query = std::get_if<protocol::Query>(&message))
+            id = query->id;
+        if (auto* subscribe = std::get_if<protocol::Subscribe>(&message))
+            id = subscribe->id;
         return sendError(id, "hello expected first");
     }
-    if (auto* query = std::get_if<protocol::Query>(&message)) return onQuery(std::move(*query));
-    if (auto* cancel = std::get_if<protocol::Cancel>(&message)) return onCancel(*cancel);
-    if (auto* subscribe = std::get_if<protocol::Subscribe>(&message)) return onSubscribe(*subscribe);
-    if (auto* unsubscribe = std::get_if<protocol::Unsubscribe>(&message)) return onUnsubscribe(*unsubscribe);
-    if (auto* ping = std::get_if<protocol::Ping>(&message)) return send(protocol::encode(protocol::Pong{ping->id}));
+    if (auto* query = std::get_if<protocol::Query>(&message))
+        return onQuery(std::move(*query));
+    if (auto* cancel = std::get_if<protocol::Cancel>(&message))
+        return onCancel(*cancel);
+    if (auto* subscribe = std::get_if<protocol::Subscribe>(&message))
+        return onSubscribe(*subscribe);
+    if (auto* unsubscribe = std::get_if<protocol::Unsubscribe>(&message))
+        return onUnsubscribe(*unsubscribe);
+    if (auto* ping = std::get_if<protocol::Ping>(&message))
+        return send(protocol::encode(protocol::Pong{ping->id}));
     sendError(std::nullopt, std::string("unexpected message \"") + protocol::typeName(message) + "\" from a client");
 }
 
-void WebSocketSession::onHello(const protocol::Hello& hello)
-{
-    if (greeted) return sendError(std::nullopt, "unexpected message \"hello\" from a client");
+void WebSocketSession::onHello(const protocol::Hello& hello) {
+    if (greeted)
+        return sendError(std::nullopt, "unexpected message \"hello\" from a client");
     if (hello.version != protocol::protocolVersion) {
         sendError(std::nullopt, "unsupported protocol version " + std::to_string(hello.version) +
                                     "; this service speaks " + std::to_string(protocol::protocolVersion));
@@ -143,21 +148,22 @@ void WebSocketSession::onHello(const protocol::Hello& hello)
     // Another format than the one known is answered in JSON, which every
     // client reads.
     binaryResults = hello.resultFormat == protocol::binaryResultFormat;
-    if (binaryResults) answer.resultFormat = protocol::binaryResultFormat;
+    if (binaryResults)
+        answer.resultFormat = protocol::binaryResultFormat;
     if (context.files.hasRoot()) {
         beast::error_code error;
         auto local = beast::get_lowest_layer(socket).socket().local_endpoint(error);
         if (!error) {
             std::string host = local.address().to_string();
-            if (local.address().is_v6()) host = "[" + host + "]";
+            if (local.address().is_v6())
+                host = "[" + host + "]";
             answer.filesBaseUrl = "http://" + host + ":" + std::to_string(local.port()) + "/";
         }
     }
     send(protocol::encode(answer));
 }
 
-bool WebSocketSession::admit(protocol::RequestId id)
-{
+bool WebSocketSession::admit(protocol::RequestId id) {
     if (openQueries.count(id) || subscriptions.count(id)) {
         sendError(id, "request id " + std::to_string(id) + " is already in use");
         return false;
@@ -169,9 +175,9 @@ bool WebSocketSession::admit(protocol::RequestId id)
     return true;
 }
 
-void WebSocketSession::onQuery(protocol::Query query)
-{
-    if (!admit(query.id)) return;
+void WebSocketSession::onQuery(protocol::Query query) {
+    if (!admit(query.id))
+        return;
     auto flag = std::make_shared<std::atomic<bool>>(false);
     openQueries.emplace(query.id, flag);
     // The answer comes back on the worker thread and is carried over to the
@@ -180,32 +186,33 @@ void WebSocketSession::onQuery(protocol::Query query)
     std::weak_ptr<WebSocketSession> weak = shared_from_this();
     context.worker.submit(this, std::move(query), binaryResults, flag, [&io, weak, flag](QueryAnswer answer) {
         boost::asio::post(io, [weak, flag, answer = std::move(answer)]() mutable {
-            if (auto self = weak.lock()) self->onAnswer(std::move(answer), flag);
+            if (auto self = weak.lock())
+                self->onAnswer(std::move(answer), flag);
         });
     });
 }
 
-void WebSocketSession::onAnswer(QueryAnswer answer, const CancelFlag& flag)
-{
+void WebSocketSession::onAnswer(QueryAnswer answer, const CancelFlag& flag) {
     // A cancelled query's id may have been taken by a new query since; only
     // the query that this answer belongs to may be answered.
     auto open = openQueries.find(answer.id);
-    if (open == openQueries.end() || open->second != flag) return;
+    if (open == openQueries.end() || open->second != flag)
+        return;
     openQueries.erase(open);
     send(std::move(answer.frame), answer.binary);
 }
 
-void WebSocketSession::onCancel(const protocol::Cancel& cancel)
-{
+void WebSocketSession::onCancel(const protocol::Cancel& cancel) {
     auto open = openQueries.find(cancel.id);
-    if (open == openQueries.end()) return;
+    if (open == openQueries.end())
+        return;
     open->second->store(true);
     openQueries.erase(open);
 }
 
-void WebSocketSession::onSubscribe(const protocol::Subscribe& subscribe)
-{
-    if (!admit(subscribe.id)) return;
+void WebSocketSession::onSubscribe(const protocol::Subscribe& subscribe) {
+    if (!admit(subscribe.id))
+        return;
     subscriptions.insert(subscribe.id);
     if (auto refusal = context.runtimeData.subscribe(*this, subscribe.id, subscribe.uri)) {
         subscriptions.erase(subscribe.id);
@@ -213,33 +220,33 @@ void WebSocketSession::onSubscribe(const protocol::Subscribe& subscribe)
     }
 }
 
-void WebSocketSession::onUnsubscribe(const protocol::Unsubscribe& unsubscribe)
-{
-    if (subscriptions.erase(unsubscribe.id) == 0) return;
+void WebSocketSession::onUnsubscribe(const protocol::Unsubscribe& unsubscribe) {
+    if (subscriptions.erase(unsubscribe.id) == 0)
+        return;
     context.runtimeData.unsubscribe(*this, unsubscribe.id);
 }
 
-void WebSocketSession::deliverUpdate(protocol::RequestId id, const std::string& address, const std::string& data)
-{
-    if (!subscriptions.count(id)) return;
+void WebSocketSession::deliverUpdate(protocol::RequestId id, const std::string& address, const std::string& data) {
+    if (!subscriptions.count(id))
+        return;
     send(protocol::encode(protocol::Update{id, address, data}));
 }
 
-void WebSocketSession::sendError(std::optional<protocol::RequestId> id, std::string reason)
-{
+void WebSocketSession::sendError(std::optional<protocol::RequestId> id, std::string reason) {
     protocol::Error error;
     error.id = id;
     error.reason = std::move(reason);
     send(protocol::encode(error));
 }
 
-void WebSocketSession::send(std::string frame, bool binary)
-{
-    if (ended || closing) return;
+void WebSocketSession::send(std::string frame, bool binary) {
+    if (ended || closing)
+        return;
     const bool wasBelow = outboxBytes < context.limits.sessionOutboxBytes;
     outboxBytes += frame.size();
     outbox.push_back(Outgoing{std::move(frame), binary});
-    if (wasBelow) watchStuck();
+    if (wasBelow)
+        watchStuck();
     // Reading stopped at the bound; what passes it by more than a result
     // frame came from requests already under way, of a client that asked
     // for more than it reads.
@@ -247,11 +254,11 @@ void WebSocketSession::send(std::string frame, bool binary)
         return drop(std::to_string(outboxBytes) + " bytes of answers waiting, past the bound of " +
                     std::to_string(context.limits.sessionOutboxBytes) + " (--max-session-buffer)");
     }
-    if (!writing) writeNext();
+    if (!writing)
+        writeNext();
 }
 
-void WebSocketSession::writeNext()
-{
+void WebSocketSession::writeNext() {
     if (outbox.empty()) {
         writing = false;
         if (closing && !ended) {
@@ -265,34 +272,38 @@ void WebSocketSession::writeNext()
                        beast::bind_front_handler(&WebSocketSession::onWrite, shared_from_this()));
 }
 
-void WebSocketSession::onWrite(beast::error_code error, std::size_t)
-{
-    if (error || ended) return end();
+void WebSocketSession::onWrite(beast::error_code error, std::size_t) {
+    if (error || ended)
+        return end();
     outboxBytes -= outbox.front().frame.size();
     outbox.pop_front();
     watchStuck();
-    if (paused && !closing) resumeReading();
+    if (paused && !closing)
+        resumeReading();
     writeNext();
 }
 
-void WebSocketSession::closeAfterWrites(websocket::close_code code)
-{
+void WebSocketSession::closeAfterWrites(websocket::close_code code) {
     closing = code;
-    if (!writing) writeNext();
+    if (!writing)
+        writeNext();
 }
 
-void WebSocketSession::end()
-{
-    if (ended) return;
+void WebSocketSession::end() {
+    if (ended)
+        return;
     ended = true;
-    for (auto& open : openQueries) open.second->store(true);
+    for (auto& open : openQueries)
+        open.second->store(true);
     openQueries.clear();
     context.worker.forget(this);
-    if (!subscriptions.empty()) context.runtimeData.unsubscribeAll(*this);
+    if (!subscriptions.empty())
+        context.runtimeData.unsubscribeAll(*this);
     subscriptions.clear();
     // A write under way still reads its frame; the frames go with the
     // session.
-    if (!writing) outbox.clear();
+    if (!writing)
+        outbox.clear();
     outboxBytes = 0;
     paused = false;
     stuckTimer.cancel();

@@ -16,8 +16,8 @@
 #include <tethrix/protocol/messages.h>
 
 #include <boost/asio/ip/tcp.hpp>
-#include <boost/beast/core.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/beast/core.hpp>
 #include <boost/beast/websocket.hpp>
 
 #include <deque>

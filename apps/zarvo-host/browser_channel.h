@@ -39,7 +39,8 @@ public:
     /// `deliver` runs on the loop and hands a message to the server's thread;
     /// `close` asks the server to close the connection, saying why.
     BrowserChannel(std::function<void(std::string)> deliver, std::function<void(std::string)> close)
-        : deliverMessage(std::move(deliver)), closeConnection(std::move(close)) {}
+        : deliverMessage(std::move(deliver)),
+          closeConnection(std::move(close)) {}
 
     // The server's side.
     void requestWindow(std::uint32_t list, const ListWindow& window) {

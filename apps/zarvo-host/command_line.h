@@ -19,12 +19,12 @@ public:
 
 /// What every command that runs a data source takes.
 struct SourceOptions {
-    std::string configFile;    ///< --config FILE
-    std::string declaration;   ///< --declaration XML, or the text of @FILE
+    std::string configFile;   ///< --config FILE
+    std::string declaration;  ///< --declaration XML, or the text of @FILE
     std::string name = "DataSource";
-    std::string serviceUrl;    ///< --service URL, else $TETHRIX_SERVICE_URL
+    std::string serviceUrl;                         ///< --service URL, else $TETHRIX_SERVICE_URL
     std::optional<std::chrono::milliseconds> wait;  ///< --wait-ms N
-    std::string pluginPath;    ///< --plugin PATH; empty: the one beside the program
+    std::string pluginPath;                         ///< --plugin PATH; empty: the one beside the program
 };
 
 struct CommandLine {

@@ -22,7 +22,9 @@ namespace {
 
 volatile std::sig_atomic_t stopRequested = 0;
 
-extern "C" void onStopSignal(int) { stopRequested = 1; }
+extern "C" void onStopSignal(int) {
+    stopRequested = 1;
+}
 
 // A signal cannot wake the loop safely; a timer this often lets it look.
 const std::chrono::milliseconds signalPollInterval(50);
@@ -74,15 +76,15 @@ int runInspect(const CommandLine& line) {
     SourceOptions sourceOptions = line.source;
     sourceOptions.serviceUrl.clear();
     HostSession session(sourceOptions);
-    auto inspector = std::make_shared<Inspector>(
-        session.source(), session.domain(), session.library(), log,
-        InspectorOptions{line.source.name, line.source.serviceUrl, line.source.configFile});
+    auto inspector =
+        std::make_shared<Inspector>(session.source(), session.domain(), session.library(), log,
+                                    InspectorOptions{line.source.name, line.source.serviceUrl, line.source.configFile});
     std::shared_ptr<QueryMonitor> monitor;
     if (serviceOptions) {
         Inspector* target = inspector.get();
-        monitor = std::make_shared<QueryMonitor>(std::make_shared<client::NetworkTransport>(*serviceOptions),
-                                                 session.loop(),
-                                                 [target](const QueryEvent& event) { target->onQuery(event); });
+        monitor =
+            std::make_shared<QueryMonitor>(std::make_shared<client::NetworkTransport>(*serviceOptions), session.loop(),
+                                           [target](const QueryEvent& event) { target->onQuery(event); });
         client::installTransport(*Context::instance(session.domain(), nullptr), monitor);
     }
 

@@ -52,7 +52,12 @@ std::shared_ptr<TexturePixels> copyPixels(const Texture& texture) {
 
 Inspector::Inspector(DataSource& source, Domain& domain, PluginLibrary& library, InspectorLog& log,
                      InspectorOptions options)
-    : source(source), domain(domain), library(library), log(log), options(std::move(options)), self(std::make_shared<Inspector*>(this)) {
+    : source(source),
+      domain(domain),
+      library(library),
+      log(log),
+      options(std::move(options)),
+      self(std::make_shared<Inspector*>(this)) {
     sourceToken = source.addModifiedSubscription([this](DataContext&) {
         ++reloads;
         treeDirty = true;
@@ -589,7 +594,9 @@ void Inspector::noteImageUrl(const std::string& value) {
     knownImageUrls.insert(value);
 }
 
-std::string Inspector::snapshotFileName() const { return options.sourceName + "-snapshot.xml"; }
+std::string Inspector::snapshotFileName() const {
+    return options.sourceName + "-snapshot.xml";
+}
 
 void Inspector::takeSnapshot(std::function<void(std::string, std::string)> reply) {
     std::string xmlFileName;
@@ -624,7 +631,8 @@ void Inspector::loadImage(const std::string& url,
             return;
         }
         Inspector& inspector = **alive;
-        const auto loaded = std::dynamic_pointer_cast<Texture>(inspector.domain.getResourceManager()->acquireLoadedResource(url));
+        const auto loaded =
+            std::dynamic_pointer_cast<Texture>(inspector.domain.getResourceManager()->acquireLoadedResource(url));
         if (loaded) {
             reply(copyPixels(*loaded), std::string());
             return;

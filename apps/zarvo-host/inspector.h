@@ -51,8 +51,7 @@ class Inspector : public InspectorBackend {
 public:
     /// Follows `source` at once; frames start with the first browser. The
     /// snapshot comes from the plug-in's exported function in `library`.
-    Inspector(DataSource& source, Domain& domain, PluginLibrary& library, InspectorLog& log,
-              InspectorOptions options);
+    Inspector(DataSource& source, Domain& domain, PluginLibrary& library, InspectorLog& log, InspectorOptions options);
     /// Releases every row the views hold.
     ~Inspector() override;
     Inspector(const Inspector&) = delete;

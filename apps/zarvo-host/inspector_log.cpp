@@ -4,7 +4,9 @@
 
 namespace zarvo::host {
 
-InspectorLog::InspectorLog() : previous(&DefaultLogger::current()) { DefaultLogger::s_chainedLogger = this; }
+InspectorLog::InspectorLog() : previous(&DefaultLogger::current()) {
+    DefaultLogger::s_chainedLogger = this;
+}
 
 InspectorLog::~InspectorLog() {
     DefaultLogger::s_chainedLogger = previous == &DefaultLogger::current() ? nullptr : previous;

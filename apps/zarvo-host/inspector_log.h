@@ -37,8 +37,8 @@ public:
     InspectorLog& operator=(const InspectorLog&) = delete;
 
     /// From any thread.
-    void writeOverride(LogLevel level, string_view levelName, string_view category, string_view file,
-                       unsigned int line, string_view message) override;
+    void writeOverride(LogLevel level, string_view levelName, string_view category, string_view file, unsigned int line,
+                       string_view message) override;
 
     /// The records kept with a sequence number above `after`, oldest first.
     std::vector<KeptLogRecord> recordsAfter(std::uint64_t after) const;

@@ -74,9 +74,12 @@ std::string programDirectory() {
 }
 
 int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
     return -1;
 }
 
@@ -119,7 +122,11 @@ InspectorBackend::~InspectorBackend() = default;
 
 struct InspectorServer::Shared : std::enable_shared_from_this<InspectorServer::Shared> {
     Shared(const InspectorServerOptions& options, ZvuMessageDispatcher& loop, std::weak_ptr<InspectorBackend> backend)
-        : options(options), loop(loop), backend(std::move(backend)), acceptor(io), work(asio::make_work_guard(io)) {}
+        : options(options),
+          loop(loop),
+          backend(std::move(backend)),
+          acceptor(io),
+          work(asio::make_work_guard(io)) {}
 
     /// Runs `task` on the loop with the backend, if it is still there.
     void toLoop(std::function<void(InspectorBackend&)> task) {
@@ -471,14 +478,13 @@ private:
         }
         auto message = std::make_shared<Response>(std::move(response));
         stream.expires_after(httpIdleTimeout);
-        http::async_write(stream, *message,
-                          [self = shared_from_this(), message](beast::error_code error, std::size_t) {
-                              if (error || !message->keep_alive()) {
-                                  self->shutdown();
-                                  return;
-                              }
-                              self->readRequest();
-                          });
+        http::async_write(stream, *message, [self = shared_from_this(), message](beast::error_code error, std::size_t) {
+            if (error || !message->keep_alive()) {
+                self->shutdown();
+                return;
+            }
+            self->readRequest();
+        });
     }
 
     beast::tcp_stream stream;
@@ -519,9 +525,12 @@ InspectorServer::InspectorServer(const InspectorServerOptions& options, ZvuMessa
     }
     const tcp::endpoint endpoint(address, options.port);
     shared->acceptor.open(endpoint.protocol(), error);
-    if (!error) shared->acceptor.set_option(asio::socket_base::reuse_address(true), error);
-    if (!error) shared->acceptor.bind(endpoint, error);
-    if (!error) shared->acceptor.listen(asio::socket_base::max_listen_connections, error);
+    if (!error)
+        shared->acceptor.set_option(asio::socket_base::reuse_address(true), error);
+    if (!error)
+        shared->acceptor.bind(endpoint, error);
+    if (!error)
+        shared->acceptor.listen(asio::socket_base::max_listen_connections, error);
     if (error) {
         throw std::runtime_error("cannot listen on " + options.bind + ":" + std::to_string(options.port) + ": " +
                                  error.message());
@@ -582,7 +591,7 @@ void flushNothing(png_structp) {}
 
 std::string encodePng(const TexturePixels& texture) {
     static const int colourTypes[] = {0, PNG_COLOR_TYPE_GRAY, PNG_COLOR_TYPE_GRAY_ALPHA, PNG_COLOR_TYPE_RGB,
-                                       PNG_COLOR_TYPE_RGB_ALPHA};
+                                      PNG_COLOR_TYPE_RGB_ALPHA};
     const auto channels = static_cast<std::size_t>(texture.channels);
     const std::size_t rowBytes = texture.width * channels;
     if (channels < 1 || channels > 4 || texture.pixels.size() < rowBytes * texture.height) {

@@ -47,8 +47,7 @@ int runLoad(const CommandLine& line) {
     bool finished = false;
     resources->acquireResourcesAsync(std::unordered_set<std::string>{url}, [&finished]() { finished = true; });
     if (!engine.loop().runUntil([&finished]() { return finished; }, limit + loadLimitMargin)) {
-        throw std::runtime_error("loading " + url + " did not finish within " + std::to_string(limit.count()) +
-                                 " ms");
+        throw std::runtime_error("loading " + url + " did not finish within " + std::to_string(limit.count()) + " ms");
     }
     auto texture = std::dynamic_pointer_cast<Texture>(resources->acquireLoadedResource(url));
     if (!texture) {

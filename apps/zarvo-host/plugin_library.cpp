@@ -3,8 +3,8 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
-#include <stdexcept>
 #include <sys/stat.h>
+#include <stdexcept>
 
 namespace zarvo::host {
 

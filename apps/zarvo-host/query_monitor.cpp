@@ -11,7 +11,10 @@ namespace zarvo::host {
 class QueryMonitor::Receiver : public client::TransportReceiver {
 public:
     Receiver(std::shared_ptr<client::TransportReceiver> next, QueryMonitor& monitor)
-        : next(std::move(next)), monitor(&monitor), alive(monitor.listener), loop(&monitor.loop) {}
+        : next(std::move(next)),
+          monitor(&monitor),
+          alive(monitor.listener),
+          loop(&monitor.loop) {}
 
     void forget() {
         std::lock_guard<std::mutex> lock(mutex);
@@ -85,7 +88,9 @@ void QueryMonitor::detach() {
     }
 }
 
-void QueryMonitor::stopListening() { *listener = nullptr; }
+void QueryMonitor::stopListening() {
+    *listener = nullptr;
+}
 
 void QueryMonitor::sendQuery(std::uint64_t loaderId, std::uint64_t queryId, const ContentQueryArguments& arguments) {
     if (open.size() >= maxOpenMonitoredQueries) {
@@ -103,8 +108,7 @@ void QueryMonitor::sendQuery(std::uint64_t loaderId, std::uint64_t queryId, cons
     inner->sendQuery(loaderId, queryId, arguments);
 }
 
-void QueryMonitor::onAnswer(std::uint64_t queryId, QueryEvent::Kind kind, std::size_t rows,
-                            Clock::time_point arrived) {
+void QueryMonitor::onAnswer(std::uint64_t queryId, QueryEvent::Kind kind, std::size_t rows, Clock::time_point arrived) {
     const auto found = open.find(queryId);
     // A later result of the same query (fresh rows) is no round trip.
     if (found == open.end()) {
@@ -133,6 +137,8 @@ void QueryMonitor::subscribeRuntimeData(std::uint64_t loaderId, std::uint64_t su
     inner->subscribeRuntimeData(loaderId, subscriptionId, uri);
 }
 
-void QueryMonitor::unsubscribe(std::uint64_t subscriptionId) { inner->unsubscribe(subscriptionId); }
+void QueryMonitor::unsubscribe(std::uint64_t subscriptionId) {
+    inner->unsubscribe(subscriptionId);
+}
 
 }  // namespace zarvo::host

@@ -22,8 +22,8 @@ struct QueryEvent {
     Kind kind = Kind::Sent;
     std::uint64_t queryId = 0;
     std::string uri;
-    int index = 0;  ///< the first row asked for
-    int count = 0;  ///< rows asked for
+    int index = 0;         ///< the first row asked for
+    int count = 0;         ///< rows asked for
     std::size_t rows = 0;  ///< rows answered
     /// From sending to the answer reaching the transport's receiver.
     std::chrono::microseconds roundTrip{0};

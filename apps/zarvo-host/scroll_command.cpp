@@ -153,9 +153,8 @@ public:
         forgetRowsOutside(0, 0);
         out << "rows seen: " << rowsSeen << ", filled while shown: " << rowsSeenFilled;
         if (rowsSeen != 0) {
-            out << " (" << std::fixed << std::setprecision(1) << 100.0 * static_cast<double>(rowsSeenFilled) /
-                                                                   static_cast<double>(rowsSeen)
-                << "%)";
+            out << " (" << std::fixed << std::setprecision(1)
+                << 100.0 * static_cast<double>(rowsSeenFilled) / static_cast<double>(rowsSeen) << "%)";
         }
         out << "\nqueries sent: " << sentQueryCount(session.domain()) - settledQueries << "\n";
         out << "peak data objects: " << peakDataObjects << "\n";
@@ -235,10 +234,9 @@ private:
     /// load never came back. The tool cannot tell which, so it says both.
     void reportShortOfGoal() const {
         const std::uint64_t count = view.list().itemCount();
-        std::cerr << "zarvo-host: scroll of " << options.path << " stopped at row "
-                  << (count == 0 ? 0 : count - 1) << ", short of row " << *options.to << ": the list holds " << count
-                  << " rows and did not grow for " << quietTime.count()
-                  << " ms with nothing asked of the service" << std::endl;
+        std::cerr << "zarvo-host: scroll of " << options.path << " stopped at row " << (count == 0 ? 0 : count - 1)
+                  << ", short of row " << *options.to << ": the list holds " << count << " rows and did not grow for "
+                  << quietTime.count() << " ms with nothing asked of the service" << std::endl;
     }
 
     /// A window at the end of the list shows fewer rows.

@@ -21,11 +21,12 @@ namespace {
 // enough to notice a quiet time that has passed.
 const std::chrono::milliseconds pollInterval(20);
 
-client::ClientCore& coreOf(Domain& domain) { return Context::instance(domain, nullptr)->getClient()->core(); }
+client::ClientCore& coreOf(Domain& domain) {
+    return Context::instance(domain, nullptr)->getClient()->core();
+}
 
 bool isConnected(Domain& domain) {
-    return Context::instance(domain, nullptr)->getClient()->getConnection()->getState() ==
-           Connection::StateConnected;
+    return Context::instance(domain, nullptr)->getClient()->getConnection()->getState() == Connection::StateConnected;
 }
 
 }  // namespace
@@ -35,8 +36,7 @@ void connectToService(Domain& domain, const std::string& url) {
     if (!options) {
         throw UsageError("not a service URL: \"" + url + "\"; expected ws://HOST:PORT[/PATH] or HOST:PORT");
     }
-    client::installTransport(*Context::instance(domain, nullptr),
-                             std::make_shared<client::NetworkTransport>(*options));
+    client::installTransport(*Context::instance(domain, nullptr), std::make_shared<client::NetworkTransport>(*options));
 }
 
 bool isIdle(Domain& domain) {
@@ -44,7 +44,9 @@ bool isIdle(Domain& domain) {
            domain.getResourceManager()->pendingLoadCount() == 0;
 }
 
-std::uint64_t sentQueryCount(Domain& domain) { return coreOf(domain).sentQueryCount(); }
+std::uint64_t sentQueryCount(Domain& domain) {
+    return coreOf(domain).sentQueryCount();
+}
 
 SettleOutcome waitUntilSettled(Domain& domain, std::optional<std::chrono::milliseconds> limit,
                                const std::function<void()>& watch) {

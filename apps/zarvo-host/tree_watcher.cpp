@@ -143,6 +143,8 @@ void TreeWatcher::bindRows(DataObject* list) {
     entry.rows = std::move(bound);
 }
 
-void TreeWatcher::line(const std::string& text) { out << text << std::endl; }
+void TreeWatcher::line(const std::string& text) {
+    out << text << std::endl;
+}
 
 }  // namespace zarvo::host

@@ -16,7 +16,9 @@ namespace {
 
 volatile std::sig_atomic_t interrupted = 0;
 
-extern "C" void onInterrupt(int) { interrupted = 1; }
+extern "C" void onInterrupt(int) {
+    interrupted = 1;
+}
 
 // A signal cannot wake the loop safely; a timer this often lets it look.
 const std::chrono::milliseconds signalPollInterval(50);

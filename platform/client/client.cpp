@@ -10,7 +10,10 @@ namespace zarvo {
 InterfaceDomain::~InterfaceDomain() = default;
 
 Client::Client(Context* context, ZvuMessageDispatcher* loop)
-    : context(context), dispatcher(loop), connection(&dispatcher), clientCore(std::make_unique<client::ClientCore>(*this)) {}
+    : context(context),
+      dispatcher(loop),
+      connection(&dispatcher),
+      clientCore(std::make_unique<client::ClientCore>(*this)) {}
 
 // The core goes first (declared last), while dispatcher and connection live.
 Client::~Client() = default;

@@ -31,9 +31,8 @@ public:
         });
     }
     void onQueryError(std::uint64_t queryId, std::string reason) override {
-        toLoop([queryId, reason = std::move(reason)](ClientCore& target) {
-            target.deliverQueryError(queryId, reason);
-        });
+        toLoop(
+            [queryId, reason = std::move(reason)](ClientCore& target) { target.deliverQueryError(queryId, reason); });
     }
     void onQueryInvalidated(std::uint64_t queryId) override {
         toLoop([queryId](ClientCore& target) { target.deliverInvalidation(queryId); });
@@ -85,7 +84,9 @@ private:
 
 TransportReceiver::~TransportReceiver() = default;
 
-std::size_t TransportReceiver::pendingReports() const { return 0; }
+std::size_t TransportReceiver::pendingReports() const {
+    return 0;
+}
 Transport::~Transport() = default;
 
 void installTransport(Context& context, std::shared_ptr<Transport> transport) {
@@ -101,9 +102,13 @@ ClientCore::~ClientCore() {
     }
 }
 
-MessageDispatcher& ClientCore::getDispatcher() { return *client.getConnection()->getMessageDispatcher(); }
+MessageDispatcher& ClientCore::getDispatcher() {
+    return *client.getConnection()->getMessageDispatcher();
+}
 
-Connection::State ClientCore::getConnectionState() const { return client.getConnection()->getState(); }
+Connection::State ClientCore::getConnectionState() const {
+    return client.getConnection()->getState();
+}
 
 void ClientCore::installTransport(std::shared_ptr<Transport> newTransport) {
     detachTransport();
@@ -165,7 +170,9 @@ std::uint32_t ClientCore::registerLoader(LoaderChannel& channel) {
     return id;
 }
 
-void ClientCore::unregisterLoader(std::uint32_t loaderId) { channels.erase(loaderId); }
+void ClientCore::unregisterLoader(std::uint32_t loaderId) {
+    channels.erase(loaderId);
+}
 
 LoaderChannel* ClientCore::findChannel(std::uint64_t requestId) const {
     const auto it = channels.find(RequestId::loaderOf(requestId));

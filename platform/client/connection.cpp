@@ -7,7 +7,9 @@
 
 namespace zarvo {
 
-void MessageDispatcher::post(std::function<void()> task) { loop->post(std::move(task)); }
+void MessageDispatcher::post(std::function<void()> task) {
+    loop->post(std::move(task));
+}
 
 std::shared_ptr<void> Connection::addStateSubscription(std::function<void(State)> callback) {
     // Forget subscriptions whose holders let go without removing them.
@@ -40,7 +42,9 @@ void Connection::removeStateSubscription(std::shared_ptr<void> token) {
     }
 }
 
-Connection::~Connection() { *alive = false; }
+Connection::~Connection() {
+    *alive = false;
+}
 
 void Connection::setState(State newState) {
     state = newState;

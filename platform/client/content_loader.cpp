@@ -24,7 +24,9 @@ bool ContentLoader::isObserver(Observer* observer) const {
     return std::find(observers.begin(), observers.end(), observer) != observers.end();
 }
 
-ContentLoader::~ContentLoader() { *alive = false; }
+ContentLoader::~ContentLoader() {
+    *alive = false;
+}
 
 // Each delivery walks a copy: an observer may add or remove observers, stop
 // the loader, or destroy it, from within its callback. One that has been
@@ -52,9 +54,8 @@ void ContentLoader::notifyContentInvalidated() {
 }
 
 void ContentLoader::notifyRuntimeDataUpdate(const std::string& address, const std::string& data) {
-    notifyObservers([this, &address, &data](Observer& observer) {
-        observer.onRuntimeDataUpdateReceived(this, address, data);
-    });
+    notifyObservers(
+        [this, &address, &data](Observer& observer) { observer.onRuntimeDataUpdateReceived(this, address, data); });
 }
 
 namespace {
@@ -70,7 +71,9 @@ client::ClientCore& coreOf(InterfaceDomain* domain) {
 DefaultContentLoader::DefaultContentLoader(InterfaceDomain* domain, MessageDispatcher* dispatcher)
     : channel(std::make_shared<client::LoaderChannel>(coreOf(domain), *this, dispatcher)) {}
 
-DefaultContentLoader::~DefaultContentLoader() { channel->close(); }
+DefaultContentLoader::~DefaultContentLoader() {
+    channel->close();
+}
 
 void DefaultContentLoader::load(std::shared_ptr<ContentQueryArguments> arguments) {
     if (arguments) {
@@ -78,10 +81,16 @@ void DefaultContentLoader::load(std::shared_ptr<ContentQueryArguments> arguments
     }
 }
 
-void DefaultContentLoader::subscribeRuntimeData(const std::string& uri) { channel->subscribe(uri); }
+void DefaultContentLoader::subscribeRuntimeData(const std::string& uri) {
+    channel->subscribe(uri);
+}
 
-void DefaultContentLoader::stop() { channel->stop(); }
+void DefaultContentLoader::stop() {
+    channel->stop();
+}
 
-std::uint64_t DefaultContentLoader::getLoaderId() const { return channel->getLoaderId(); }
+std::uint64_t DefaultContentLoader::getLoaderId() const {
+    return channel->getLoaderId();
+}
 
 }  // namespace zarvo

@@ -9,7 +9,12 @@ namespace zarvo {
 
 ContentQueryArguments::ContentQueryArguments(const std::string& uri, const std::vector<std::string>& columns,
                                              std::string filter, int index, int count, std::string sort)
-    : uri(uri), columns(columns), filter(std::move(filter)), index(index), count(count), sort(std::move(sort)) {}
+    : uri(uri),
+      columns(columns),
+      filter(std::move(filter)),
+      index(index),
+      count(count),
+      sort(std::move(sort)) {}
 
 ContentQueryArguments::~ContentQueryArguments() = default;
 
@@ -18,15 +23,13 @@ namespace {
 std::size_t countRows(const std::vector<ContentResult::Column>& columns, const std::vector<boost::any>& cells) {
     if (columns.empty()) {
         if (!cells.empty()) {
-            throw std::invalid_argument("ContentResult: " + std::to_string(cells.size()) +
-                                        " cells without any column");
+            throw std::invalid_argument("ContentResult: " + std::to_string(cells.size()) + " cells without any column");
         }
         return 0;
     }
     if (cells.size() % columns.size() != 0) {
         throw std::invalid_argument("ContentResult: " + std::to_string(cells.size()) +
-                                    " cells do not make whole rows of " + std::to_string(columns.size()) +
-                                    " columns");
+                                    " cells do not make whole rows of " + std::to_string(columns.size()) + " columns");
     }
     return cells.size() / columns.size();
 }

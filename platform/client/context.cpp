@@ -22,7 +22,8 @@ std::shared_ptr<Context> Context::instance(Domain& domain, const char* /*name*/)
 }
 
 Context::Context(Domain& domain)
-    : domain(domain), client(std::make_shared<Client>(this, domain.getMessageDispatcher())) {
+    : domain(domain),
+      client(std::make_shared<Client>(this, domain.getMessageDispatcher())) {
     // Resource URLs found in the content are the service's: a relative one
     // names a file of the service, never one of the local file system.
     ResourceManager* resources = domain.getResourceManager();
@@ -68,7 +69,9 @@ void Context::releaseService(const std::string& name) {
     }
 }
 
-void Context::setContextValue(int key, int value) { values[key] = value; }
+void Context::setContextValue(int key, int value) {
+    values[key] = value;
+}
 
 int Context::getContextValue(int key, int defaultValue) const {
     const auto it = values.find(key);

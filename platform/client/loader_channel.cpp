@@ -27,24 +27,27 @@ bool isPassingQueryFailure(const std::string& reason) {
     // wrong and stays wrong however often it is asked. Only the start of a
     // reason is compared: the rest may quote the query's own text.
     static const char* const passing[] = {
-        "not connected to the service",       "connection to the service lost",
-        "too many open requests",             "database: database is locked",
-        "database: database table is locked", "timed out",
+        "not connected to the service", "connection to the service lost",     "too many open requests",
+        "database: database is locked", "database: database table is locked", "timed out",
     };
     return std::any_of(std::begin(passing), std::end(passing),
                        [&reason](const char* start) { return reason.rfind(start, 0) == 0; });
 }
 
 LoaderChannel::LoaderChannel(ClientCore& core, DefaultContentLoader& loader, MessageDispatcher* dispatcher)
-    : core(&core), loader(&loader), dispatcher(dispatcher), loaderId(core.registerLoader(*this)) {}
+    : core(&core),
+      loader(&loader),
+      dispatcher(dispatcher),
+      loaderId(core.registerLoader(*this)) {}
 
-LoaderChannel::~LoaderChannel() { close(); }
+LoaderChannel::~LoaderChannel() {
+    close();
+}
 
 void LoaderChannel::load(const ContentQueryArguments& arguments) {
     Transport* transport = core ? core->currentTransport() : nullptr;
     if (!transport) {
-        ZARVO_LOG_WARNING(logCategory, "No connection to the service: the query of {} is not sent",
-                          arguments.getUri());
+        ZARVO_LOG_WARNING(logCategory, "No connection to the service: the query of {} is not sent", arguments.getUri());
         return;
     }
     const std::size_t limit = core->getQueryRetryPolicy().maxOpenQueriesPerLoader;
@@ -184,8 +187,8 @@ void LoaderChannel::deliverResult(std::uint32_t sequence, QueryResult&& result) 
     }
     const std::size_t columns = result.columns.size();
     if (columns == 0 ? !result.cells.empty() : result.cells.size() % columns != 0) {
-        ZARVO_LOG_ERROR(logCategory, "Result of the query of {} dropped: {} values do not make rows of {} columns",
-                        uri, result.cells.size(), columns);
+        ZARVO_LOG_ERROR(logCategory, "Result of the query of {} dropped: {} values do not make rows of {} columns", uri,
+                        result.cells.size(), columns);
         return;
     }
     toLoader(sequence, [result = std::move(result)](DefaultContentLoader& target) mutable {
@@ -214,8 +217,8 @@ void LoaderChannel::deliverQueryError(std::uint32_t sequence, const std::string&
     }
     query.sent = false;
     ++query.failures;
-    ZARVO_LOG_WARNING(logCategory, "Query of {} failed: {}; it is asked again (failure {})",
-                      query.arguments.getUri(), reason, query.failures);
+    ZARVO_LOG_WARNING(logCategory, "Query of {} failed: {}; it is asked again (failure {})", query.arguments.getUri(),
+                      reason, query.failures);
     scheduleRetry(sequence, query);
 }
 
@@ -226,8 +229,7 @@ void LoaderChannel::deliverInvalidation(std::uint32_t sequence) {
     toLoader(sequence, [](DefaultContentLoader& target) { target.notifyContentInvalidated(); });
 }
 
-void LoaderChannel::deliverRuntimeUpdate(std::uint32_t sequence, const std::string& address,
-                                         const std::string& data) {
+void LoaderChannel::deliverRuntimeUpdate(std::uint32_t sequence, const std::string& address, const std::string& data) {
     const auto found = subscriptions.find(sequence);
     if (found == subscriptions.end()) {
         return;

@@ -19,8 +19,8 @@
 #include <deque>
 #include <iomanip>
 #include <limits>
-#include <sstream>
 #include <set>
+#include <sstream>
 #include <thread>
 
 namespace zarvo {
@@ -78,7 +78,10 @@ std::string shownNumber(double value) {
 class CellConverter {
 public:
     CellConverter(QueryResult& result, const std::vector<protocol::Column>& columns, protocol::RequestId id)
-        : result(result), columns(columns), id(id), told(columns.size(), false) {}
+        : result(result),
+          columns(columns),
+          id(id),
+          told(columns.size(), false) {}
 
     void integer(std::size_t column, std::int64_t value) {
         bool clamped = false;
@@ -238,8 +241,13 @@ std::optional<NetworkTransportOptions> parseServiceUrl(const std::string& url) {
 class NetworkTransport::Link : public std::enable_shared_from_this<Link> {
 public:
     explicit Link(NetworkTransportOptions options)
-        : options(std::move(options)), work(asio::make_work_guard(io)), resolver(io), retryTimer(io),
-          helloTimer(io), backlogTimer(io), reconnectDelay(this->options.firstReconnectDelay) {}
+        : options(std::move(options)),
+          work(asio::make_work_guard(io)),
+          resolver(io),
+          retryTimer(io),
+          helloTimer(io),
+          backlogTimer(io),
+          reconnectDelay(this->options.firstReconnectDelay) {}
 
     void start(std::shared_ptr<TransportReceiver> newReceiver) {
         receiver = std::move(newReceiver);
@@ -322,13 +330,13 @@ private:
             return;
         }
         current = std::make_shared<Attempt>(io);
-        resolver.async_resolve(options.host, std::to_string(options.port),
-                               [self = shared_from_this(), attempt = current](beast::error_code error,
-                                                                            tcp::resolver::results_type found) {
-                                   if (self->isCurrent(attempt, error)) {
-                                       self->onResolved(found);
-                                   }
-                               });
+        resolver.async_resolve(
+            options.host, std::to_string(options.port),
+            [self = shared_from_this(), attempt = current](beast::error_code error, tcp::resolver::results_type found) {
+                if (self->isCurrent(attempt, error)) {
+                    self->onResolved(found);
+                }
+            });
     }
 
     /// Whether a completion still belongs to the live attempt; fails the
@@ -346,12 +354,13 @@ private:
 
     void onResolved(const tcp::resolver::results_type& found) {
         beast::get_lowest_layer(current->socket).expires_after(options.handshakeTimeout);
-        beast::get_lowest_layer(current->socket).async_connect(
-            found, [self = shared_from_this(), attempt = current](beast::error_code error, const tcp::endpoint&) {
-                if (self->isCurrent(attempt, error)) {
-                    self->onConnected();
-                }
-            });
+        beast::get_lowest_layer(current->socket)
+            .async_connect(
+                found, [self = shared_from_this(), attempt = current](beast::error_code error, const tcp::endpoint&) {
+                    if (self->isCurrent(attempt, error)) {
+                        self->onConnected();
+                    }
+                });
     }
 
     void onConnected() {
@@ -367,19 +376,19 @@ private:
         current->socket.set_option(timeouts);
         current->socket.read_message_max(protocol::maxResultFrameBytes);
         current->socket.async_handshake(options.host + ":" + std::to_string(options.port), options.path,
-                                [self = shared_from_this(), attempt = current](beast::error_code error) {
-                                    if (self->isCurrent(attempt, error)) {
-                                        self->onHandshake();
-                                    }
-                                });
+                                        [self = shared_from_this(), attempt = current](beast::error_code error) {
+                                            if (self->isCurrent(attempt, error)) {
+                                                self->onHandshake();
+                                            }
+                                        });
     }
 
     void onHandshake() {
         current->socket.text(true);
         // Results come as binary frames: no text to write and parse, and
         // their cells are read straight into the client's values.
-        send(protocol::encode(protocol::Hello{protocol::protocolVersion, "zarvo client library", "",
-                                              protocol::binaryResultFormat}));
+        send(protocol::encode(
+            protocol::Hello{protocol::protocolVersion, "zarvo client library", "", protocol::binaryResultFormat}));
         // A peer that answers pings but never says hello (or says it in
         // another version) would otherwise hold the transport down for ever.
         helloTimer.expires_after(options.helloTimeout);
@@ -393,12 +402,12 @@ private:
 
     void read() {
         current->buffer.consume(current->buffer.size());
-        current->socket.async_read(current->buffer, [self = shared_from_this(), attempt = current](beast::error_code error,
-                                                                                      std::size_t) {
-            if (self->isCurrent(attempt, error)) {
-                self->onFrame();
-            }
-        });
+        current->socket.async_read(
+            current->buffer, [self = shared_from_this(), attempt = current](beast::error_code error, std::size_t) {
+                if (self->isCurrent(attempt, error)) {
+                    self->onFrame();
+                }
+            });
     }
 
     void onFrame() {
@@ -514,15 +523,16 @@ private:
             return;
         }
         current->writing = true;
-        current->socket.async_write(asio::buffer(current->outbox.front()),
-                            [self = shared_from_this(), attempt = current](beast::error_code error, std::size_t) {
-                                if (!self->isCurrent(attempt, error)) {
-                                    return;
-                                }
-                                attempt->outboxBytes -= attempt->outbox.front().size();
-                                attempt->outbox.pop_front();
-                                self->writeNext();
-                            });
+        current->socket.async_write(
+            asio::buffer(current->outbox.front()),
+            [self = shared_from_this(), attempt = current](beast::error_code error, std::size_t) {
+                if (!self->isCurrent(attempt, error)) {
+                    return;
+                }
+                attempt->outboxBytes -= attempt->outbox.front().size();
+                attempt->outbox.pop_front();
+                self->writeNext();
+            });
     }
 
     /// The connection broke or could not be made: everything open fails,
@@ -585,11 +595,11 @@ private:
         timeouts.handshake_timeout = closeTimeout;
         current->socket.set_option(timeouts);
         current->socket.async_close(websocket::close_code::going_away,
-                            [self = shared_from_this(), attempt = current](beast::error_code) {
-                                if (attempt == self->current) {
-                                    self->dropConnection();
-                                }
-                            });
+                                    [self = shared_from_this(), attempt = current](beast::error_code) {
+                                        if (attempt == self->current) {
+                                            self->dropConnection();
+                                        }
+                                    });
     }
 
     NetworkTransportOptions options;
@@ -636,8 +646,13 @@ void NetworkTransport::sendQuery(std::uint64_t, std::uint64_t queryId, const Con
     if (!link) {
         return;
     }
-    protocol::Query query{queryId,           arguments.getUri(),   arguments.getColumns(), arguments.getFilter(),
-                          arguments.getSort(), arguments.getIndex(), arguments.getCount()};
+    protocol::Query query{queryId,
+                          arguments.getUri(),
+                          arguments.getColumns(),
+                          arguments.getFilter(),
+                          arguments.getSort(),
+                          arguments.getIndex(),
+                          arguments.getCount()};
     link->post([queryId, query = std::move(query)](Link& l) mutable { l.sendQuery(queryId, std::move(query)); });
 }
 

@@ -12,7 +12,7 @@ struct UrlParts {
     std::string scheme;     // with its ':'
     std::string authority;  // with its "//", empty if none
     std::string path;
-    std::string rest;       // query and fragment, with '?' or '#'
+    std::string rest;  // query and fragment, with '?' or '#'
 };
 
 std::size_t schemeLength(const std::string& url) {
@@ -92,7 +92,9 @@ std::string mergePaths(const UrlParts& base, const std::string& relative) {
 
 }  // namespace
 
-bool hasUrlScheme(const std::string& url) { return schemeLength(url) != 0; }
+bool hasUrlScheme(const std::string& url) {
+    return schemeLength(url) != 0;
+}
 
 std::string resolveUrl(const std::string& base, const std::string& reference) {
     if (reference.empty() || hasUrlScheme(reference) || !hasUrlScheme(base)) {

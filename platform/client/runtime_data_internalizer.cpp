@@ -16,11 +16,17 @@ namespace {
 thread_local bool deliveringState = false;
 }  // namespace
 
-RuntimeStateScope::RuntimeStateScope(bool state) : outer(deliveringState) { deliveringState = state; }
+RuntimeStateScope::RuntimeStateScope(bool state) : outer(deliveringState) {
+    deliveringState = state;
+}
 
-RuntimeStateScope::~RuntimeStateScope() { deliveringState = outer; }
+RuntimeStateScope::~RuntimeStateScope() {
+    deliveringState = outer;
+}
 
-bool RuntimeStateScope::active() { return deliveringState; }
+bool RuntimeStateScope::active() {
+    return deliveringState;
+}
 
 }  // namespace client
 

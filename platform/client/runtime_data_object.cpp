@@ -7,15 +7,22 @@
 namespace zarvo {
 
 RuntimeDataObject::RuntimeDataObject(TethrixDomain* /*domain*/, const std::string& name, std::string value)
-    : name(name), text(std::move(value)) {}
+    : name(name),
+      text(std::move(value)) {}
 
 RuntimeDataObject::~RuntimeDataObject() = default;
 
-RuntimeDataObject::Type RuntimeDataObject::getType() const { return TypeObject; }
+RuntimeDataObject::Type RuntimeDataObject::getType() const {
+    return TypeObject;
+}
 
-std::string RuntimeDataObject::getNameOverride() const { return name; }
+std::string RuntimeDataObject::getNameOverride() const {
+    return name;
+}
 
-std::string RuntimeDataObject::getValueAsString() const { return text; }
+std::string RuntimeDataObject::getValueAsString() const {
+    return text;
+}
 
 bool RuntimeDataObject::setValueFromString(const std::string& newText) {
     if (newText == text) {
@@ -87,14 +94,28 @@ void RuntimeDataObject::notifyModified() {
 
 namespace {
 
-std::string toText(int value) { return client::formatInteger(value); }
-std::string toText(double value) { return client::formatReal(value); }
-std::string toText(bool value) { return client::formatBoolean(value); }
-std::string toText(const std::string& value) { return value; }
+std::string toText(int value) {
+    return client::formatInteger(value);
+}
+std::string toText(double value) {
+    return client::formatReal(value);
+}
+std::string toText(bool value) {
+    return client::formatBoolean(value);
+}
+std::string toText(const std::string& value) {
+    return value;
+}
 
-bool fromText(const std::string& text, int& out) { return client::parseInteger(text, out); }
-bool fromText(const std::string& text, double& out) { return client::parseReal(text, out); }
-bool fromText(const std::string& text, bool& out) { return client::parseBoolean(text, out); }
+bool fromText(const std::string& text, int& out) {
+    return client::parseInteger(text, out);
+}
+bool fromText(const std::string& text, double& out) {
+    return client::parseReal(text, out);
+}
+bool fromText(const std::string& text, bool& out) {
+    return client::parseBoolean(text, out);
+}
 bool fromText(const std::string& text, std::string& out) {
     out = text;
     return true;

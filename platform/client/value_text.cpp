@@ -21,32 +21,54 @@ std::string formatWithCharconv(T value) {
 
 }  // namespace
 
-std::string formatInteger(long long value) { return tethrix::protocol::formatInteger(value); }
-std::string formatReal(double value) { return tethrix::protocol::formatReal(value); }
-std::string formatReal(float value) { return formatWithCharconv(value); }
+std::string formatInteger(long long value) {
+    return tethrix::protocol::formatInteger(value);
+}
+std::string formatReal(double value) {
+    return tethrix::protocol::formatReal(value);
+}
+std::string formatReal(float value) {
+    return formatWithCharconv(value);
+}
 
 std::string formatAny(const boost::any& value) {
     const std::type_info& type = value.type();
-    if (type == typeid(int)) return formatInteger(boost::any_cast<int>(value));
-    if (type == typeid(float)) return formatReal(boost::any_cast<float>(value));
-    if (type == typeid(bool)) return formatBoolean(boost::any_cast<bool>(value));
-    if (type == typeid(std::string)) return boost::any_cast<const std::string&>(value);
-    if (type == typeid(double)) return formatReal(boost::any_cast<double>(value));
-    if (type == typeid(long)) return formatInteger(boost::any_cast<long>(value));
-    if (type == typeid(long long)) return formatInteger(boost::any_cast<long long>(value));
-    if (type == typeid(unsigned int)) return formatWithCharconv(boost::any_cast<unsigned int>(value));
-    if (type == typeid(unsigned long)) return formatWithCharconv(boost::any_cast<unsigned long>(value));
-    if (type == typeid(unsigned long long)) return formatWithCharconv(boost::any_cast<unsigned long long>(value));
+    if (type == typeid(int))
+        return formatInteger(boost::any_cast<int>(value));
+    if (type == typeid(float))
+        return formatReal(boost::any_cast<float>(value));
+    if (type == typeid(bool))
+        return formatBoolean(boost::any_cast<bool>(value));
+    if (type == typeid(std::string))
+        return boost::any_cast<const std::string&>(value);
+    if (type == typeid(double))
+        return formatReal(boost::any_cast<double>(value));
+    if (type == typeid(long))
+        return formatInteger(boost::any_cast<long>(value));
+    if (type == typeid(long long))
+        return formatInteger(boost::any_cast<long long>(value));
+    if (type == typeid(unsigned int))
+        return formatWithCharconv(boost::any_cast<unsigned int>(value));
+    if (type == typeid(unsigned long))
+        return formatWithCharconv(boost::any_cast<unsigned long>(value));
+    if (type == typeid(unsigned long long))
+        return formatWithCharconv(boost::any_cast<unsigned long long>(value));
     return std::string();
 }
 
 // One reading of values for the whole system: the service reads the same
 // runtime tree files.
-bool parseInteger(const std::string& text, int& out) { return tethrix::protocol::parseInteger(text, out); }
+bool parseInteger(const std::string& text, int& out) {
+    return tethrix::protocol::parseInteger(text, out);
+}
 
-bool parseReal(const std::string& text, double& out) { return tethrix::protocol::parseReal(text, out); }
+bool parseReal(const std::string& text, double& out) {
+    return tethrix::protocol::parseReal(text, out);
+}
 
-bool parseBoolean(const std::string& text, bool& out) { return tethrix::protocol::parseBoolean(text, out); }
+bool parseBoolean(const std::string& text, bool& out) {
+    return tethrix::protocol::parseBoolean(text, out);
+}
 
 }  // namespace client
 }  // namespace zarvo

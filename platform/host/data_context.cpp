@@ -17,9 +17,8 @@ MetaclassEditorInfo DataContext::makeEditorInfo() {
 }
 
 const Metaclass* DataContext::getStaticMetaclass() {
-    static const MetaclassStaticImpl<DataContext> metaclass("Zarvo.DataContext", nullptr, true,
-                                                            {&DataContextProperty, &ItemsSourceProperty},
-                                                            &DataContext::makeEditorInfo);
+    static const MetaclassStaticImpl<DataContext> metaclass(
+        "Zarvo.DataContext", nullptr, true, {&DataContextProperty, &ItemsSourceProperty}, &DataContext::makeEditorInfo);
     return &metaclass;
 }
 

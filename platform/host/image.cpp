@@ -4,10 +4,10 @@
 
 #include <png.h>
 // jpeglib.h needs size_t and FILE declared before it.
-#include <cstddef>
-#include <cstdio>
 #include <jerror.h>
 #include <jpeglib.h>
+#include <cstddef>
+#include <cstdio>
 
 #include <algorithm>
 #include <csetjmp>
@@ -40,39 +40,42 @@ void zvcInputStreamDelete(ZvcInputStream* stream) {
 }
 
 BitmapImage::BitmapImage(std::uint32_t width, std::uint32_t height, Format format, std::vector<std::uint8_t> pixels)
-    : width(width), height(height), format(format), pixels(std::move(pixels)) {
+    : width(width),
+      height(height),
+      format(format),
+      pixels(std::move(pixels)) {
     const std::size_t expected = static_cast<std::size_t>(width) * height * bytesPerPixel(format);
     if (this->pixels.size() != expected) {
         throw std::invalid_argument("BitmapImage: " + std::to_string(this->pixels.size()) + " bytes given for " +
-                                    std::to_string(width) + "x" + std::to_string(height) + " " +
-                                    formatName(format) + " pixels, which need " + std::to_string(expected));
+                                    std::to_string(width) + "x" + std::to_string(height) + " " + formatName(format) +
+                                    " pixels, which need " + std::to_string(expected));
     }
 }
 
 unsigned int BitmapImage::bytesPerPixel(Format format) {
     switch (format) {
-        case Format::RGB8:
-            return 3;
-        case Format::RGBA8:
-            return 4;
-        case Format::Luminance8:
-            return 1;
-        case Format::LuminanceAlpha8:
-            return 2;
+    case Format::RGB8:
+        return 3;
+    case Format::RGBA8:
+        return 4;
+    case Format::Luminance8:
+        return 1;
+    case Format::LuminanceAlpha8:
+        return 2;
     }
     return 0;
 }
 
 const char* BitmapImage::formatName(Format format) {
     switch (format) {
-        case Format::RGB8:
-            return "RGB8";
-        case Format::RGBA8:
-            return "RGBA8";
-        case Format::Luminance8:
-            return "Luminance8";
-        case Format::LuminanceAlpha8:
-            return "LuminanceAlpha8";
+    case Format::RGB8:
+        return "RGB8";
+    case Format::RGBA8:
+        return "RGBA8";
+    case Format::Luminance8:
+        return "Luminance8";
+    case Format::LuminanceAlpha8:
+        return "LuminanceAlpha8";
     }
     return "unknown";
 }
@@ -182,9 +185,9 @@ void checkStream(ZvcInputStream* stream, const char* kind, string_view name) {
 
 void checkInputSize(std::uint64_t length, const ImageDecodeLimits& limits, const char* kind, string_view name) {
     if (length > limits.maxInputBytes) {
-        throw std::runtime_error(decodeError(kind, name,
-                                             std::to_string(length) + " bytes of data, more than the limit of " +
-                                                 std::to_string(limits.maxInputBytes)));
+        throw std::runtime_error(decodeError(
+            kind, name,
+            std::to_string(length) + " bytes of data, more than the limit of " + std::to_string(limits.maxInputBytes)));
     }
 }
 
@@ -198,7 +201,8 @@ void checkImageSize(std::uint64_t width, std::uint64_t height, unsigned int byte
     }
     if (width > limits.maxSide || height > limits.maxSide) {
         throw std::runtime_error(decodeError(
-            kind, name, "image size " + size + " has a side longer than the limit of " + std::to_string(limits.maxSide)));
+            kind, name,
+            "image size " + size + " has a side longer than the limit of " + std::to_string(limits.maxSide)));
     }
     const std::uint64_t bytes = width * height * bytesPerPixel;
     if (bytes > limits.maxPixelBytes) {
@@ -393,8 +397,8 @@ struct JpegScanLimit {
     }
 };
 
-bool readJpegHeader(JpegReader& reader, JpegScanLimit& scans, const ImageDecodeLimits& limits,
-                    const std::uint8_t* data, unsigned long length) {
+bool readJpegHeader(JpegReader& reader, JpegScanLimit& scans, const ImageDecodeLimits& limits, const std::uint8_t* data,
+                    unsigned long length) {
     if (setjmp(reader.errors.jump)) {
         return false;
     }
@@ -509,7 +513,9 @@ const Metaclass* textureMetaclass() {
 Texture::CreateInfo2D::CreateInfo2D(std::unique_ptr<BitmapImage> image) : image(std::move(image)) {}
 
 Texture::Texture(Domain* domain, string_view name, std::unique_ptr<BitmapImage> image, std::uint32_t memoryPolicy)
-    : Resource(domain, name), image(std::move(image)), memoryPolicy(memoryPolicy) {
+    : Resource(domain, name),
+      image(std::move(image)),
+      memoryPolicy(memoryPolicy) {
     if (!this->image) {
         throw std::invalid_argument("A texture needs an image");
     }

@@ -23,11 +23,17 @@ ListView::~ListView() {
     }
 }
 
-void ListView::moveTo(std::uint64_t first, std::uint64_t size) { show(first, size, true); }
+void ListView::moveTo(std::uint64_t first, std::uint64_t size) {
+    show(first, size, true);
+}
 
-void ListView::jumpTo(std::uint64_t first, std::uint64_t size) { show(first, size, false); }
+void ListView::jumpTo(std::uint64_t first, std::uint64_t size) {
+    show(first, size, false);
+}
 
-void ListView::refresh() { show(windowFirst, windowSize, clipToCount); }
+void ListView::refresh() {
+    show(windowFirst, windowSize, clipToCount);
+}
 
 std::size_t ListView::unfilledCount() const {
     return static_cast<std::size_t>(

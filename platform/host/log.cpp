@@ -89,7 +89,10 @@ void LogArgumentTypeEraser::appendValue(std::string& out, double value) {
 }
 
 LogRecord::LogRecord(LogLevel level, const char* category, const char* file, unsigned int line)
-    : level(level), category(category != nullptr ? category : ""), file(file != nullptr ? file : ""), line(line) {}
+    : level(level),
+      category(category != nullptr ? category : ""),
+      file(file != nullptr ? file : ""),
+      line(line) {}
 
 namespace {
 
@@ -120,8 +123,7 @@ std::size_t parsePosition(string_view digits, std::size_t count) {
 
 }  // namespace
 
-void LogRecord::appendFormattedMessage(string_view format, const LogArgumentTypeEraser* arguments,
-                                       std::size_t count) {
+void LogRecord::appendFormattedMessage(string_view format, const LogArgumentTypeEraser* arguments, std::size_t count) {
     std::size_t nextInOrder = 0;
     std::size_t pos = 0;
     while (pos < format.size()) {

@@ -53,8 +53,8 @@ std::shared_ptr<void> ZvuMessageDispatcher::addTimer(milliseconds interval, ZvuT
     }
     auto timer = std::make_shared<Timer>();
     // A repeating timer of no period would keep the loop busy for ever.
-    timer->interval = mode == ZvuTimerMessageModeRepeat ? std::max(interval, milliseconds(1))
-                                                         : std::max(interval, milliseconds(0));
+    timer->interval =
+        mode == ZvuTimerMessageModeRepeat ? std::max(interval, milliseconds(1)) : std::max(interval, milliseconds(0));
     timer->mode = mode;
     timer->handler = std::move(handler);
     timer->due = now() + timer->interval;

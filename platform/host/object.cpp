@@ -10,8 +10,8 @@ PropertyObject::~PropertyObject() = default;
 
 void PropertyObject::onPropertyChanged(const AbstractPropertyType&, PropertyNotificationReason) {}
 
-void PropertyObject::notifyPropertyHandlers(
-    boost::intrusive_ptr<AbstractPropertyTypeDescriptor::PropertyStorage>&, PropertyNotificationReason reason) {
+void PropertyObject::notifyPropertyHandlers(boost::intrusive_ptr<AbstractPropertyTypeDescriptor::PropertyStorage>&,
+                                            PropertyNotificationReason reason) {
     if (notifiedType != nullptr) {
         onPropertyChanged(*notifiedType, reason);
     }
@@ -32,7 +32,8 @@ namespace {
 class NotifiedTypeScope {
 public:
     NotifiedTypeScope(const AbstractPropertyType*& slot, const AbstractPropertyType& type)
-        : slot(slot), previous(slot) {
+        : slot(slot),
+          previous(slot) {
         slot = &type;
     }
     ~NotifiedTypeScope() { slot = previous; }

@@ -108,10 +108,9 @@ std::string toLower(string_view text) {
 
 bool isPng(const std::string& data) {
     static const unsigned char signature[8] = {0x89, 0x50, 0x4E, 0x47, 0x0D, 0x0A, 0x1A, 0x0A};
-    return data.size() >= sizeof signature && std::equal(signature, signature + sizeof signature, data.begin(),
-                                                         [](unsigned char a, char b) {
-                                                             return a == static_cast<unsigned char>(b);
-                                                         });
+    return data.size() >= sizeof signature &&
+           std::equal(signature, signature + sizeof signature, data.begin(),
+                      [](unsigned char a, char b) { return a == static_cast<unsigned char>(b); });
 }
 
 bool isJpeg(const std::string& data) {
@@ -126,7 +125,10 @@ class LocalImageLoadTask : public ResourceManager::LoadTask {
 public:
     LocalImageLoadTask(std::string url, std::string path, Domain* domain, ZvcMemoryManager* memoryManager,
                        std::uint64_t maxBytes)
-        : url(std::move(url)), path(std::move(path)), domain(domain), memoryManager(memoryManager),
+        : url(std::move(url)),
+          path(std::move(path)),
+          domain(domain),
+          memoryManager(memoryManager),
           maxBytes(maxBytes) {}
 
     void loadFunction(const ResourceLoaderThreadContext*) override {
@@ -466,12 +468,11 @@ bool ResourceManager::resolveUrl(const std::string& url, std::shared_ptr<Resourc
         }
     }
     const auto schemeEnd = target.find("://");
-    const std::string scheme =
-        schemeEnd == std::string::npos ? std::string() : toLower(target.substr(0, schemeEnd));
+    const std::string scheme = schemeEnd == std::string::npos ? std::string() : toLower(target.substr(0, schemeEnd));
     if (scheme.empty() || scheme == "file") {
         std::string path = scheme.empty() ? target : target.substr(schemeEnd + 3);
-        task = std::make_shared<LocalImageLoadTask>(url, std::move(path), domain, getMemoryManager(),
-                                                    limits.maxFileBytes);
+        task =
+            std::make_shared<LocalImageLoadTask>(url, std::move(path), domain, getMemoryManager(), limits.maxFileBytes);
         return true;
     }
 
@@ -579,8 +580,8 @@ void ResourceManager::replaceLoaders() {
                     }
                     // The job moves into the posted work, so that the last
                     // reference to its task goes on the loop's thread.
-                    loaders->postLocked(loaders,
-                                        [job = std::move(job)](ResourceManager& manager) { manager.completeLoad(job); });
+                    loaders->postLocked(
+                        loaders, [job = std::move(job)](ResourceManager& manager) { manager.completeLoad(job); });
                 }
             });
             loaders->loaders.push_back(std::move(loader));
@@ -594,8 +595,7 @@ void ResourceManager::replaceLoaders() {
     }
     for (const std::string& url : starved) {
         ZARVO_LOG_ERROR("host",
-                        "Loading resource '{}' refused: every loader thread is held by a load that was given up",
-                        url);
+                        "Loading resource '{}' refused: every loader thread is held by a load that was given up", url);
         finishLoad(url, nullptr);
     }
 }
@@ -623,8 +623,8 @@ void ResourceManager::giveUp(const std::shared_ptr<Job>& job) {
     {
         std::lock_guard<std::mutex> lock(pool->mutex);
         auto& loaders = pool->loaders;
-        auto running = std::find_if(loaders.begin(), loaders.end(),
-                                    [&job](const auto& loader) { return loader->running == job; });
+        auto running =
+            std::find_if(loaders.begin(), loaders.end(), [&job](const auto& loader) { return loader->running == job; });
         if (running == loaders.end()) {
             return;  // it has just ended; its result is on the way
         }

@@ -60,7 +60,9 @@ RunningService::RunningService(const tethrix::service::ServiceOptions& options)
 RunningService::RunningService(const std::string& database, unsigned short port)
     : RunningService(optionsFor(database, port)) {}
 
-RunningService::~RunningService() { stop(); }
+RunningService::~RunningService() {
+    stop();
+}
 
 void RunningService::stop() {
     if (!service) {
@@ -97,7 +99,9 @@ ProtocolClient::ProtocolClient(unsigned short port, bool greet) : socket(io) {
     hello = receiveAs<protocol::Hello>();
 }
 
-void ProtocolClient::send(const protocol::Message& message) { sendText(protocol::encode(message)); }
+void ProtocolClient::send(const protocol::Message& message) {
+    sendText(protocol::encode(message));
+}
 
 void ProtocolClient::sendText(const std::string& frame) {
     socket.text(true);

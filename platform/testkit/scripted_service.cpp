@@ -45,8 +45,7 @@ struct ScriptedService::State : client::Transport {
         answer(queryId, slice(table->second, arguments));
     }
     void cancelQuery(std::uint64_t queryId) override { openQueries.erase(queryId); }
-    void subscribeRuntimeData(std::uint64_t loaderId, std::uint64_t subscriptionId,
-                              const std::string& uri) override {
+    void subscribeRuntimeData(std::uint64_t loaderId, std::uint64_t subscriptionId, const std::string& uri) override {
         subscriptions.push_back(RecordedSubscription{loaderId, subscriptionId, uri});
         activeSubscriptions.insert(subscriptionId);
     }
@@ -56,8 +55,8 @@ struct ScriptedService::State : client::Transport {
     /// the query's columns; only these cells are ever built.
     static client::QueryResult slice(const Served& source, const ContentQueryArguments& arguments) {
         const ServedTable& table = source.table;
-        const std::size_t first = std::min<std::size_t>(static_cast<std::size_t>(std::max(arguments.getIndex(), 0)),
-                                                        table.rowCount);
+        const std::size_t first =
+            std::min<std::size_t>(static_cast<std::size_t>(std::max(arguments.getIndex(), 0)), table.rowCount);
         const std::size_t wanted = static_cast<std::size_t>(std::max(arguments.getCount(), 0));
         const std::size_t end = wanted == 0 ? table.rowCount : std::min(table.rowCount, first + wanted);
 
@@ -108,7 +107,9 @@ ScriptedService::ScriptedService(Domain& domain) : state(std::make_shared<State>
 
 ScriptedService::~ScriptedService() = default;
 
-std::shared_ptr<Context> ScriptedService::context() const { return state->context.lock(); }
+std::shared_ptr<Context> ScriptedService::context() const {
+    return state->context.lock();
+}
 
 void ScriptedService::setState(Connection::State connectionState) {
     if (state->receiver) {
@@ -116,7 +117,9 @@ void ScriptedService::setState(Connection::State connectionState) {
     }
 }
 
-const std::vector<RecordedQuery>& ScriptedService::queries() const { return state->queries; }
+const std::vector<RecordedQuery>& ScriptedService::queries() const {
+    return state->queries;
+}
 
 std::vector<RecordedQuery> ScriptedService::takeQueries() {
     std::vector<RecordedQuery> taken;
@@ -124,7 +127,9 @@ std::vector<RecordedQuery> ScriptedService::takeQueries() {
     return taken;
 }
 
-std::size_t ScriptedService::openQueryCount() const { return state->openQueries.size(); }
+std::size_t ScriptedService::openQueryCount() const {
+    return state->openQueries.size();
+}
 
 void ScriptedService::reply(const RecordedQuery& query, std::vector<ContentResult::Column> columns,
                             std::vector<std::vector<boost::any>> rows, std::size_t startIndex) {
@@ -167,9 +172,13 @@ void ScriptedService::serve(const std::string& uri, ServedTable table) {
     state->served[uri] = std::move(entry);
 }
 
-const std::vector<RecordedSubscription>& ScriptedService::subscriptions() const { return state->subscriptions; }
+const std::vector<RecordedSubscription>& ScriptedService::subscriptions() const {
+    return state->subscriptions;
+}
 
-std::size_t ScriptedService::activeSubscriptionCount() const { return state->activeSubscriptions.size(); }
+std::size_t ScriptedService::activeSubscriptionCount() const {
+    return state->activeSubscriptions.size();
+}
 
 void ScriptedService::pushRuntimeUpdate(const RecordedSubscription& subscription, const std::string& address,
                                         const std::string& data) {

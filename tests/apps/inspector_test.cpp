@@ -18,7 +18,10 @@ using host::ListWindow;
 
 // One pixel as the texture holds it and as it decodes.
 struct PngRow {
-    int channels; bool premultiplied; std::vector<std::uint8_t> pixels; BitmapImage::Format format;
+    int channels;
+    bool premultiplied;
+    std::vector<std::uint8_t> pixels;
+    BitmapImage::Format format;
     std::vector<std::uint8_t> decoded;
 };
 

@@ -9,8 +9,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <set>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 namespace zarvo {
@@ -78,17 +78,25 @@ TEST_F(ZarvoHost, TreeShowsRootAndConnectedWithTypesAndValues) {
 }
 
 // The message is the one line on standard error; an empty one means help on standard output.
-struct CommandRow { std::vector<std::string> arguments; int status; std::string message; };
+struct CommandRow {
+    std::vector<std::string> arguments;
+    int status;
+    std::string message;
+};
 
 TEST_F(ZarvoHost, EveryCommandHasHelpAndBadInputGivesOneLineAndANonZeroExit) {
     const std::vector<CommandRow> rows = {
-        {{"--help"}, 0, ""}, {{"snapshot", "--help"}, 0, ""},  // each command's help is one lookup of one table
+        {{"--help"}, 0, ""},
+        {{"snapshot", "--help"}, 0, ""},  // each command's help is one lookup of one table
         {{"snapshot", "--plugin", "/nonexistent/plugin.so"}, 1, "no plug-in at /nonexistent/plugin.so"},
         {{"snapshot", "--declaration", "@/nonexistent/d.xml"}, 1, "cannot read declaration file /nonexistent/d.xml"},
-        {{"frobnicate"}, 2, "unknown command frobnicate"}, {{}, 2, "no command given"},
+        {{"frobnicate"}, 2, "unknown command frobnicate"},
+        {{}, 2, "no command given"},
         {{"tree", "--wait-ms", "soon"}, 2, "option --wait-ms takes a whole number"},
-        {{"tree", "--name"}, 2, "option --name needs a value"}, {{"snapshot", "extra"}, 2, "unexpected argument extra"},
-        {{"load"}, 2, "load needs a resource URL"}, {{"scroll"}, 2, "scroll needs the path of a list"},
+        {{"tree", "--name"}, 2, "option --name needs a value"},
+        {{"snapshot", "extra"}, 2, "unexpected argument extra"},
+        {{"load"}, 2, "load needs a resource URL"},
+        {{"scroll"}, 2, "scroll needs the path of a list"},
         {{"tree", "--service", "nohost"}, 2, "not a service URL: \"nohost\""},
         {{"scroll", "tracks", "--step", "0"}, 2, "--window and --step take at least 1"},
         {{"watch", "--for", "soon"}, 2, "option --for takes a number of seconds"},
@@ -146,9 +154,8 @@ TEST_F(ZarvoHost, AMissingConfigurationFileGoesToThePlugInWhichLogsTheReadersFai
 /// the defined code (T, W, i) that is its own rather than the standard
 /// library's.
 std::vector<std::string> pluginSymbols(bool undefined) {
-    const ProgramResult symbols =
-        runProgram("/usr/bin/nm", {"-D", undefined ? "--undefined-only" : "--defined-only", "-C",
-                                   builtFile("lib/libzarvo_tethrix_datasource.so")});
+    const ProgramResult symbols = runProgram("/usr/bin/nm", {"-D", undefined ? "--undefined-only" : "--defined-only",
+                                                             "-C", builtFile("lib/libzarvo_tethrix_datasource.so")});
     EXPECT_EQ(symbols.status, 0) << symbols.err;
     std::istringstream lines(symbols.out);
     std::vector<std::string> names;
@@ -162,7 +169,8 @@ std::vector<std::string> pluginSymbols(bool undefined) {
         // The standard library's template instances are not the plug-in's own.
         const std::string function = name.substr(0, name.find('('));
         const bool own = function.rfind("std::", 0) != 0 && function.find(" std::") == std::string::npos;
-        if (undefined ? name.find("zarvo::") != std::string::npos : (kind == "T" || kind == "W" || kind == "i") && own) {
+        if (undefined ? name.find("zarvo::") != std::string::npos
+                      : (kind == "T" || kind == "W" || kind == "i") && own) {
             names.push_back(name);
         }
     }

@@ -11,7 +11,6 @@
 
 #include <tuple>
 
-
 namespace zarvo {
 namespace {
 
@@ -22,8 +21,8 @@ using testkit::RecordingObserver;
 const char* const songs = "content://com.tavelorix.content/songs";
 
 std::shared_ptr<ContentQueryArguments> query(int index = 0, int count = 1) {
-    return std::make_shared<ContentQueryArguments>(songs, std::vector<std::string>{"title", "year"}, "year>2000",
-                                                   index, count, "title DESC");
+    return std::make_shared<ContentQueryArguments>(songs, std::vector<std::string>{"title", "year"}, "year>2000", index,
+                                                   count, "title DESC");
 }
 
 class LoaderTest : public ::testing::Test {
@@ -190,7 +189,8 @@ TEST_F(LoaderTest, QueryThatFailsForAPassingReasonIsAskedAgainWithGrowingDelaysU
     }
     EXPECT_EQ(core.openQueryCount(), 2u);
     EXPECT_THAT(log.messages(LogLevel::Error),
-                ElementsAre(std::string("Query of ") + songs + " refused: its loader has 2 queries open, the most it may have"));
+                ElementsAre(std::string("Query of ") + songs +
+                            " refused: its loader has 2 queries open, the most it may have"));
 }
 
 TEST_F(LoaderTest, QueryLostWithTheConnectionOrAskedWhileItIsDownIsSentWhenItComesBack) {

@@ -6,8 +6,8 @@
 #include <zarvo/testkit/scripted_service.h>
 #include <zarvo/testkit/test_host.h>
 
-#include <boost/any.hpp>
 #include <gmock/gmock.h>
+#include <boost/any.hpp>
 
 #include <limits>
 #include <stdexcept>
@@ -60,19 +60,22 @@ TEST(ContextTest, AServiceClientIsSharedByHoldersAndGoesWithTheLastRelease) {
 }
 
 TEST(ResolveResourceUrlTest, ResolvesAgainstTheBaseTheServiceGave) {
-    const struct { const char* base; const char* url; const char* expected; } cases[] = {
-        {"", "images/a.png", "images/a.png"},
-        {"http://127.0.0.1:8080/files/", "https://cdn/a.png", "https://cdn/a.png"},
-        {"http://127.0.0.1:8080/files/", "images/a.png", "http://127.0.0.1:8080/files/images/a.png"},
-        {"http://127.0.0.1:8080/files/", "/a.png", "http://127.0.0.1:8080/a.png"},
-        {"http://127.0.0.1:8080/files/", "../a.png?s=2", "http://127.0.0.1:8080/a.png?s=2"},
-        {"http://127.0.0.1:8080/files/", "./x/./y/../a.png", "http://127.0.0.1:8080/files/x/a.png"},
-        {"http://127.0.0.1:8080/files/", "//mirror/a.png", "http://mirror/a.png"},
-        {"http://127.0.0.1:8080/files", "a.png", "http://127.0.0.1:8080/a.png"},
-        {"http://h/p/q?x=1", "?y=2", "http://h/p/q?y=2"},
-        {"http://h/p/q?x=1", "#top", "http://h/p/q?x=1#top"},
-        {"http://h/p/", "", ""},
-        {"not a base", "a.png", "a.png"}};
+    const struct {
+        const char* base;
+        const char* url;
+        const char* expected;
+    } cases[] = {{"", "images/a.png", "images/a.png"},
+                 {"http://127.0.0.1:8080/files/", "https://cdn/a.png", "https://cdn/a.png"},
+                 {"http://127.0.0.1:8080/files/", "images/a.png", "http://127.0.0.1:8080/files/images/a.png"},
+                 {"http://127.0.0.1:8080/files/", "/a.png", "http://127.0.0.1:8080/a.png"},
+                 {"http://127.0.0.1:8080/files/", "../a.png?s=2", "http://127.0.0.1:8080/a.png?s=2"},
+                 {"http://127.0.0.1:8080/files/", "./x/./y/../a.png", "http://127.0.0.1:8080/files/x/a.png"},
+                 {"http://127.0.0.1:8080/files/", "//mirror/a.png", "http://mirror/a.png"},
+                 {"http://127.0.0.1:8080/files", "a.png", "http://127.0.0.1:8080/a.png"},
+                 {"http://h/p/q?x=1", "?y=2", "http://h/p/q?y=2"},
+                 {"http://h/p/q?x=1", "#top", "http://h/p/q?x=1#top"},
+                 {"http://h/p/", "", ""},
+                 {"not a base", "a.png", "a.png"}};
     for (const auto& c : cases) {
         testkit::TestHost host;
         testkit::ScriptedService service(host.domain());
@@ -83,8 +86,6 @@ TEST(ResolveResourceUrlTest, ResolvesAgainstTheBaseTheServiceGave) {
         EXPECT_EQ(service.context()->getClient()->resolveResourceUrl(c.url, 1), c.expected) << c.base << " " << c.url;
     }
 }
-
-
 
 class ConnectionTest : public ::testing::Test {
 protected:
@@ -151,10 +152,10 @@ TEST_F(ConnectionTest, SubscriberMayDestroyTheContextThatNotifiesIt) {
     EXPECT_EQ(service.context(), nullptr);
 }
 
-
 TEST(ContentResultTest, CellsAreReadRowMajorAtTheCurrentRowAndOutOfRangeGivesEmptyValues) {
-    ContentResult result(40, {{"id", ContentDataTypeInteger}, {"title", ContentDataTypeString}},
-                         {boost::any(1), boost::any(std::string("One")), boost::any(2), boost::any(std::string("Two"))});
+    ContentResult result(
+        40, {{"id", ContentDataTypeInteger}, {"title", ContentDataTypeString}},
+        {boost::any(1), boost::any(std::string("One")), boost::any(2), boost::any(std::string("Two"))});
     EXPECT_EQ(result.getStartIndex(), 40u);
     EXPECT_EQ(result.getRowCount(), 2u);
     EXPECT_EQ(result.getColumnCount(), 2u);
@@ -175,7 +176,11 @@ TEST(ContentResultTest, CellsAreReadRowMajorAtTheCurrentRowAndOutOfRangeGivesEmp
 }
 
 TEST(ContentResultTest, ColumnValueRendersEachTypeAsText) {
-    const struct { ContentDataType type; boost::any value; std::string text; } cases[] = {
+    const struct {
+        ContentDataType type;
+        boost::any value;
+        std::string text;
+    } cases[] = {
         {ContentDataTypeInteger, boost::any(-42), "-42"},
         {ContentDataTypeInteger, boost::any(std::numeric_limits<int>::min()), "-2147483648"},
         {ContentDataTypeFloat, boost::any(0.1f), "0.1"},

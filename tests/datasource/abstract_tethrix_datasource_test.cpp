@@ -18,7 +18,9 @@ protected:
         recorder.watch(*source, "DataSource");
     }
 
-    bool flag() const { return std::dynamic_pointer_cast<DataObjectBoolean>(source->getData()->getChild(0))->getValue(); }
+    bool flag() const {
+        return std::dynamic_pointer_cast<DataObjectBoolean>(source->getData()->getChild(0))->getValue();
+    }
 
     void loadAndWatch() {
         load(*source);
@@ -50,9 +52,9 @@ TEST_F(ConnectedFlag, FollowsConnectedAndLostWithOneNotificationPerChangeAndLogs
 
     EXPECT_TRUE(flag());
     EXPECT_THAT(recorder.events(), ElementsAre("Root.connected", "Root.connected", "Root.connected"));
-    EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre(stateLine + "1", stateLine + "1", stateLine + "2",
-                                                          stateLine + "2", stateLine + "1", stateLine + "7",
-                                                          stateLine + "0"));
+    EXPECT_THAT(log.messages(LogLevel::Info),
+                ElementsAre(stateLine + "1", stateLine + "1", stateLine + "2", stateLine + "2", stateLine + "1",
+                            stateLine + "7", stateLine + "0"));
     expectContentStatistics(3, 2);
 }
 

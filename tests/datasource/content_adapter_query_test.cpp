@@ -51,7 +51,8 @@ TEST_F(SourceQueries, EachOrdinaryAdapterSendsItsFirstQueryEachTimeTheConnection
     EXPECT_THAT(service.queries(), IsEmpty());
     EXPECT_EQ(service.liveLoaderCount(), 0u);
     // The tree holds dynamic sources ahead of ordinary ones.
-    EXPECT_THAT(childNames(*source->getData()), ElementsAre("connected", "albums", "tracks", "now_playing", "charts", "wide"));
+    EXPECT_THAT(childNames(*source->getData()),
+                ElementsAre("connected", "albums", "tracks", "now_playing", "charts", "wide"));
     EXPECT_EQ(at("tracks")->getType(), DataObject::TypeList);
     EXPECT_EQ(at("now_playing")->getChildCount(), 2u);
     const std::shared_ptr<DataObject> tracksBefore = at("tracks");

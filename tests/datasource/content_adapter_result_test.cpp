@@ -30,9 +30,9 @@ const char* const nowDeclaration = R"(<sources>
 const char* const nowUri = "content://com.tavelorix.content/now";
 
 const Columns nowColumns = {{"title", ContentDataTypeString},
-                             {"position", ContentDataTypeInteger},
-                             {"gain", ContentDataTypeFloat},
-                             {"playing", ContentDataTypeBool}};
+                            {"position", ContentDataTypeInteger},
+                            {"gain", ContentDataTypeFloat},
+                            {"playing", ContentDataTypeBool}};
 
 class Results : public DataSourceFixture {
 protected:
@@ -53,7 +53,8 @@ TEST_F(Results, SingleRecordFillsItsFieldsByPositionFromItsCurrentRowAndNotifies
     EXPECT_EQ(value<DataObjectReal>("gain"), 0.5);
     EXPECT_TRUE(value<DataObjectBoolean>("playing"));
     // The record's own object, the root and the source hear nothing.
-    EXPECT_THAT(recorder.take(), ElementsAre("Root.now.title", "Root.now.position", "Root.now.gain", "Root.now.playing"));
+    EXPECT_THAT(recorder.take(),
+                ElementsAre("Root.now.title", "Root.now.position", "Root.now.gain", "Root.now.playing"));
 
     answerNow({{std::string("Blue Hour"), 43, 0.5f, true}});
     EXPECT_THAT(recorder.take(), ElementsAre("Root.now.position"));
@@ -69,8 +70,13 @@ TEST_F(Results, SingleRecordFillsItsFieldsByPositionFromItsCurrentRowAndNotifies
 }
 
 struct BadResult {
-    std::string label; Columns columns; std::vector<boost::any> row; std::vector<Matcher<std::string>> log;
-    std::vector<std::string> notified; std::string title; bool playing;
+    std::string label;
+    Columns columns;
+    std::vector<boost::any> row;
+    std::vector<Matcher<std::string>> log;
+    std::vector<std::string> notified;
+    std::string title;
+    bool playing;
 };
 
 TEST_F(Results, ResultsThatDoNotFitAreRefusedOrStopWhereTheyFail) {
@@ -85,20 +91,43 @@ TEST_F(Results, ResultsThatDoNotFitAreRefusedOrStopWhereTheyFail) {
     Columns otherType = nowColumns;
     otherType[1].type = ContentDataTypeString;  // a string for an integer field
     const std::vector<BadResult> rows = {
-        {"fewer columns", {{"title", ContentDataTypeString}}, {std::string("x")},
-         {warning + "count doesn't match with update column count"}, {}, "", false},
-        {"a name differs", renamed, {std::string("x"), 1, 1.0f, true},
-         {warning + "1, pos != position", warning + "3, live != playing"}, {}, "", false},
+        {"fewer columns",
+         {{"title", ContentDataTypeString}},
+         {std::string("x")},
+         {warning + "count doesn't match with update column count"},
+         {},
+         "",
+         false},
+        {"a name differs",
+         renamed,
+         {std::string("x"), 1, 1.0f, true},
+         {warning + "1, pos != position", warning + "3, live != playing"},
+         {},
+         "",
+         false},
         // Bounds-checked on purpose; the loop reports what the callback lets out.
-        {"surplus columns", surplus, {std::string("x"), 1, 1.0f, true, std::string("y")},
+        {"surplus columns",
+         surplus,
+         {std::string("x"), 1, 1.0f, true, std::string("y")},
          {warning + "count doesn't match with update column count",
           HasSubstr("vector::_M_range_check: __n (which is 4) >= this->size() (which is 4)")},
-         {}, "", false},
-        {"unknown column type skips that column only", unknownType, {std::string("x"), 5, 1.0f, true},
+         {},
+         "",
+         false},
+        {"unknown column type skips that column only",
+         unknownType,
+         {std::string("x"), 5, 1.0f, true},
          {"warning tethrix: ContentAdapter::onContentLoaded, unknown value type 9 for column position"},
-         {"Root.now.title", "Root.now.gain", "Root.now.playing"}, "x", true},
-        {"column of another type than its field stops there", otherType, {std::string("x"), std::string("5"), 1.0f, true},
-         {HasSubstr("bad_any_cast")}, {"Root.now.title"}, "x", false},
+         {"Root.now.title", "Root.now.gain", "Root.now.playing"},
+         "x",
+         true},
+        {"column of another type than its field stops there",
+         otherType,
+         {std::string("x"), std::string("5"), 1.0f, true},
+         {HasSubstr("bad_any_cast")},
+         {"Root.now.title"},
+         "x",
+         false},
     };
     for (const BadResult& row : rows) {
         SCOPED_TRACE(row.label);
@@ -128,9 +157,10 @@ TEST_F(Results, KeyListFillsAListThroughTheDynamicSourceOneQueryPerKey) {
     setState(Connection::StateConnected);
     const testkit::RecordedQuery artistQuery = service.takeQueries().at(0);
 
-    service.reply(artistQuery,
-                  {{"name", ContentDataTypeString}, {"album_ids", ContentDataTypeString}, {"single_ids", ContentDataTypeString}},
-                  {{std::string("Anna"), std::string(";12;;15"), std::string("1;2")}}, 0);
+    service.reply(
+        artistQuery,
+        {{"name", ContentDataTypeString}, {"album_ids", ContentDataTypeString}, {"single_ids", ContentDataTypeString}},
+        {{std::string("Anna"), std::string(";12;;15"), std::string("1;2")}}, 0);
     host.runUntilIdle();
 
     // One single-shot query per non-empty key, each with its own filter.
@@ -180,12 +210,13 @@ TEST_F(Results, PreloadedFieldShowsThePlaceholderUntilTheResourceIsInThenTheValu
     // The load runs on loader threads and may finish at any time, so the
     // values are taken as each notification happens.
     std::vector<std::string> shown;
-    auto token = at("now.cover")->addModifiedSubscription(
-        [&](DataContext& context) { shown.push_back(static_cast<DataObjectString&>(context).getValue()); });
+    auto token = at("now.cover")->addModifiedSubscription([&](DataContext& context) {
+        shown.push_back(static_cast<DataObjectString&>(context).getValue());
+    });
     answer(nowUri, {{"cover", ContentDataTypeString}}, {{cover}});
 
-    ASSERT_TRUE(host.loop().runUntil([&] { return value<DataObjectString>("cover") == cover; },
-                                     std::chrono::seconds(20)));
+    ASSERT_TRUE(
+        host.loop().runUntil([&] { return value<DataObjectString>("cover") == cover; }, std::chrono::seconds(20)));
     at("now.cover")->removeModifiedSubscription(token);
     EXPECT_THAT(shown, ElementsAre("placeholder.png", cover));
 
@@ -203,8 +234,8 @@ TEST_F(Results, RowPlacesAreAddedInThirtyTwoBitsAndSignExtended) {
     auto list = at<TethrixDataObjectList>("tracks");
     const std::size_t wrapped = static_cast<std::size_t>(std::int64_t{-2147483647 - 1});
     EXPECT_EQ(list->itemCount(), wrapped + 1);
-    for (const auto& [index, title] : {std::make_pair(std::size_t{0x7FFFFFFF}, "last positive"),
-                                      std::make_pair(wrapped, "wrapped")}) {
+    for (const auto& [index, title] :
+         {std::make_pair(std::size_t{0x7FFFFFFF}, "last positive"), std::make_pair(wrapped, "wrapped")}) {
         auto row = list->getItem(index);
         ASSERT_EQ(row->getChildCount(), 1u) << index;
         EXPECT_EQ(std::static_pointer_cast<DataObjectString>(row->getChild(0))->getValue(), title);

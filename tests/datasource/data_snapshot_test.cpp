@@ -62,7 +62,9 @@ TEST_F(Snapshot, ShowsEachSourceWithFieldsAndRowsButNotEnumsTheRootOrTheFlagAndH
       <row><string name="title" value="Cold Light"/></row></list></player>
 </sources>)");
     answer("content://com.tavelorix.content/now",
-           {{"rank", ContentDataTypeInteger}, {"title", ContentDataTypeString}, {"mood", ContentDataTypeInteger},
+           {{"rank", ContentDataTypeInteger},
+            {"title", ContentDataTypeString},
+            {"mood", ContentDataTypeInteger},
             {"albums", ContentDataTypeString}},
            {{5, std::string("Anna & Bo"), 2, std::string("7")}});
     answer("content://com.tavelorix.content/albums", {{"title", ContentDataTypeString}}, {{std::string("Blue")}});
@@ -106,7 +108,8 @@ TEST_F(Snapshot, RendersValuesAsTheirTypesWant) {
     auto nested = std::make_shared<DataObject>(domain, "nested");
     nested->addChild(std::make_shared<DataObjectBoolean>(domain, "on", true));
     const std::vector<std::pair<std::shared_ptr<DataObject>, std::string>> rows = {
-        {std::make_shared<DataObjectReal>(domain, "r", 0.1), "<field name=\"r\" type=\"float\">0.10000000000000001</field>"},
+        {std::make_shared<DataObjectReal>(domain, "r", 0.1),
+         "<field name=\"r\" type=\"float\">0.10000000000000001</field>"},
         {std::make_shared<DataObjectReal>(domain, "r", nan), "<field name=\"r\" type=\"float\">nan</field>"},
         {std::make_shared<DataObjectReal>(domain, "r", -nan), "<field name=\"r\" type=\"float\">-nan</field>"},
         {std::make_shared<DataObjectReal>(domain, "r", inf), "<field name=\"r\" type=\"float\">inf</field>"},
@@ -115,7 +118,8 @@ TEST_F(Snapshot, RendersValuesAsTheirTypesWant) {
         {std::make_shared<DataObjectBoolean>(domain, "b", true), "<field name=\"b\" type=\"boolean\">1</field>"},
         {std::make_shared<DataObjectString>(domain, "s", ""), "<field name=\"s\" type=\"string\"/>"},
         {std::make_shared<DataObjectString>(domain, "a<b", "x"), "<field name=\"a&lt;b\" type=\"string\">x</field>"},
-        {nested, "<field name=\"nested\" type=\"object\">\n    <field name=\"on\" type=\"boolean\">1</field>\n</field>"},
+        {nested,
+         "<field name=\"nested\" type=\"object\">\n    <field name=\"on\" type=\"boolean\">1</field>\n</field>"},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(rendered(row.first), row.second + "\n");

@@ -1,7 +1,7 @@
 // The plug-in's module and metaclasses, as the engine sees them.
 
-#include "datasource/abstract_tethrix_datasource.h"
 #include "datasource/datasource_module.h"
+#include "datasource/abstract_tethrix_datasource.h"
 #include "datasource/zarvo_tethrix_datasource.h"
 
 #include <zarvo/resource_manager.h>
@@ -36,15 +36,26 @@ TEST(ModuleTest, OffersTheDataSourceMetaclassOnceAndInstallsTheImageProtocols) {
 
 TEST(ModuleTest, MetaclassesHaveTheirNamesBasesFlagsAndProperties) {
     // An empty base: none.
-    struct Row { const Metaclass* metaclass; std::string name, base; bool abstract; std::vector<std::string> props; };
+    struct Row {
+        const Metaclass* metaclass;
+        std::string name, base;
+        bool abstract;
+        std::vector<std::string> props;
+    };
     const std::vector<Row> rows = {
-        {DataContext::getStaticMetaclass(), "Zarvo.DataContext", "", true,
+        {DataContext::getStaticMetaclass(),
+         "Zarvo.DataContext",
+         "",
+         true,
          {DataContext::DataContextProperty.getName(), DataContext::ItemsSourceProperty.getName()}},
         {DataSource::getStaticMetaclass(), "Zarvo.DataSource", "Zarvo.DataContext", true, {}},
         {AbstractTethrixDataSource::getStaticMetaclass(), "AbstractTethrixDataSource", "Zarvo.DataSource", true, {}},
         // The concrete class names DataSource as its base, skipping the
         // abstract class that has nothing for the engine to know.
-        {ZarvoTethrixDataSource::getStaticMetaclass(), "ZarvoTethrixDataSource", "Zarvo.DataSource", false,
+        {ZarvoTethrixDataSource::getStaticMetaclass(),
+         "ZarvoTethrixDataSource",
+         "Zarvo.DataSource",
+         false,
          {"ZarvoTethrixDataSource.XmlFileName", "ZarvoTethrixDataSource.XmlDeclaration"}},
     };
     for (const Row& row : rows) {

@@ -17,9 +17,9 @@ namespace zarvo {
 namespace test {
 namespace {
 
+using std::chrono::milliseconds;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-using std::chrono::milliseconds;
 
 const milliseconds tick(1000);
 

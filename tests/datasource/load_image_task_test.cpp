@@ -1,7 +1,7 @@
 // Images over HTTP and HTTPS: the task that fetches and decodes one, and the
 // protocol handlers that give the resource manager such tasks.
-#include "datasource/http_protocol_handler_actions.h"
 #include "datasource/load_image_task.h"
+#include "datasource/http_protocol_handler_actions.h"
 
 #include <zarvo/testkit/image_server.h>
 #include <zarvo/testkit/sample_images.h>
@@ -42,7 +42,11 @@ std::string bytes(std::initializer_list<int> values) {
 TEST(LoadImageTaskDetectionTest, RecognisesImagesByContentAlone) {
     const std::string png = testkit::samplePng();
     const std::string jpeg = testkit::sampleJpeg();
-    struct Case { const char* name; std::string data; ImageType expected; } cases[] = {
+    struct Case {
+        const char* name;
+        std::string data;
+        ImageType expected;
+    } cases[] = {
         {"empty", "", ImageType::Unsupported},
         {"png signature alone", png.substr(0, 8), ImageType::Png},
         {"png signature less one byte", png.substr(0, 7), ImageType::Unsupported},
@@ -125,7 +129,9 @@ TEST_F(LoadImageTaskTest, LoadsPngAndJpegOverHttpAndHttpsIntoPremultipliedTextur
 }
 
 TEST_F(LoadImageTaskTest, BodiesThatAreNoImageEndInANullResourceWithTheirMessages) {
-    const auto failed = [](const std::string& url) { return "error tethrix: failed to create image " + url + " from stream."; };
+    const auto failed = [](const std::string& url) {
+        return "error tethrix: failed to create image " + url + " from stream.";
+    };
     const auto unsupported = [](const std::string& url) {
         return "error tethrix: Loading image \"" + url + "\" failed due to unsupported image type";
     };
@@ -135,7 +141,11 @@ TEST_F(LoadImageTaskTest, BodiesThatAreNoImageEndInANullResourceWithTheirMessage
     const std::string html = servers.httpUrl("task-absent.png");
     const std::string empty = servers.httpUrl("task-empty.png");
     const std::string corrupt = servers.httpsUrl("task-corrupt.png");
-    struct Case { const char* name; std::string url; std::vector<Matcher<std::string>> lines; } cases[] = {
+    struct Case {
+        const char* name;
+        std::string url;
+        std::vector<Matcher<std::string>> lines;
+    } cases[] = {
         {"html error page", html, {unsupported(html), failed(html)}},
         {"empty body", empty, {failed(empty)}},
         {"png with a corrupt data chunk", corrupt, {decoderError(corrupt), failed(corrupt)}},
@@ -161,7 +171,8 @@ TEST_F(LoadImageTaskTest, RefusedConnectionOrBodyWritesTheCurlLineAndFails) {
     EXPECT_THAT(::testing::internal::GetCapturedStderr(), ::testing::HasSubstr(curl_easy_strerror(CURLE_WRITE_ERROR)));
     tooLong.finishFunction(nullptr);
     EXPECT_EQ(nullptr, tooLong.getResult());
-    EXPECT_THAT(log.lines(), ::testing::Contains("error tethrix: Image transfer refused: its body passed 16777216 bytes"));
+    EXPECT_THAT(log.lines(),
+                ::testing::Contains("error tethrix: Image transfer refused: its body passed 16777216 bytes"));
     log.clear();
 
     const std::string url = servers.refusedUrl("cover.png");
@@ -211,10 +222,10 @@ TEST_F(LoadImageTaskTest, HandlersForHttpThenHttpsAreRegisteredAndTheSchemeReach
     // The scheme is compared as written; libcurl still knows it.
     const std::string url = "HTTP" + servers.httpUrl("task.png").substr(4);
     EXPECT_NE(nullptr, std::dynamic_pointer_cast<Texture>(acquire(host, url)));
-    EXPECT_THAT(log.lines(), ElementsAre("info debug: Registering http protocol",
-                                         "info debug: Registering https protocol",
-                                         "info debug: Loading image from: " + url + ".",
-                                         "warning tethrix: Unsupported protocol for file request: " + url));
+    EXPECT_THAT(log.lines(),
+                ElementsAre("info debug: Registering http protocol", "info debug: Registering https protocol",
+                            "info debug: Loading image from: " + url + ".",
+                            "warning tethrix: Unsupported protocol for file request: " + url));
 }
 
 std::shared_ptr<Texture> otherHandlersTexture;
@@ -226,8 +237,8 @@ std::int32_t otherHttpHandler(ResourceManager*, string_view, string_view, string
 }
 
 TEST_F(LoadImageTaskTest, ExistingHttpHandlerIsKept) {
-    Texture::CreateInfo2D info(std::make_unique<BitmapImage>(1, 1, BitmapImage::Format::RGB8,
-                                                             std::vector<std::uint8_t>(3)));
+    Texture::CreateInfo2D info(
+        std::make_unique<BitmapImage>(1, 1, BitmapImage::Format::RGB8, std::vector<std::uint8_t>(3)));
     otherHandlersTexture = Texture::create(&host.domain(), info, "other");
     host.domain().getResourceManager()->registerProtocolHandler("http", &otherHttpHandler, nullptr, nullptr);
 

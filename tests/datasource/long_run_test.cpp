@@ -30,7 +30,8 @@ class LongRun : public DataSourceFixture {
 protected:
     void SetUp() override {
         service.serve("content://com.tavelorix.content/artists",
-                      {{{"name", ContentDataTypeString}, {"album_ids", ContentDataTypeString}}, 100,
+                      {{{"name", ContentDataTypeString}, {"album_ids", ContentDataTypeString}},
+                       100,
                        [](std::size_t row, std::size_t column) -> boost::any {
                            return column == 0 ? "artist " + std::to_string(row) : std::string("1;2");
                        }});

@@ -138,7 +138,10 @@ protected:
     void SetUp() override {
         start(queueXml);
         list = at<TethrixRuntimeDataObjectList>("queue");
-        runtimeList = source->getAdapters().front()->getConfig()->runtimeData->findChild("queue")
+        runtimeList = source->getAdapters()
+                          .front()
+                          ->getConfig()
+                          ->runtimeData->findChild("queue")
                           ->castTo<RuntimeDataObjectList>();
     }
 

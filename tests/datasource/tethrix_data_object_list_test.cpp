@@ -91,7 +91,8 @@ private:
         for (std::size_t row = begin; row < end; ++row) {
             rows.push_back({boost::any(static_cast<int>(row)), boost::any("song " + std::to_string(row))});
         }
-        service.reply(query, {{"id", ContentDataTypeInteger}, {"title", ContentDataTypeString}}, std::move(rows), begin);
+        service.reply(query, {{"id", ContentDataTypeInteger}, {"title", ContentDataTypeString}}, std::move(rows),
+                      begin);
     }
 
     std::vector<testkit::RecordedQuery> pending;

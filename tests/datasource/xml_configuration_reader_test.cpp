@@ -3,10 +3,10 @@
 #include <zarvo/testkit/files.h>
 #include <zarvo/testkit/log_capture.h>
 
-#include <boost/lexical_cast.hpp>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <tinyxml2.h>
+#include <boost/lexical_cast.hpp>
 
 #include <limits>
 #include <locale>
@@ -42,7 +42,9 @@ std::string errorCode(tinyxml2::XMLError error) {
     return std::to_string(static_cast<int>(error));
 }
 
-struct UriCase { std::string attributes, uri, name; };
+struct UriCase {
+    std::string attributes, uri, name;
+};
 
 TEST(XmlConfigurationReaderTest, UriIsNormalisedAndNameDerived) {
     const UriCase cases[] = {
@@ -122,10 +124,10 @@ TEST(XmlConfigurationReaderTest, NumbersHonourTheGlobalLocalesGrouping) {
 
 TEST(XmlConfigurationReaderTest, FieldTypesMapByExactName) {
     const std::pair<const char*, DataObject::Type> cases[] = {
-        {"integer", DataObject::TypeInteger}, {"int", DataObject::TypeInteger}, {"real", DataObject::TypeReal},
-        {"float", DataObject::TypeReal},      {"bool", DataObject::TypeBoolean}, {"list", DataObject::TypeList},
+        {"integer", DataObject::TypeInteger},  {"int", DataObject::TypeInteger},   {"real", DataObject::TypeReal},
+        {"float", DataObject::TypeReal},       {"bool", DataObject::TypeBoolean},  {"list", DataObject::TypeList},
         {"enum", DataObject::TypeEnumeration}, {"string", DataObject::TypeString}, {"boolean", DataObject::TypeString},
-        {"Int", DataObject::TypeString},      {"", DataObject::TypeString},     {"double", DataObject::TypeString},
+        {"Int", DataObject::TypeString},       {"", DataObject::TypeString},       {"double", DataObject::TypeString},
     };
     for (const auto& c : cases) {
         const auto config = readOne(std::string(R"(<s uri="x"><f name="v" type=")") + c.first + "\"/></s>");
@@ -260,7 +262,10 @@ TEST(XmlConfigurationReaderTest, LaterSourceResetsBlockSizeButKeepsPatchedFields
     EXPECT_EQ(configs[0]->fields[1].preloadUrl, "other.png");
 }
 
-struct BadOverrideCase { std::string element; std::vector<std::string> log; };
+struct BadOverrideCase {
+    std::string element;
+    std::vector<std::string> log;
+};
 
 TEST(XmlConfigurationReaderTest, UnresolvedOverridesAreLoggedAndSkipped) {
     const std::string unknown = "error tethrix: Could not find configuration for ";
@@ -276,8 +281,9 @@ TEST(XmlConfigurationReaderTest, UnresolvedOverridesAreLoggedAndSkipped) {
         {R"(<preload_url target="tracks.art" uri="p.png"/>)",
          {"error tethrix: Could not find target tracks.art for preload_url"}},
         {R"(<preload_url target="content://com.tavelorix.content/tracks.cover" uri="p.png"/>)",
-         {unknown + prefix + "content://com", "error tethrix: Could not find target "
-                                              "content://com.tavelorix.content/tracks.cover for preload_url"}},
+         {unknown + prefix + "content://com",
+          "error tethrix: Could not find target "
+          "content://com.tavelorix.content/tracks.cover for preload_url"}},
         {R"(<preload_url target="other.cover" uri="p.png"/>)",
          {unknown + prefix + "other", "error tethrix: Could not find target other.cover for preload_url"}},
         {R"(<preload_url target="tracks.cover" uri=""/>)",
@@ -309,8 +315,10 @@ TEST(XmlConfigurationReaderTest, UnresolvedOverridesAreLoggedAndSkipped) {
 
 TEST(XmlConfigurationReaderTest, MissingAttributesOfFieldsAndOverridesFailTheRead) {
     const char* const elements[] = {
-        R"(<t uri="x"><f type="int"/></t>)",        R"(<t uri="x"><f name="v"/></t>)",
-        R"(<preload_url target="tracks.cover"/>)", R"(<dynamic_source target="tracks.cover" dynamic_source="d"/>)",
+        R"(<t uri="x"><f type="int"/></t>)",
+        R"(<t uri="x"><f name="v"/></t>)",
+        R"(<preload_url target="tracks.cover"/>)",
+        R"(<dynamic_source target="tracks.cover" dynamic_source="d"/>)",
         R"(<block_size size="5"/>)",
     };
     for (const char* element : elements) {
@@ -331,19 +339,30 @@ TEST(XmlConfigurationReaderTest, UnreadableDocumentsAreLoggedAndPassedOver) {
     const std::string declaration = R"(<r><a uri="string"/></r>)";
     XmlConfigurationReader reader;
 
-    struct Case { std::string declaration, file; std::vector<std::string> uris, log; };
+    struct Case {
+        std::string declaration, file;
+        std::vector<std::string> uris, log;
+    };
     const Case cases[] = {
         {"", "", {}, {}},
-        {"<r><a uri='x'/>", good, {"content://file"},
+        {"<r><a uri='x'/>",
+         good,
+         {"content://file"},
          {"error tethrix: ERROR, failed to load data source override configurations, error code " +
           errorCode(tinyxml2::XML_ERROR_PARSING)}},
-        {"  ", "", {},
+        {"  ",
+         "",
+         {},
          {"error tethrix: ERROR, failed to load data source override configurations, error code " +
           errorCode(tinyxml2::XML_ERROR_EMPTY_DOCUMENT)}},
-        {declaration, missing, {"content://string"},
+        {declaration,
+         missing,
+         {"content://string"},
          {"error tethrix: ERROR, xml file " + missing + " loading failed, error code " +
           errorCode(tinyxml2::XML_ERROR_FILE_NOT_FOUND)}},
-        {declaration, broken, {"content://string"},
+        {declaration,
+         broken,
+         {"content://string"},
          {"error tethrix: ERROR, xml file " + broken + " loading failed, error code " +
           errorCode(tinyxml2::XML_ERROR_MISMATCHED_ELEMENT)}},
         {"<?xml version='1.0'?><!-- no root -->", good, {"content://file"}, {}},
@@ -370,25 +389,44 @@ std::vector<std::string> nodeNames(const ContentAdapterConfiguration& config) {
     return names;
 }
 
-struct RuntimeRow { std::string label, document, uri, name; std::vector<std::string> nodes; };
+struct RuntimeRow {
+    std::string label, document, uri, name;
+    std::vector<std::string> nodes;
+};
 
 TEST(XmlConfigurationReaderRuntimeTest, SourcesReadAsTheirUriNameAndTree) {
     const std::vector<RuntimeRow> rows = {
-        {"root with service and no name", R"(<s service="player"><integer name="volume"/></s>)",
-         "servicedata://player", "noname", {"volume"}},
-        {"root's service wins over its uri", R"(<s service="player" uri="servicedata://other" name="p">
+        {"root with service and no name",
+         R"(<s service="player"><integer name="volume"/></s>)",
+         "servicedata://player",
+         "noname",
+         {"volume"}},
+        {"root's service wins over its uri",
+         R"(<s service="player" uri="servicedata://other" name="p">
            <string name="title"/><real name="gain"/></s>)",
-         "servicedata://player", "p", {"title", "gain"}},
+         "servicedata://player",
+         "p",
+         {"title", "gain"}},
         {"empty service with a name keeps the uri attribute",
-         R"(<s service="" name="n" uri="servicedata://x"><integer name="a"/></s>)", "servicedata://x", "n", {"a"}},
-        {"empty service with a name only leaves the uri empty", R"(<s service="" name="n"><integer name="a"/></s>)",
-         "", "n", {"a"}},
+         R"(<s service="" name="n" uri="servicedata://x"><integer name="a"/></s>)",
+         "servicedata://x",
+         "n",
+         {"a"}},
+        {"empty service with a name only leaves the uri empty",
+         R"(<s service="" name="n"><integer name="a"/></s>)",
+         "",
+         "n",
+         {"a"}},
         {"a source description whose uri is a runtime one",
-         R"(<s><radio uri="servicedata://radio"><string name="station"/></radio></s>)", "servicedata://radio",
-         "noname", {"station"}},
+         R"(<s><radio uri="servicedata://radio"><string name="station"/></radio></s>)",
+         "servicedata://radio",
+         "noname",
+         {"station"}},
         {"a dynamic_source element gets no dynamic source key",
          R"(<s><dynamic_source uri="servicedata://keys" name="keys"><string name="k"/></dynamic_source></s>)",
-         "servicedata://keys", "keys", {"k"}},
+         "servicedata://keys",
+         "keys",
+         {"k"}},
     };
     for (const RuntimeRow& row : rows) {
         SCOPED_TRACE(row.label);
@@ -419,7 +457,8 @@ TEST(XmlConfigurationReaderRuntimeTest, ABrokenTreeStillGivesASourceWithoutNodes
     EXPECT_EQ(errors.back(), "Failed to create runtime data from xml.");
 }
 
-TEST(XmlConfigurationReaderRuntimeTest, RootSourceComesFirstASecondDescriptionReplacesTreeAndNameAndOverridesNeverReachIt) {
+TEST(XmlConfigurationReaderRuntimeTest,
+     RootSourceComesFirstASecondDescriptionReplacesTreeAndNameAndOverridesNeverReachIt) {
     testkit::LogCapture log;
     const Configurations configs = read(R"(<s service="player">
         <integer name="volume"/>
@@ -436,8 +475,9 @@ TEST(XmlConfigurationReaderRuntimeTest, RootSourceComesFirstASecondDescriptionRe
     EXPECT_EQ(configs[1]->uri, "content://com.tavelorix.content/tracks");
     EXPECT_EQ(configs[2]->name, "noname");  // a missing name counts as "noname" and overwrites
     EXPECT_EQ(nodeNames(*configs[2]), std::vector<std::string>{"title"});
-    EXPECT_THAT(log.lines(), ElementsAre("info tethrix: Overriding configuration from XML for servicedata://radio",
-                                         "error tethrix: Could not find target {} for block_size-element in XML overrides"));
+    EXPECT_THAT(log.lines(),
+                ElementsAre("info tethrix: Overriding configuration from XML for servicedata://radio",
+                            "error tethrix: Could not find target {} for block_size-element in XML overrides"));
 }
 
 }  // namespace

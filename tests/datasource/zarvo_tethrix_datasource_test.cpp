@@ -94,7 +94,9 @@ TEST_F(ConfigurationFile, MissingFileIsLoggedWatchedAndReadWhenItAppearsAndTheDe
 
 TEST_F(ConfigurationFile, ARepairedFileReloadsTheSourceAfterABadNumber) {
     service.serve("content://com.tavelorix.content/artists",
-                  {{{"name", ContentDataTypeString}}, 5, [](std::size_t, std::size_t) -> boost::any { return std::string("x"); }});
+                  {{{"name", ContentDataTypeString}}, 5, [](std::size_t, std::size_t) -> boost::any {
+                       return std::string("x");
+                   }});
     change(twoSources);
     start(std::string(), path);
 

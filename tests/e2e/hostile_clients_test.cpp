@@ -6,12 +6,12 @@
 #include <zarvo/testkit/files.h>
 #include <zarvo/testkit/running_service.h>
 
+#include <gtest/gtest.h>
 #include <boost/asio/connect.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read_until.hpp>
 #include <boost/asio/streambuf.hpp>
 #include <boost/asio/write.hpp>
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <functional>
@@ -30,8 +30,7 @@ using tcp = asio::ip::tcp;
 const std::string tracksUri = "content://com.tavelorix.content/tracks";
 
 /// A block of the tracks, as a client of the rules asks for it.
-void expectBlocks(unsigned short port)
-{
+void expectBlocks(unsigned short port) {
     zarvo::testkit::ProtocolClient client(port);
     client.send(protocol::Query{1, tracksUri, {"id", "title"}, "", "id", 100, 20});
     auto result = client.receiveAs<protocol::Result>();
@@ -42,12 +41,13 @@ void expectBlocks(unsigned short port)
 /// A connection the test speaks raw bytes on, after an optional upgrade.
 class RawConnection {
 public:
-    RawConnection(unsigned short port, bool upgrade) : socket(io)
-    {
+    RawConnection(unsigned short port, bool upgrade) : socket(io) {
         socket.connect(tcp::endpoint(asio::ip::make_address("127.0.0.1"), port));
-        if (!upgrade) return;
-        write("GET /tethrix HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-              "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
+        if (!upgrade)
+            return;
+        write(
+            "GET /tethrix HTTP/1.1\r\nHost: 127.0.0.1\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+            "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n");
         asio::streambuf response;
         asio::read_until(socket, response, "\r\n\r\n");
     }
@@ -55,8 +55,7 @@ public:
     void write(const std::string& bytes) { asio::write(socket, asio::buffer(bytes)); }
 
     /// A masked text frame, as a client must send it.
-    void writeFrame(const std::string& payload)
-    {
+    void writeFrame(const std::string& payload) {
         std::string frame = "\x81";
         if (payload.size() < 126) {
             frame += static_cast<char>(0x80 | payload.size());
@@ -72,8 +71,7 @@ public:
     /// Until the service closes, reads and throws away what comes or, if
     /// not `reading`, only writes, which fails once the service has reset
     /// the connection; false if it does not close within the wait.
-    bool closedByService(bool reading)
-    {
+    bool closedByService(bool reading) {
         socket.non_blocking(true);
         const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
         char sink[65536];
@@ -88,7 +86,8 @@ public:
                 socket.write_some(asio::buffer(ping), error);
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
             }
-            if (error && error != asio::error::would_block) return true;
+            if (error && error != asio::error::would_block)
+                return true;
         }
         return false;
     }
@@ -107,15 +106,14 @@ struct HostileCase {
 };
 
 /// `count` connections, upgraded to WebSocket or not.
-std::vector<std::unique_ptr<RawConnection>> open(unsigned short port, bool upgrade, int count = 1)
-{
+std::vector<std::unique_ptr<RawConnection>> open(unsigned short port, bool upgrade, int count = 1) {
     std::vector<std::unique_ptr<RawConnection>> connections;
-    for (int i = 0; i < count; ++i) connections.push_back(std::make_unique<RawConnection>(port, upgrade));
+    for (int i = 0; i < count; ++i)
+        connections.push_back(std::make_unique<RawConnection>(port, upgrade));
     return connections;
 }
 
-TEST(HostileClientsTest, NoClientKeepsAnotherFromItsBlocks)
-{
+TEST(HostileClientsTest, NoClientKeepsAnotherFromItsBlocks) {
     zarvo::testkit::TemporaryDirectory directory;
     zarvo::testkit::executeSql(directory.file("media.db"), zarvo::testkit::tracksScript(2000));
     ServiceOptions options;
@@ -133,9 +131,8 @@ TEST(HostileClientsTest, NoClientKeepsAnotherFromItsBlocks)
              auto connections = open(port, true);
              connections[0]->writeFrame(R"({"type":"hello","version":2})");
              for (int id = 1; id <= 200; ++id) {
-                 connections[0]->writeFrame(R"({"type":"query","id":)" + std::to_string(id) +
-                                            R"(,"uri":")" + tracksUri +
-                                            R"(","columns":[],"filter":"","sort":"","index":0,"count":0})");
+                 connections[0]->writeFrame(R"({"type":"query","id":)" + std::to_string(id) + R"(,"uri":")" +
+                                            tracksUri + R"(","columns":[],"filter":"","sort":"","index":0,"count":0})");
              }
              return connections;
          }},

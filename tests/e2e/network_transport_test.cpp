@@ -14,11 +14,11 @@
 
 #include <tethrix/protocol/codec.h>
 
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 #include <boost/any.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/websocket.hpp>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
@@ -35,30 +35,27 @@ using namespace zarvo::testkit;
 
 class NetworkTransportTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        executeSql(database(), "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT);"
-                               "INSERT INTO tracks VALUES (1, 'Blue Hour');"
-                               "CREATE TABLE numbers(id INTEGER PRIMARY KEY, i INTEGER, r REAL);"
-                               "INSERT INTO numbers VALUES (1, 2147483648, 1e300), (2, -2147483649, -1e300),"
-                               " (3, 9007199254740992, 3.4e38), (4, -7, 0.5);");
+    void SetUp() override {
+        executeSql(database(),
+                   "CREATE TABLE tracks(id INTEGER PRIMARY KEY, title TEXT);"
+                   "INSERT INTO tracks VALUES (1, 'Blue Hour');"
+                   "CREATE TABLE numbers(id INTEGER PRIMARY KEY, i INTEGER, r REAL);"
+                   "INSERT INTO numbers VALUES (1, 2147483648, 1e300), (2, -2147483649, -1e300),"
+                   " (3, 9007199254740992, 3.4e38), (4, -7, 0.5);");
         context = Context::instance(host.domain(), nullptr);
         client = context->getClient();
-        token = client->getConnection()->addStateSubscription([this](Connection::State state) {
-            states.push_back(static_cast<int>(state));
-        });
+        token = client->getConnection()->addStateSubscription(
+            [this](Connection::State state) { states.push_back(static_cast<int>(state)); });
     }
 
-    void TearDown() override
-    {
+    void TearDown() override {
         client->getConnection()->removeStateSubscription(token);
         client::installTransport(*context, nullptr);
     }
 
     std::string database() const { return directory.file("media.db"); }
 
-    void connectTo(unsigned short port, client::NetworkTransportOptions options = {})
-    {
+    void connectTo(unsigned short port, client::NetworkTransportOptions options = {}) {
         options.port = port;
         options.firstReconnectDelay = std::chrono::milliseconds(20);
         options.maxReconnectDelay = std::chrono::milliseconds(100);
@@ -68,25 +65,23 @@ protected:
     /// Runs the loop until `done`, which may turn on a peer's own thread and
     /// not on the loop's work, so it is checked every millisecond; within a
     /// bound that only a fault reaches.
-    bool pumpUntil(const std::function<bool()>& done)
-    {
+    bool pumpUntil(const std::function<bool()>& done) {
         const auto deadline = std::chrono::steady_clock::now() + generousWait;
         while (!done()) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
+            if (std::chrono::steady_clock::now() > deadline)
+                return false;
             host.runUntilIdle();
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         return true;
     }
 
-    bool reachesState(int state)
-    {
+    bool reachesState(int state) {
         return pumpUntil([&] { return !states.empty() && states.back() == state; });
     }
 
     /// The answer to a query of `table`, delivered on the loop's thread.
-    RecordingObserver::Loaded load(const std::string& table, std::vector<std::string> columns, int index, int count)
-    {
+    RecordingObserver::Loaded load(const std::string& table, std::vector<std::string> columns, int index, int count) {
         RecordingObserver recorder;
         auto loader =
             std::make_shared<DefaultContentLoader>(client.get(), client->getConnection()->getMessageDispatcher());
@@ -107,8 +102,7 @@ protected:
     std::vector<int> states;
 };
 
-TEST_F(NetworkTransportTest, AMissingOrLostServiceIsToldOnceAndReconnectedToAndAnswersArriveOnTheLoop)
-{
+TEST_F(NetworkTransportTest, AMissingOrLostServiceIsToldOnceAndReconnectedToAndAnswersArriveOnTheLoop) {
     unsigned short port = 0;
     {
         RunningService probe(database());  // a port that is free again once it stops
@@ -126,9 +120,13 @@ TEST_F(NetworkTransportTest, AMissingOrLostServiceIsToldOnceAndReconnectedToAndA
         testkit::LogCapture log;
         const auto numbers = load("numbers", {"i", "r"}, 0, 0);
         ASSERT_EQ(numbers.values.size(), 4u);
-        const struct { int integer; float real; } expected[] = {
-            {INT_MAX, std::numeric_limits<float>::max()}, {INT_MIN, std::numeric_limits<float>::lowest()},
-            {INT_MAX, 3.4e38f}, {-7, 0.5f}};
+        const struct {
+            int integer;
+            float real;
+        } expected[] = {{INT_MAX, std::numeric_limits<float>::max()},
+                        {INT_MIN, std::numeric_limits<float>::lowest()},
+                        {INT_MAX, 3.4e38f},
+                        {-7, 0.5f}};
         for (std::size_t r = 0; r < 4; ++r) {
             EXPECT_EQ(boost::any_cast<int>(numbers.values[r][0]), expected[r].integer) << r;
             EXPECT_EQ(boost::any_cast<float>(numbers.values[r][1]), expected[r].real) << r;
@@ -150,15 +148,13 @@ TEST_F(NetworkTransportTest, AMissingOrLostServiceIsToldOnceAndReconnectedToAndA
 /// after a hello in this protocol's version. Keeps when each came.
 class BadPeer {
 public:
-    explicit BadPeer(int version) : version(version)
-    {
+    explicit BadPeer(int version) : version(version) {
         acceptor.open(tcp::v4());
         acceptor.bind({boost::asio::ip::address_v4::loopback(), 0});
         acceptor.listen();
         thread = std::thread([this] { serve(); });
     }
-    ~BadPeer()
-    {
+    ~BadPeer() {
         stopping = true;
         tcp::socket wake(io);
         boost::system::error_code ignored;
@@ -167,8 +163,7 @@ public:
     }
 
     unsigned short port() const { return acceptor.local_endpoint().port(); }
-    std::vector<std::chrono::steady_clock::time_point> connections() const
-    {
+    std::vector<std::chrono::steady_clock::time_point> connections() const {
         std::lock_guard<std::mutex> lock(mutex);
         return accepted;
     }
@@ -176,13 +171,13 @@ public:
 private:
     using tcp = boost::asio::ip::tcp;
 
-    void serve()
-    {
+    void serve() {
         while (!stopping) {
             tcp::socket socket(io);
             boost::system::error_code error;
             acceptor.accept(socket, error);
-            if (error || stopping) return;
+            if (error || stopping)
+                return;
             {
                 std::lock_guard<std::mutex> lock(mutex);
                 accepted.push_back(std::chrono::steady_clock::now());
@@ -192,9 +187,7 @@ private:
             if (!error && version != 0) {
                 namespace protocol = tethrix::protocol;
                 peer->text(true);
-                peer->write(boost::asio::buffer(
-                                protocol::encode(protocol::Hello{version, "bad peer", "", ""})),
-                            error);
+                peer->write(boost::asio::buffer(protocol::encode(protocol::Hello{version, "bad peer", "", ""})), error);
                 if (version == protocol::protocolVersion) {
                     peer->close(boost::beast::websocket::close_code::normal, error);
                 }
@@ -213,8 +206,7 @@ private:
     std::vector<std::unique_ptr<boost::beast::websocket::stream<tcp::socket>>> silent;
 };
 
-TEST_F(NetworkTransportTest, APeerWithoutHelloOrOfAnotherVersionIsLeftAndOneThatDropsEveryConnectionMeetsAGrowingWait)
-{
+TEST_F(NetworkTransportTest, APeerWithoutHelloOrOfAnotherVersionIsLeftAndOneThatDropsEveryConnectionMeetsAGrowingWait) {
     using std::chrono::milliseconds;
     const int ours = tethrix::protocol::protocolVersion;
     for (int version : {0, ours, ours + 1}) {
@@ -236,8 +228,7 @@ TEST_F(NetworkTransportTest, APeerWithoutHelloOrOfAnotherVersionIsLeftAndOneThat
     }
 }
 
-TEST_F(NetworkTransportTest, ServiceUrlsAreRead)
-{
+TEST_F(NetworkTransportTest, ServiceUrlsAreRead) {
     for (const char* good : {"ws://example.org:8080/tethrix", "example.org:8080", "ws://[example.org]:8080/tethrix"}) {
         const auto url = client::parseServiceUrl(good);
         ASSERT_TRUE(url) << good;

@@ -54,7 +54,9 @@ std::string trackText(std::uint64_t index) {
     return text.str();
 }
 
-std::string declaration(const std::string& sources) { return "<sources>" + sources + "</sources>"; }
+std::string declaration(const std::string& sources) {
+    return "<sources>" + sources + "</sources>";
+}
 
 class Road : public ::testing::Test {
 protected:
@@ -80,8 +82,8 @@ protected:
 };
 
 TEST_F(Road, ScrollCommandReportsEveryRowFilledJumpsBackAndFailsShortOfItsGoal) {
-    const ProgramResult result = host(
-        {"scroll", "tracks", "--frame-ms", "0", "--step", "13", "--to", "1300", "--jump", "1000"}, tracksSource);
+    const ProgramResult result =
+        host({"scroll", "tracks", "--frame-ms", "0", "--step", "13", "--to", "1300", "--jump", "1000"}, tracksSource);
     ASSERT_EQ(result.status, 1) << result.err;
     EXPECT_THAT(result.err, HasSubstr("zarvo-host: scroll of tracks stopped at row 1233, short of row 1300: the "
                                       "list holds 1234 rows and did not grow for "));

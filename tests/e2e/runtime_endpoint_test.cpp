@@ -1,13 +1,13 @@
 // Runtime data over the service's sockets: subscriptions over WebSocket, the
 // HTTP endpoint that publishes and reads trees, and the publish command.
-#include "publish_command.h"
-#include "websocket_session.h"
 #include <zarvo/testkit/files.h>
 #include <zarvo/testkit/running_service.h>
 #include <zarvo/testkit/thrown.h>
+#include "publish_command.h"
+#include "websocket_session.h"
 
-#include <boost/asio/write.hpp>
 #include <gtest/gtest.h>
+#include <boost/asio/write.hpp>
 
 #include <fstream>
 #include <sstream>
@@ -21,8 +21,7 @@ const std::string initialState = R"({"values":{"volume":3,"queue":[{"title":"Col
 
 class RuntimeEndpointTest : public ::testing::Test {
 protected:
-    static ServiceOptions options(const zarvo::testkit::TemporaryDirectory& directory)
-    {
+    static ServiceOptions options(const zarvo::testkit::TemporaryDirectory& directory) {
         zarvo::testkit::executeSql(directory.path() / "media.db", zarvo::testkit::tracksScript(1));
         std::ofstream(directory.path() / "player.xml") << R"(<sources service="player">
             <integer name="volume" value="3"/>
@@ -36,8 +35,7 @@ protected:
     }
 
     /// The publish command, run in this process.
-    std::pair<int, std::string> publish(std::vector<std::string> arguments)
-    {
+    std::pair<int, std::string> publish(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), {"--service", "http://127.0.0.1:" + std::to_string(service.port())});
         std::ostringstream out;
         std::ostringstream err;
@@ -45,8 +43,7 @@ protected:
         return {code, out.str() + err.str()};
     }
 
-    protocol::Update subscribe(ProtocolClient& client, protocol::RequestId id)
-    {
+    protocol::Update subscribe(ProtocolClient& client, protocol::RequestId id) {
         client.send(protocol::Subscribe{id, "servicedata://player"});
         return client.receiveAs<protocol::Update>();
     }
@@ -55,8 +52,7 @@ protected:
     RunningService service{options(directory)};
 };
 
-TEST_F(RuntimeEndpointTest, SubscribersGetTheStateAndThenEveryPublishedUpdate)
-{
+TEST_F(RuntimeEndpointTest, SubscribersGetTheStateAndThenEveryPublishedUpdate) {
     // Fan-out to several subscribers is the hub's and tested there.
     ProtocolClient first(service.port());
     EXPECT_EQ(subscribe(first, 4), (protocol::Update{4, "", initialState}));
@@ -73,10 +69,10 @@ TEST_F(RuntimeEndpointTest, SubscribersGetTheStateAndThenEveryPublishedUpdate)
     EXPECT_EQ(first.receiveAs<protocol::Pong>().id, 5u);
 }
 
-TEST_F(RuntimeEndpointTest, AConnectionHoldsNoMoreThanItsLimitOfOpenRequests)
-{
+TEST_F(RuntimeEndpointTest, AConnectionHoldsNoMoreThanItsLimitOfOpenRequests) {
     ProtocolClient client(service.port());
-    for (protocol::RequestId id = 1; id <= maxOpenRequests; ++id) subscribe(client, id);
+    for (protocol::RequestId id = 1; id <= maxOpenRequests; ++id)
+        subscribe(client, id);
     client.send(protocol::Subscribe{1000, "servicedata://player"});
     const auto refused = client.receiveAs<protocol::Error>();
     EXPECT_EQ(refused.id, std::optional<protocol::RequestId>(1000));
@@ -89,8 +85,7 @@ TEST_F(RuntimeEndpointTest, AConnectionHoldsNoMoreThanItsLimitOfOpenRequests)
     EXPECT_EQ(subscribe(client, 1000).data, initialState);
 }
 
-TEST_F(RuntimeEndpointTest, TheHttpEndpointAnswersEachRequestWithItsStatus)
-{
+TEST_F(RuntimeEndpointTest, TheHttpEndpointAnswersEachRequestWithItsStatus) {
     const std::vector<std::tuple<std::string, std::string, int, std::string>> cases = {
         {"GET", "/runtime/player?x=1", 200, initialState},
         {"GET", "/runtime/radio", 404, "no runtime data \"servicedata://radio\"\n"},
@@ -107,8 +102,9 @@ TEST_F(RuntimeEndpointTest, TheHttpEndpointAnswersEachRequestWithItsStatus)
     boost::beast::tcp_stream stream(io);
     stream.connect(boost::asio::ip::tcp::endpoint(boost::asio::ip::make_address("127.0.0.1"), service.port()));
     stream.expires_after(zarvo::testkit::receiveTimeout);
-    boost::asio::write(stream.socket(), boost::asio::buffer(std::string(
-        "POST /runtime/player HTTP/1.1\r\nHost: x\r\nContent-Length: 2000000\r\n\r\n{")));
+    boost::asio::write(stream.socket(),
+                       boost::asio::buffer(std::string(
+                           "POST /runtime/player HTTP/1.1\r\nHost: x\r\nContent-Length: 2000000\r\n\r\n{")));
     boost::beast::flat_buffer buffer;
     boost::beast::http::response<boost::beast::http::string_body> response;
     boost::beast::http::read(stream, buffer, response);
@@ -116,8 +112,7 @@ TEST_F(RuntimeEndpointTest, TheHttpEndpointAnswersEachRequestWithItsStatus)
     EXPECT_EQ(response.body(), "request body larger than 1048576 bytes\n");
 }
 
-TEST(PublishCommandTest, ArgumentsAreCheckedBeforeAnythingIsSent)
-{
+TEST(PublishCommandTest, ArgumentsAreCheckedBeforeAnythingIsSent) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"player", "{}"}, "--service URL is required; usage: tethrix-service publish --service URL NAME TEXT|@FILE"},
         {{"--service", "http://localhost", "player", "{}"},
@@ -137,8 +132,7 @@ TEST(PublishCommandTest, ArgumentsAreCheckedBeforeAnythingIsSent)
     EXPECT_EQ(request.port, "9000");
 }
 
-TEST_F(RuntimeEndpointTest, PublishingToAServiceThatIsNotThereIsOneLineAndExitCodeOne)
-{
+TEST_F(RuntimeEndpointTest, PublishingToAServiceThatIsNotThereIsOneLineAndExitCodeOne) {
     const std::string where = "127.0.0.1:" + std::to_string(service.port());
     service.stop();
     EXPECT_EQ(publish({"player", "{}"}),

@@ -21,8 +21,7 @@ const std::string tracksUri = "content://com.tavelorix.content/tracks";
 const std::string bigUri = "content://com.tavelorix.content/big";
 
 protocol::Query query(protocol::RequestId id, const std::string& uri, std::vector<std::string> columns,
-                      std::string filter = "", std::string sort = "", int index = 0, int count = 0)
-{
+                      std::string filter = "", std::string sort = "", int index = 0, int count = 0) {
     return protocol::Query{id, uri, std::move(columns), std::move(filter), std::move(sort), index, count};
 }
 
@@ -30,8 +29,7 @@ protocol::Query query(protocol::RequestId id, const std::string& uri, std::vecto
 /// LIKE patterns and a sort of what matches.
 /// A scan that matches nothing and takes far longer than a frame's way
 /// through a loaded machine, so that a cancel always finds it running.
-protocol::Query slowQuery(protocol::RequestId id)
-{
+protocol::Query slowQuery(protocol::RequestId id) {
     std::string filter = "word LIKE '%zz%'";
     for (const char* letters : {"yy", "xx", "vv", "uu", "tt", "ss", "rr", "qq", "pp", "oo", "nn", "mm", "ll", "kk"}) {
         filter += std::string(" OR word LIKE '%") + letters + "%'";
@@ -41,8 +39,7 @@ protocol::Query slowQuery(protocol::RequestId id)
 
 class ServiceEndToEndTest : public ::testing::Test {
 protected:
-    static void SetUpTestSuite()
-    {
+    static void SetUpTestSuite() {
         directory = new zarvo::testkit::TemporaryDirectory();
         auto files = directory->path() / "files";
         std::filesystem::create_directories(files / "covers");
@@ -50,22 +47,21 @@ protected:
         std::ofstream(files / "notes.txt") << "hello";
         std::ofstream(directory->path() / "secret.txt") << "secret";
         std::filesystem::create_symlink(directory->path() / "secret.txt", files / "link.txt");
-        zarvo::testkit::executeSql(directory->path() / "media.db",
-                                zarvo::testkit::tracksScript(1000) +
-                                    "CREATE TABLE big(id INTEGER PRIMARY KEY, word TEXT, n INTEGER);"
-                                    "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 400000)"
-                                    " INSERT INTO big SELECT i, printf('w%08x', i * 2654435761 % 4294967296),"
-                                    " i % 1000 FROM n;");
+        zarvo::testkit::executeSql(
+            directory->path() / "media.db",
+            zarvo::testkit::tracksScript(1000) +
+                "CREATE TABLE big(id INTEGER PRIMARY KEY, word TEXT, n INTEGER);"
+                "WITH RECURSIVE n(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM n WHERE i < 400000)"
+                " INSERT INTO big SELECT i, printf('w%08x', i * 2654435761 % 4294967296),"
+                " i % 1000 FROM n;");
     }
 
-    static void TearDownTestSuite()
-    {
+    static void TearDownTestSuite() {
         delete directory;
         directory = nullptr;
     }
 
-    static ServiceOptions options()
-    {
+    static ServiceOptions options() {
         ServiceOptions o;
         o.database = (directory->path() / "media.db").string();
         o.files = directory->path() / "files";
@@ -78,8 +74,7 @@ protected:
 
 zarvo::testkit::TemporaryDirectory* ServiceEndToEndTest::directory = nullptr;
 
-TEST_F(ServiceEndToEndTest, HelloTellsWhereFilesAreAndQueriesAreAnsweredWithResultsOrErrors)
-{
+TEST_F(ServiceEndToEndTest, HelloTellsWhereFilesAreAndQueriesAreAnsweredWithResultsOrErrors) {
     ProtocolClient client(service.port());
     EXPECT_EQ(client.serverHello().version, protocol::protocolVersion);
     EXPECT_EQ(client.serverHello().software, "tethrix-service");
@@ -90,8 +85,9 @@ TEST_F(ServiceEndToEndTest, HelloTellsWhereFilesAreAndQueriesAreAnsweredWithResu
     EXPECT_EQ(result.startIndex, 1u);
     EXPECT_EQ(result.columns, (std::vector<protocol::Column>{{"id", protocol::ColumnType::integer},
                                                              {"title", protocol::ColumnType::text}}));
-    EXPECT_EQ(result.rows, (std::vector<std::vector<protocol::Value>>{{std::int64_t{989}, std::string("Track 00989")},
-                                                                      {std::int64_t{982}, std::string("Track 00982")}}));
+    EXPECT_EQ(result.rows,
+              (std::vector<std::vector<protocol::Value>>{{std::int64_t{989}, std::string("Track 00989")},
+                                                         {std::int64_t{982}, std::string("Track 00982")}}));
 
     client.send(query(3, tracksUri, {"id"}, "id = 'unterminated"));
     auto bad = client.receiveAs<protocol::Error>();
@@ -100,13 +96,12 @@ TEST_F(ServiceEndToEndTest, HelloTellsWhereFilesAreAndQueriesAreAnsweredWithResu
     EXPECT_EQ(bad.position, std::optional<std::uint64_t>(5));
 }
 
-TEST_F(ServiceEndToEndTest, CancelDropsAWaitingAnswerAndFreesTheWorkerOfARunningOne)
-{
+TEST_F(ServiceEndToEndTest, CancelDropsAWaitingAnswerAndFreesTheWorkerOfARunningOne) {
     ProtocolClient client(service.port());
-    client.send(slowQuery(1));                                // keeps the worker busy
+    client.send(slowQuery(1));                               // keeps the worker busy
     client.send(query(2, tracksUri, {"id"}, "", "", 0, 1));  // waits behind it
     client.send(protocol::Cancel{2});
-    client.send(protocol::Cancel{999});                       // unknown: nothing happens
+    client.send(protocol::Cancel{999});  // unknown: nothing happens
     client.send(protocol::Cancel{1});
     client.send(query(3, tracksUri, {"id"}, "", "", 5, 1));
     // Answers come in order; had query 1 or 2 been answered, it would be here.
@@ -121,8 +116,7 @@ TEST_F(ServiceEndToEndTest, CancelDropsAWaitingAnswerAndFreesTheWorkerOfARunning
     EXPECT_EQ(std::get<std::int64_t>(result.rows[0][0]), 8);  // the new query's row, not the slow one's
 }
 
-TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
-{
+TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn) {
     ProtocolClient client(service.port());
     struct Case {
         std::string frame;
@@ -150,8 +144,7 @@ TEST_F(ServiceEndToEndTest, BadFramesGetAnErrorAndTheConnectionGoesOn)
     EXPECT_EQ(client.receiveAs<protocol::Pong>().id, 9u);
 }
 
-TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAndAnotherProtocolVersionAreRefused)
-{
+TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAndAnotherProtocolVersionAreRefused) {
     ProtocolClient client(service.port(), false);
     client.send(query(3, tracksUri, {"id"}));
     auto error = client.receiveAs<protocol::Error>();
@@ -170,15 +163,13 @@ TEST_F(ServiceEndToEndTest, RequestsBeforeHelloAndAnotherProtocolVersionAreRefus
     EXPECT_EQ(future.awaitClose(), std::optional<int>(1002));
 }
 
-TEST_F(ServiceEndToEndTest, StoppingTheServiceClosesConnectionsAsGoingAway)
-{
+TEST_F(ServiceEndToEndTest, StoppingTheServiceClosesConnectionsAsGoingAway) {
     ProtocolClient client(service.port());
     service.stop();
     EXPECT_EQ(client.awaitClose(), std::optional<int>(1001));
 }
 
-TEST_F(ServiceEndToEndTest, FilesAreServedFromTheDirectoryOnly)
-{
+TEST_F(ServiceEndToEndTest, FilesAreServedFromTheDirectoryOnly) {
     const std::vector<std::tuple<std::string, std::string, int, std::string, std::string>> cases = {
         {"GET", "/covers/a%20b.png", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
         {"GET", "/covers/a%20b.png?size=small", 200, "image/png", "\x89PNG\r\n\x1a\nfake"},
@@ -204,8 +195,6 @@ TEST_F(ServiceEndToEndTest, FilesAreServedFromTheDirectoryOnly)
     EXPECT_EQ(zarvo::testkit::httpRequest(service.port(), "HEAD", "/notes.txt").contentLength, "5");
 }
 
-
-
 class ProgramTest : public ::testing::Test {
 protected:
     void SetUp() override { zarvo::testkit::executeSql(database, zarvo::testkit::tracksScript(10)); }
@@ -214,8 +203,7 @@ protected:
     std::filesystem::path database = directory.path() / "media.db";
 };
 
-TEST_F(ProgramTest, ServesOnAFreePortLogsQueriesAndStopsCleanlyOnSignals)
-{
+TEST_F(ProgramTest, ServesOnAFreePortLogsQueriesAndStopsCleanlyOnSignals) {
     for (int stopSignal : {SIGTERM, SIGINT}) {
         const std::string errors = directory.file("errors-" + std::to_string(stopSignal));
         ChildProcess program(builtFile("bin/tethrix-service"),
@@ -226,27 +214,30 @@ TEST_F(ProgramTest, ServesOnAFreePortLogsQueriesAndStopsCleanlyOnSignals)
         auto port = static_cast<unsigned short>(std::stoi(line.substr(line.rfind(':') + 1)));
         {
             zarvo::testkit::ProtocolClient client(port);
-            client.send(protocol::Query{7, "content://com.tavelorix.content/tracks", {"id", "title"}, "id>8", "", 0, 0});
+            client.send(
+                protocol::Query{7, "content://com.tavelorix.content/tracks", {"id", "title"}, "id>8", "", 0, 0});
             EXPECT_EQ(client.receiveAs<protocol::Result>().rows.size(), 2u);
         }
         program.signal(stopSignal);
         EXPECT_EQ(program.wait(), 0);
         // One line per query; only the time varies.
         std::string log = readFile(errors);
-        const std::string fixed = "query id=7 uri=\"content://com.tavelorix.content/tracks\" columns=\"[id,title]\" "
-                                  "filter=\"id>8\" sort=\"\" index=0 count=0 rows=2 ms=";
+        const std::string fixed =
+            "query id=7 uri=\"content://com.tavelorix.content/tracks\" columns=\"[id,title]\" "
+            "filter=\"id>8\" sort=\"\" index=0 count=0 rows=2 ms=";
         ASSERT_EQ(log.substr(0, fixed.size()), fixed) << log;
         EXPECT_TRUE(std::regex_match(log.substr(fixed.size()), std::regex("[0-9]+\\.[0-9]{2}\n"))) << log;
     }
 }
 
-TEST_F(ProgramTest, CannotStartSaysWhyInOneLine)
-{
+TEST_F(ProgramTest, CannotStartSaysWhyInOneLine) {
     std::ofstream(directory.path() / "radio.xml.ok") << "<sources service='radio'><string name='station'/></sources>";
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
-        {{"--db", database.string(), "--frobnicate"}, "tethrix-service: unknown option \"--frobnicate\" (see --help)\n"},
+        {{"--db", database.string(), "--frobnicate"},
+         "tethrix-service: unknown option \"--frobnicate\" (see --help)\n"},
         {{"--db", (directory.path() / "missing.db").string()},
-         "tethrix-service: cannot open " + (directory.path() / "missing.db").string() + ": unable to open database file\n"},
+         "tethrix-service: cannot open " + (directory.path() / "missing.db").string() +
+             ": unable to open database file\n"},
         {{"--db", database.string(), "--simulate", "player"},
          "tethrix-service: --simulate player: no runtime data \"player\" was loaded; give its tree with --runtime, "
          "e.g. examples/player.xml\n"},

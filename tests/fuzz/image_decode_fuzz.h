@@ -38,8 +38,8 @@ inline int decodeImage(Decoder decode, const std::uint8_t* data, std::size_t siz
     } catch (const std::runtime_error&) {
         return 0;
     }
-    const std::uint64_t bytes = std::uint64_t(image->getWidth()) * image->getHeight() *
-                                BitmapImage::bytesPerPixel(image->getFormat());
+    const std::uint64_t bytes =
+        std::uint64_t(image->getWidth()) * image->getHeight() * BitmapImage::bytesPerPixel(image->getFormat());
     if (image->getWidth() > limits.maxSide || image->getHeight() > limits.maxSide || bytes > limits.maxPixelBytes ||
         bytes != image->getPixels().size() || stream.position > stream.length) {
         std::abort();

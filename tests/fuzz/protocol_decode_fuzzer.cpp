@@ -13,8 +13,7 @@
 #include <string>
 #include <string_view>
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace tethrix::protocol;
     std::string_view frame(reinterpret_cast<const char*>(data), size);
     std::string error;
@@ -27,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     Decoded first = decode(frame, maxResultFrameBytes);
-    if (!first) return 0;
+    if (!first)
+        return 0;
     std::string again = encode(*first.message);
     Decoded second = decode(again, maxResultFrameBytes);
     if (!second || *second.message != *first.message) {

@@ -8,23 +8,22 @@
 #include "query_error.h"
 #include "sqlite_database.h"
 
+#include <unistd.h>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
-#include <unistd.h>
 
 namespace {
 
 using namespace tethrix::service;
 
-ContentStore& store()
-{
+ContentStore& store() {
     static std::unique_ptr<ContentStore> instance = [] {
-        const auto file = std::filesystem::temp_directory_path() /
-                          ("query_language_fuzzer-" + std::to_string(getpid()) + ".db");
+        const auto file =
+            std::filesystem::temp_directory_path() / ("query_language_fuzzer-" + std::to_string(getpid()) + ".db");
         std::filesystem::remove(file);
         {
             SqliteDatabase database = SqliteDatabase::openReadWrite(file.string());
@@ -42,8 +41,7 @@ ContentStore& store()
     return *instance;
 }
 
-void run(const std::string& filter, const std::string& sort)
-{
+void run(const std::string& filter, const std::string& sort) {
     tethrix::protocol::Query query;
     query.uri = std::string("content://") + defaultAuthority + "/tracks";
     query.filter = filter;
@@ -63,8 +61,7 @@ void run(const std::string& filter, const std::string& sort)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string input(reinterpret_cast<const char*>(data), size);
     const std::size_t split = input.find('\n');
     if (split != std::string::npos) {

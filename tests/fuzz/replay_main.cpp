@@ -21,7 +21,8 @@ int main(int argc, char** argv) {
             continue;
         }
         for (const auto& entry : std::filesystem::directory_iterator(argv[i])) {
-            if (entry.is_regular_file()) inputs.push_back(entry.path());
+            if (entry.is_regular_file())
+                inputs.push_back(entry.path());
         }
     }
     std::sort(inputs.begin(), inputs.end());

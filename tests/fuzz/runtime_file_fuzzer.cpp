@@ -18,10 +18,10 @@
 
 using namespace tethrix;
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     tinyxml2::XMLDocument document;
-    if (document.Parse(reinterpret_cast<const char*>(data), size) != tinyxml2::XML_SUCCESS) return 0;
+    if (document.Parse(reinterpret_cast<const char*>(data), size) != tinyxml2::XML_SUCCESS)
+        return 0;
     std::vector<service::NamedRuntimeTree> trees;
     try {
         trees = service::readRuntimeTrees(document, "fuzz");

@@ -40,8 +40,7 @@ const char* const treeXml = R"(<tree service="fuzz">
   </list>
 </tree>)";
 
-service::RuntimeNode::Ptr freshTree()
-{
+service::RuntimeNode::Ptr freshTree() {
     static const service::RuntimeNode::Ptr base = [] {
         tinyxml2::XMLDocument document;
         document.Parse(treeXml);
@@ -50,16 +49,14 @@ service::RuntimeNode::Ptr freshTree()
     return base->clone();
 }
 
-[[noreturn]] void fail(const char* what, const std::string& before, const std::string& after)
-{
+[[noreturn]] void fail(const char* what, const std::string& before, const std::string& after) {
     std::fprintf(stderr, "%s\nbefore: %s\nafter:  %s\n", what, before.c_str(), after.c_str());
     std::abort();
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using Model = service::RuntimeTreeModel;
     const std::string_view text(reinterpret_cast<const char*>(data), size);
     auto root = freshTree();
@@ -67,10 +64,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto fault = protocol::applyRuntimeUpdate<Model>(text, *root);
     const std::string after = protocol::writeRuntimeState<Model>(*root);
     if (fault) {
-        if (after != before) fail("a refused update changed the tree", before, after);
+        if (after != before)
+            fail("a refused update changed the tree", before, after);
         return 0;
     }
-    if (protocol::applyRuntimeUpdate<Model>(after, *root)) fail("the state does not apply back", before, after);
-    if (protocol::writeRuntimeState<Model>(*root) != after) fail("the state changed when applied back", before, after);
+    if (protocol::applyRuntimeUpdate<Model>(after, *root))
+        fail("the state does not apply back", before, after);
+    if (protocol::writeRuntimeState<Model>(*root) != after)
+        fail("the state changed when applied back", before, after);
     return 0;
 }

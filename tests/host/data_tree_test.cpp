@@ -124,13 +124,13 @@ TEST(DomainTest, AttachmentsGoFirstNewestFirstWhileTheLoopStillLives) {
     std::vector<std::string> order;
     struct Attachment {
         Attachment(std::vector<std::string>* order, std::string name, Domain* domain)
-            : order(order), name(std::move(name)), domain(domain) {}
+            : order(order),
+              name(std::move(name)),
+              domain(domain) {}
         std::vector<std::string>* order;
         std::string name;
         Domain* domain;
-        ~Attachment() {
-            order->push_back(name + (domain->getMessageDispatcher() != nullptr ? "+loop" : ""));
-        }
+        ~Attachment() { order->push_back(name + (domain->getMessageDispatcher() != nullptr ? "+loop" : "")); }
     };
     {
         testkit::TestHost host;

@@ -71,7 +71,12 @@ TEST(ImageLoadPngTest, ExpandsEveryLayoutToEightBitRgbOrRgba) {
     PngOptions paletteWithAlpha = palette;
     paletteWithAlpha.paletteAlpha = {0x11, 0x22};
     struct Case {
-        const char* name; PngOptions options; std::uint32_t side; Pixels raw; Format format; Pixels expected;
+        const char* name;
+        PngOptions options;
+        std::uint32_t side;
+        Pixels raw;
+        Format format;
+        Pixels expected;
     } cases[] = {
         {"rgba", pngOptions(PNG_COLOR_TYPE_RGB_ALPHA), 2, solidPixels(4, {10, 20, 30, 40}), Format::RGBA8,
          solidPixels(4, {10, 20, 30, 40})},
@@ -79,11 +84,16 @@ TEST(ImageLoadPngTest, ExpandsEveryLayoutToEightBitRgbOrRgba) {
         {"grey with alpha", pngOptions(PNG_COLOR_TYPE_GRAY_ALPHA), 2, solidPixels(4, {77, 200}), Format::RGBA8,
          solidPixels(4, {77, 77, 77, 200})},
         {"palette", palette, 2, solidPixels(4, {1}), Format::RGB8, solidPixels(4, {4, 5, 6})},
-        {"palette with alpha", paletteWithAlpha, 2, solidPixels(4, {1}), Format::RGBA8, solidPixels(4, {4, 5, 6, 0x22})},
+        {"palette with alpha", paletteWithAlpha, 2, solidPixels(4, {1}), Format::RGBA8,
+         solidPixels(4, {4, 5, 6, 0x22})},
         {"16-bit rgb", pngOptions(PNG_COLOR_TYPE_RGB, 16), 2, solidPixels(4, {0x12, 0x34, 0x56, 0x78, 0x9A, 0xBC}),
          Format::RGB8, solidPixels(4, {0x12, 0x56, 0x9A})},
         // One byte per row of two 1-bit samples: white, black.
-        {"1-bit grey", pngOptions(PNG_COLOR_TYPE_GRAY, 1), 2, {0x80, 0x80}, Format::RGB8,
+        {"1-bit grey",
+         pngOptions(PNG_COLOR_TYPE_GRAY, 1),
+         2,
+         {0x80, 0x80},
+         Format::RGB8,
          {255, 255, 255, 0, 0, 0, 255, 255, 255, 0, 0, 0}},
         {"interlaced", pngOptions(PNG_COLOR_TYPE_RGB, 8, true), 8, gradient(8, 8), Format::RGB8, gradient(8, 8)},
     };
@@ -107,7 +117,11 @@ TEST(ImageLoadPngTest, ExpandsEveryLayoutToEightBitRgbOrRgba) {
 
 TEST(ImageLoadJpegTest, DecodesColourGreyAndProgressiveToRgb) {
     const Pixels colour = solidPixels(16 * 8, {200, 40, 90});
-    struct Case { const char* name; std::string file; Pixels expectedPixel; } cases[] = {
+    struct Case {
+        const char* name;
+        std::string file;
+        Pixels expectedPixel;
+    } cases[] = {
         {"colour", encodeJpeg(16, 8, colour), {200, 40, 90}},
         {"grey", encodeJpeg(16, 8, solidPixels(16 * 8, {120}), 1), {120, 120, 120}},
         {"progressive", encodeJpeg(16, 8, colour, 3, true), {200, 40, 90}},
@@ -130,7 +144,8 @@ TEST(ImageLoadJpegTest, DecodesColourGreyAndProgressiveToRgb) {
 TEST(ImageDecodeTest, EveryTruncationThrowsRuntimeErrorNamingTheImage) {
     const std::pair<std::string, bool> files[] = {
         {encodePng(8, 8, gradient(8, 8), pngOptions(PNG_COLOR_TYPE_RGB, 8, true)), false},
-        {encodeJpeg(16, 8, gradient(16, 8)), true}, {encodeJpeg(16, 8, gradient(16, 8), 3, true), true},
+        {encodeJpeg(16, 8, gradient(16, 8)), true},
+        {encodeJpeg(16, 8, gradient(16, 8), 3, true), true},
     };
     for (const auto& file : files) {
         for (std::size_t length = 0; length < file.first.size(); ++length) {
@@ -174,7 +189,11 @@ TEST(ImageDecodeTest, ImagesPastALimitAreRefusedBeforeTheirPixelsAreAllocated) {
     };
     const ImageDecodeLimits defaults;
     struct Case {
-        const char* name; std::string file; bool jpeg; ImageDecodeLimits limits; const char* reason;
+        const char* name;
+        std::string file;
+        bool jpeg;
+        ImageDecodeLimits limits;
+        const char* reason;
     } cases[] = {
         {"palette bomb", bomb, false, defaults, "image size 8192x8192 has a side longer than the limit of 4096"},
         {"png over the pixel bytes", withPngSize(smallPng, 4096, 4096), false, defaults,
@@ -205,7 +224,10 @@ TEST(ImageDecodeTest, ImagesPastALimitAreRefusedBeforeTheirPixelsAreAllocated) {
 }
 
 TEST(BitmapImageTest, PremultipliesAlphaOnceAndLeavesOpaqueFormatsAlone) {
-    struct Case { Format format; Pixels pixels, expected; } cases[] = {
+    struct Case {
+        Format format;
+        Pixels pixels, expected;
+    } cases[] = {
         {Format::RGBA8, {200, 100, 50, 128, 9, 8, 7, 255, 9, 8, 7, 0}, {100, 50, 25, 128, 9, 8, 7, 255, 0, 0, 0, 0}},
         {Format::LuminanceAlpha8, {200, 128, 200, 255, 200, 0}, {100, 128, 200, 255, 0, 0}},
         {Format::RGB8, {200, 100, 50, 1, 2, 3, 4, 5, 6}, {200, 100, 50, 1, 2, 3, 4, 5, 6}},

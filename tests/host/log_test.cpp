@@ -14,7 +14,8 @@ enum PlainState : int { StateUp = 1, StateLost = 2 };
 template <typename... Args>
 std::string format(string_view pattern, const Args&... args) {
     detail::LogRecord record(LogLevel::Info, "c", "f", 1);
-    const detail::LogArgumentTypeEraser erased[] = {detail::LogArgumentTypeEraser(args)..., detail::LogArgumentTypeEraser(0)};
+    const detail::LogArgumentTypeEraser erased[] = {detail::LogArgumentTypeEraser(args)...,
+                                                    detail::LogArgumentTypeEraser(0)};
     record.appendFormattedMessage(pattern, erased, sizeof...(Args));
     return record.message;
 }
@@ -35,7 +36,8 @@ TEST(LogFormatTest, PlaceholdersTakeArgumentsInOrderOrByPositionAndStayWithoutOn
     for (const auto& c : cases) {
         EXPECT_EQ(format(c.first, std::string("a"), "b"), c.second) << c.first;
     }
-    EXPECT_EQ(format("Could not find target {} for block_size-element"), "Could not find target {} for block_size-element");
+    EXPECT_EQ(format("Could not find target {} for block_size-element"),
+              "Could not find target {} for block_size-element");
     EXPECT_EQ(format("{0} of {1} and {}", 7), "7 of {1} and 7");
 }
 

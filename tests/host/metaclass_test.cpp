@@ -23,8 +23,7 @@ public:
     const Metaclass* getDynamicMetaclass() const override { return getStaticMetaclass(); }
 
     static const Metaclass* getStaticMetaclass() {
-        static const MetaclassImpl<SampleSource> metaclass("SampleSource", DataSource::getStaticMetaclass(), false,
-                                                           {},
+        static const MetaclassImpl<SampleSource> metaclass("SampleSource", DataSource::getStaticMetaclass(), false, {},
                                                            &DataSource::makeEditorInfo);
         return &metaclass;
     }

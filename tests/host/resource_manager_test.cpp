@@ -53,7 +53,10 @@ struct Script {
 
 class ScriptedTask : public ResourceManager::LoadTask {
 public:
-    ScriptedTask(Script& script, std::string url, Domain* domain) : script(script), url(std::move(url)), domain(domain) {}
+    ScriptedTask(Script& script, std::string url, Domain* domain)
+        : script(script),
+          url(std::move(url)),
+          domain(domain) {}
 
     void loadFunction(const ResourceLoaderThreadContext* context) override {
         noteStage(context);
@@ -142,8 +145,8 @@ TEST_F(ResourceManagerTest, SchemesMatchWithoutRegardToCaseAndTasksRunOnLoaderTh
     EXPECT_FALSE(manager().supportsProtocolHandler("http"));
     EXPECT_FALSE(manager().supportsProtocolHandler(nullptr));
     // Failures are logged and still count as done.
-    EXPECT_EQ(load({"test://a", "TEST://b", "test://empty", "test://throwing", "test://handler-throws", "nohandler://x"}),
-              1);
+    EXPECT_EQ(
+        load({"test://a", "TEST://b", "test://empty", "test://throwing", "test://handler-throws", "nohandler://x"}), 1);
 
     EXPECT_EQ(script.handlerCalls, 5);
     EXPECT_EQ(script.followUps, 4);
@@ -155,8 +158,9 @@ TEST_F(ResourceManagerTest, SchemesMatchWithoutRegardToCaseAndTasksRunOnLoaderTh
     EXPECT_NE(manager().tryAcquireResource("TEST://b"), nullptr);
     EXPECT_EQ(manager().acquireLoadedResource("test://empty"), nullptr) << "a null result is not stored";
     EXPECT_EQ(manager().acquireLoadedResource("test://throwing"), nullptr);
-    const auto error = [](const char* what) { return testing::AllOf(testing::StartsWith("error host: "),
-                                                                    HasSubstr(what)); };
+    const auto error = [](const char* what) {
+        return testing::AllOf(testing::StartsWith("error host: "), HasSubstr(what));
+    };
     EXPECT_THAT(log.lines(), testing::UnorderedElementsAre(error("network unreachable"), error("handler broke"),
                                                            error("nohandler://x")));
 
@@ -212,11 +216,10 @@ TEST_F(ResourceManagerTest, LocalImagesAreRecognisedByContentAndOtherFilesRefuse
     }
     EXPECT_EQ(manager().acquireLoadedResource(text), nullptr);
     EXPECT_THAT(log.messages(LogLevel::Error),
-                testing::UnorderedElementsAre(HasSubstr("'" + text + "'"),
-                                              "The file of resource '" + fifo + "' is not a regular file",
-                                              "The file of resource 'file:///dev/zero' is not a regular file",
-                                              "The file of resource '" + large +
-                                                  "' has 2048 bytes, more than the limit of 1024"));
+                testing::UnorderedElementsAre(
+                    HasSubstr("'" + text + "'"), "The file of resource '" + fifo + "' is not a regular file",
+                    "The file of resource 'file:///dev/zero' is not a regular file",
+                    "The file of resource '" + large + "' has 2048 bytes, more than the limit of 1024"));
 }
 
 TEST_F(ResourceManagerTest, RelativeUrlsAreLoadedFromTheServiceAndKeptUnderTheirOwnName) {

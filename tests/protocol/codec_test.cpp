@@ -9,23 +9,22 @@
 namespace tethrix::protocol {
 namespace {
 
-Result sampleResult()
-{
+Result sampleResult() {
     Result result;
     result.id = 42;
     result.startIndex = 200;
-    result.columns = {{"n", ColumnType::integer}, {"x", ColumnType::real}, {"b", ColumnType::boolean},
-                      {"s", ColumnType::text}};
+    result.columns = {
+        {"n", ColumnType::integer}, {"x", ColumnType::real}, {"b", ColumnType::boolean}, {"s", ColumnType::text}};
     result.rows = {
         {std::int64_t{std::numeric_limits<std::int64_t>::min()}, 0.1, true, std::string("quote \" and \\ and \n")},
-        {std::int64_t{std::numeric_limits<std::int64_t>::max()}, -1e300, false, std::string("\xC3\xA9t\xC3\xA9 \xF0\x9F\x8E\xB5")},
+        {std::int64_t{std::numeric_limits<std::int64_t>::max()}, -1e300, false,
+         std::string("\xC3\xA9t\xC3\xA9 \xF0\x9F\x8E\xB5")},
         {std::int64_t{0}, 3.0, false, std::string()},
     };
     return result;
 }
 
-Query sampleQuery()
-{
+Query sampleQuery() {
     Query query;
     query.id = std::numeric_limits<std::uint64_t>::max();
     query.uri = "content://com.tavelorix.content/tracks";
@@ -37,8 +36,7 @@ Query sampleQuery()
     return query;
 }
 
-TEST(CodecTest, EveryMessageSurvivesEncodeAndDecode)
-{
+TEST(CodecTest, EveryMessageSurvivesEncodeAndDecode) {
     Error withEverything;
     withEverything.id = 5;
     withEverything.reason = "filter: unknown column \"x\"";
@@ -73,8 +71,7 @@ TEST(CodecTest, EveryMessageSurvivesEncodeAndDecode)
     }
 }
 
-TEST(CodecTest, MessagesHaveTheDocumentedWireForm)
-{
+TEST(CodecTest, MessagesHaveTheDocumentedWireForm) {
     Result result;
     result.id = 7;
     result.startIndex = 200;
@@ -83,23 +80,28 @@ TEST(CodecTest, MessagesHaveTheDocumentedWireForm)
     Error error;
     error.reason = "bad";
     const std::vector<std::pair<Message, std::string>> cases = {
-        {Query{7, "content://com.tavelorix.content/tracks", {"title", "duration"}, "artist_id=42", "title ASC", 200, 200},
+        {Query{
+             7, "content://com.tavelorix.content/tracks", {"title", "duration"}, "artist_id=42", "title ASC", 200, 200},
          R"({"type":"query","id":7,"uri":"content://com.tavelorix.content/tracks","columns":["title","duration"],)"
          R"("filter":"artist_id=42","sort":"title ASC","index":200,"count":200})"},
         {result, R"({"type":"result","id":7,"startIndex":200,"columns":[{"name":"title","type":4},)"
                  R"({"name":"duration","type":2}],"rows":[["Blue Hour",215.5]]})"},
         {error, R"({"type":"error","reason":"bad"})"},
     };
-    for (const auto& [message, wire] : cases) EXPECT_EQ(encode(message), wire);
+    for (const auto& [message, wire] : cases)
+        EXPECT_EQ(encode(message), wire);
 }
 
-TEST(CodecTest, EncoderRepairsInvalidUtf8AndSendsNonFiniteRealsAsFiniteNumbers)
-{
+TEST(CodecTest, EncoderRepairsInvalidUtf8AndSendsNonFiniteRealsAsFiniteNumbers) {
     Result result;
     result.columns = {{"s", ColumnType::text}, {"x", ColumnType::real}};
     // A stray continuation byte, an overlong slash, a surrogate and a cut-off sequence.
     const double infinity = std::numeric_limits<double>::infinity();
-    result.rows = {{std::string("a\x80" "b\xC0\xAF" "c\xED\xA0\x80" "d\xE2\x82"), infinity},
+    result.rows = {{std::string("a\x80"
+                                "b\xC0\xAF"
+                                "c\xED\xA0\x80"
+                                "d\xE2\x82"),
+                    infinity},
                    {std::string(), -infinity},
                    {std::string(), std::numeric_limits<double>::quiet_NaN()}};
     Decoded decoded = decode(encode(result), maxResultFrameBytes);
@@ -112,19 +114,19 @@ TEST(CodecTest, EncoderRepairsInvalidUtf8AndSendsNonFiniteRealsAsFiniteNumbers)
     EXPECT_EQ(std::get<double>(rows[2][1]), 0.0);
 }
 
-TEST(CodecTest, RealColumnsAcceptIntegersAndIntegerColumnsRefuseFractions)
-{
-    Decoded real = decode(R"({"type":"result","id":1,"startIndex":0,"columns":[{"name":"x","type":2}],"rows":[[187]]})");
+TEST(CodecTest, RealColumnsAcceptIntegersAndIntegerColumnsRefuseFractions) {
+    Decoded real =
+        decode(R"({"type":"result","id":1,"startIndex":0,"columns":[{"name":"x","type":2}],"rows":[[187]]})");
     ASSERT_TRUE(real) << real.error.reason;
     EXPECT_EQ(std::get<double>(std::get<Result>(*real.message).rows[0][0]), 187.0);
 
-    Decoded integer = decode(R"({"type":"result","id":1,"startIndex":0,"columns":[{"name":"n","type":1}],"rows":[[1.0]]})");
+    Decoded integer =
+        decode(R"({"type":"result","id":1,"startIndex":0,"columns":[{"name":"n","type":1}],"rows":[[1.0]]})");
     EXPECT_FALSE(integer);
     EXPECT_EQ(integer.error.id, std::optional<RequestId>(1));
 }
 
-TEST(CodecTest, RealsPassUnchanged)
-{
+TEST(CodecTest, RealsPassUnchanged) {
     // Doubles whose shortest text needs 16 or 17 digits, as ordinary data
     // holds them, and extremes; a sloppy text-to-double conversion changes
     // many such by a unit in the last place.
@@ -132,7 +134,8 @@ TEST(CodecTest, RealsPassUnchanged)
     std::uniform_real_distribution<double> durations(0, 1000);
     Result result;
     result.columns = {{"x", ColumnType::real}};
-    for (int i = 0; i < 2000; ++i) result.rows.push_back({durations(random)});
+    for (int i = 0; i < 2000; ++i)
+        result.rows.push_back({durations(random)});
     for (double d : {0.1 + 0.2, 1.0 / 3, 474.59380568556355, 6.689921856898562e-217, 5e-324,
                      std::numeric_limits<double>::max(), -std::numeric_limits<double>::min(), -0.0}) {
         result.rows.push_back({d});
@@ -155,8 +158,7 @@ struct HostileFrame {
 
 const std::string goodQueryTail = R"("uri":"content://a/t","columns":[],"filter":"","sort":"",)";
 
-std::vector<HostileFrame> hostileFrames()
-{
+std::vector<HostileFrame> hostileFrames() {
     return {
         {"empty", "", "not JSON", std::nullopt},
         {"garbage", "hello", "not JSON", std::nullopt},
@@ -178,7 +180,8 @@ std::vector<HostileFrame> hostileFrames()
         {"negative id", R"({"type":"cancel","id":-1})", "\"id\" must be an integer from 0", std::nullopt},
         {"id beyond 64 bits", R"({"type":"cancel","id":18446744073709551616})", "\"id\" must be an integer",
          std::nullopt},
-        {"column not a string", R"({"type":"query","id":4,"uri":"u","columns":[1],"filter":"","sort":"","index":0,"count":0})",
+        {"column not a string",
+         R"({"type":"query","id":4,"uri":"u","columns":[1],"filter":"","sort":"","index":0,"count":0})",
          "\"columns\" must hold strings only", 4},
         {"row too short",
          R"({"type":"result","id":5,"startIndex":0,"columns":[{"name":"a","type":1},{"name":"b","type":1}],"rows":[[1]]})",
@@ -202,8 +205,7 @@ std::vector<HostileFrame> hostileFrames()
     };
 }
 
-TEST(CodecTest, HostileFramesAreRefusedWithAReason)
-{
+TEST(CodecTest, HostileFramesAreRefusedWithAReason) {
     for (const auto& hostile : hostileFrames()) {
         SCOPED_TRACE(hostile.name);
         Decoded decoded = decode(hostile.frame);
@@ -213,12 +215,12 @@ TEST(CodecTest, HostileFramesAreRefusedWithAReason)
     }
 }
 
-TEST(CodecTest, FramesAboveTheLimitAreRefusedBeforeParsing)
-{
+TEST(CodecTest, FramesAboveTheLimitAreRefusedBeforeParsing) {
     std::string frame = R"({"type":"subscribe","id":1,"uri":")" + std::string(2000, 'x') + R"("})";
     Decoded small = decode(frame, 1000);
     ASSERT_FALSE(small);
-    EXPECT_EQ(small.error.reason, "frame of " + std::to_string(frame.size()) + " bytes exceeds the limit of 1000 bytes");
+    EXPECT_EQ(small.error.reason,
+              "frame of " + std::to_string(frame.size()) + " bytes exceeds the limit of 1000 bytes");
     EXPECT_TRUE(decode(frame, frame.size()));
 }
 

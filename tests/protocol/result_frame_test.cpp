@@ -7,23 +7,22 @@
 namespace tethrix::protocol {
 namespace {
 
-Result sampleResult()
-{
+Result sampleResult() {
     Result result;
     result.id = 0x0102030405060708u;
     result.startIndex = std::uint64_t{1} << 40;
-    result.columns = {{"n", ColumnType::integer}, {"x", ColumnType::real}, {"b", ColumnType::boolean},
-                      {"s", ColumnType::text}};
+    result.columns = {
+        {"n", ColumnType::integer}, {"x", ColumnType::real}, {"b", ColumnType::boolean}, {"s", ColumnType::text}};
     result.rows = {
-        {std::int64_t{std::numeric_limits<std::int64_t>::min()}, 0.1, true, std::string("\xC3\xA9t\xC3\xA9 \xF0\x9F\x8E\xB5")},
+        {std::int64_t{std::numeric_limits<std::int64_t>::min()}, 0.1, true,
+         std::string("\xC3\xA9t\xC3\xA9 \xF0\x9F\x8E\xB5")},
         {std::int64_t{std::numeric_limits<std::int64_t>::max()}, -1e300, false, std::string(300, 'a')},
         {std::int64_t{-1}, 3.0, false, std::string()},
     };
     return result;
 }
 
-TEST(ResultFrameTest, ResultsSurviveEncodeAndDecodeAndCanBeReaddressed)
-{
+TEST(ResultFrameTest, ResultsSurviveEncodeAndDecodeAndCanBeReaddressed) {
     Result empty;
     empty.id = 3;
     empty.columns = {{"only", ColumnType::text}};
@@ -40,11 +39,12 @@ TEST(ResultFrameTest, ResultsSurviveEncodeAndDecodeAndCanBeReaddressed)
     EXPECT_EQ(decodeResultFrame(frame, error)->id, 99u);
 }
 
-TEST(ResultFrameTest, TextAndRealsAreWrittenAsTheJsonFormWritesThem)
-{
+TEST(ResultFrameTest, TextAndRealsAreWrittenAsTheJsonFormWritesThem) {
     Result result;
     result.columns = {{"s", ColumnType::text}, {"x", ColumnType::real}};
-    result.rows = {{std::string("a\x80" "b\xED\xA0\x80"), std::numeric_limits<double>::infinity()},
+    result.rows = {{std::string("a\x80"
+                                "b\xED\xA0\x80"),
+                    std::numeric_limits<double>::infinity()},
                    {std::string("ok"), std::numeric_limits<double>::quiet_NaN()}};
     std::string error;
     auto decoded = decodeResultFrame(encodeResultFrame(result), error);
@@ -55,8 +55,7 @@ TEST(ResultFrameTest, TextAndRealsAreWrittenAsTheJsonFormWritesThem)
     EXPECT_EQ(std::get<double>(decoded->rows[1][1]), 0.0);
 }
 
-TEST(ResultFrameTest, DamagedFramesAreRefusedWithAReason)
-{
+TEST(ResultFrameTest, DamagedFramesAreRefusedWithAReason) {
     const std::string good = encodeResultFrame(sampleResult());
     // Every frame cut short is refused, never read past its end.
     for (std::size_t length = 0; length < good.size(); ++length) {

@@ -1,11 +1,11 @@
 // Content queries against real SQLite databases: projections, types, NULLs,
 // limits, errors, and deep blocks that must equal what a plain scan gives.
 #include "content_store.h"
-#include "query_error.h"
-#include "query_worker.h"
 #include <zarvo/testkit/files.h>
 #include <zarvo/testkit/running_service.h>
 #include <zarvo/testkit/thrown.h>
+#include "query_error.h"
+#include "query_worker.h"
 
 #include <gtest/gtest.h>
 
@@ -27,15 +27,13 @@ using protocol::Value;
 const std::string tracksUri = "content://com.tavelorix.content/tracks";
 
 protocol::Query query(const std::string& uri, std::vector<std::string> columns = {}, std::string filter = "",
-                      std::string sort = "", int index = 0, int count = 0)
-{
+                      std::string sort = "", int index = 0, int count = 0) {
     return protocol::Query{1, uri, std::move(columns), std::move(filter), std::move(sort), index, count};
 }
 
 class ContentStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
+    void SetUp() override {
         database = directory.path() / "media.db";
         zarvo::testkit::executeSql(database, zarvo::testkit::tracksScript(3000) + R"(
             INSERT INTO tracks VALUES (3001, NULL, NULL, NULL, NULL, NULL);
@@ -56,15 +54,16 @@ protected:
 
     protocol::Result run(const protocol::Query& q) { return store->execute(q); }
 
-    std::string errorOf(const protocol::Query& q) { return thrownMessage<QueryError>([&] { store->execute(q); }); }
+    std::string errorOf(const protocol::Query& q) {
+        return thrownMessage<QueryError>([&] { store->execute(q); });
+    }
 
     TemporaryDirectory directory;
     std::filesystem::path database;
     std::unique_ptr<ContentStore> store;
 };
 
-TEST_F(ContentStoreTest, ProjectionIsTheQueryColumnsInOrderWithTheirTypesAndNullIsTheZeroValue)
-{
+TEST_F(ContentStoreTest, ProjectionIsTheQueryColumnsInOrderWithTheirTypesAndNullIsTheZeroValue) {
     auto result = run(query(tracksUri, {"favourite", "TITLE", "duration", "id", "title"}, "", "", 2, 1));
     const std::vector<protocol::Column> expected = {{"favourite", ColumnType::boolean},
                                                     {"TITLE", ColumnType::text},  // spelt as asked
@@ -72,22 +71,23 @@ TEST_F(ContentStoreTest, ProjectionIsTheQueryColumnsInOrderWithTheirTypesAndNull
                                                     {"id", ColumnType::integer},
                                                     {"title", ColumnType::text}};
     EXPECT_EQ(result.columns, expected);
-    EXPECT_EQ(result.rows, (std::vector<std::vector<Value>>{{true, std::string("Track 00003"), 4.5, std::int64_t{3},
-                                                             std::string("Track 00003")}}));
+    EXPECT_EQ(result.rows, (std::vector<std::vector<Value>>{
+                               {true, std::string("Track 00003"), 4.5, std::int64_t{3}, std::string("Track 00003")}}));
     // No columns: all of them in table order. A NULL is its type's zero.
     auto all = run(query(tracksUri, {}, "id=3001"));
     std::vector<std::string> names;
-    for (const auto& column : all.columns) names.push_back(column.name);
+    for (const auto& column : all.columns)
+        names.push_back(column.name);
     EXPECT_EQ(names, (std::vector<std::string>{"id", "title", "artist_id", "duration", "favourite", "cover"}));
-    EXPECT_EQ(all.rows, (std::vector<std::vector<Value>>{{std::int64_t{3001}, std::string(), std::int64_t{0}, 0.0,
-                                                          false, std::string()}}));
+    EXPECT_EQ(all.rows, (std::vector<std::vector<Value>>{
+                            {std::int64_t{3001}, std::string(), std::int64_t{0}, 0.0, false, std::string()}}));
 }
 
-TEST_F(ContentStoreTest, IndexAndCountSelectTheBlock)
-{
+TEST_F(ContentStoreTest, IndexAndCountSelectTheBlock) {
     auto block = run(query(tracksUri, {"id"}, "", "", 10, 3));
     EXPECT_EQ(block.startIndex, 10u);
-    EXPECT_EQ(block.rows, (std::vector<std::vector<Value>>{{std::int64_t{11}}, {std::int64_t{12}}, {std::int64_t{13}}}));
+    EXPECT_EQ(block.rows,
+              (std::vector<std::vector<Value>>{{std::int64_t{11}}, {std::int64_t{12}}, {std::int64_t{13}}}));
 
     auto rest = run(query(tracksUri, {"id"}, "", "", 2995, 0));  // count 0: no limit
     EXPECT_EQ(rest.rows.size(), 6u);
@@ -99,8 +99,7 @@ TEST_F(ContentStoreTest, IndexAndCountSelectTheBlock)
     }
 }
 
-TEST_F(ContentStoreTest, UnansweredQueriesSayWhyAndNamesIgnoreCase)
-{
+TEST_F(ContentStoreTest, UnansweredQueriesSayWhyAndNamesIgnoreCase) {
     const std::vector<std::pair<protocol::Query, std::string>> cases = {
         {query("content://other.authority/tracks"), "unknown authority \"other.authority\""},
         {query("content://com.tavelorix.content/nope"), "unknown table \"nope\""},
@@ -112,7 +111,8 @@ TEST_F(ContentStoreTest, UnansweredQueriesSayWhyAndNamesIgnoreCase)
         {query(tracksUri, {}, "", "", -1, 1), "index must not be negative"},
         {query(tracksUri, {}, "", "", 0, -200), "count must not be negative"},
     };
-    for (const auto& [q, reason] : cases) EXPECT_EQ(errorOf(q), reason);
+    for (const auto& [q, reason] : cases)
+        EXPECT_EQ(errorOf(q), reason);
 
     EXPECT_EQ(run(query("content://COM.Tavelorix.content/TRACKS", {"id"}, "", "", 0, 1)).rows.size(), 1u);
     ContentStore other(database.string(), "org.example.media");
@@ -126,27 +126,25 @@ struct Ordering {
     std::string sort;
 };
 
-std::vector<Ordering> orderings()
-{
+std::vector<Ordering> orderings() {
     return {
         {"tracks", "", ""},
         {"tracks", "artist_id=3", ""},
         {"tracks", "", "title DESC"},
         {"tracks", "", "artist_id, duration DESC"},
-        {"tracks", "", "cover"},                          // NULLs first, then text
+        {"tracks", "", "cover"},                                      // NULLs first, then text
         {"tracks", "favourite=true OR cover IS NULL", "cover DESC"},  // NULLs last
         {"tracks", "", "favourite DESC, artist_id DESC"},
-        {"scores", "", "grp, value DESC"},                // many duplicates and NULLs
+        {"scores", "", "grp, value DESC"},  // many duplicates and NULLs
         {"scores", "", "value"},
-        {"scores", "", "value DESC"},                     // only 13 values: the tie-breaker decides
+        {"scores", "", "value DESC"},  // only 13 values: the tie-breaker decides
         {"scores", "name LIKE 'n1%'", "grp DESC, name"},
-        {"tags", "", "weight DESC"},                      // WITHOUT ROWID: the key breaks ties
-        {"odd", "", "v"},                                 // no rowid to break ties with
+        {"tags", "", "weight DESC"},  // WITHOUT ROWID: the key breaks ties
+        {"odd", "", "v"},             // no rowid to break ties with
     };
 }
 
-TEST_F(ContentStoreTest, DeepBlocksEqualThePlainScanInAnyOrderOfAccess)
-{
+TEST_F(ContentStoreTest, DeepBlocksEqualThePlainScanInAnyOrderOfAccess) {
     std::mt19937 random(7);
     for (const auto& ordering : orderings()) {
         SCOPED_TRACE(ordering.table + " / " + ordering.filter + " / " + ordering.sort);
@@ -158,7 +156,8 @@ TEST_F(ContentStoreTest, DeepBlocksEqualThePlainScanInAnyOrderOfAccess)
         const int blockSize = 50;
         int blocks = static_cast<int>((all.size() + blockSize - 1) / blockSize) + 1;
         std::vector<int> order(static_cast<std::size_t>(blocks));
-        for (int i = 0; i < blocks; ++i) order[static_cast<std::size_t>(i)] = i;
+        for (int i = 0; i < blocks; ++i)
+            order[static_cast<std::size_t>(i)] = i;
         std::shuffle(order.begin(), order.end(), random);
         for (int block : order) {
             int index = block * blockSize;
@@ -178,8 +177,7 @@ TEST_F(ContentStoreTest, DeepBlocksEqualThePlainScanInAnyOrderOfAccess)
     }
 }
 
-TEST_F(ContentStoreTest, PagingOnInFramesEqualsThePlainScanAndFollowsChanges)
-{
+TEST_F(ContentStoreTest, PagingOnInFramesEqualsThePlainScanAndFollowsChanges) {
     // Each block after a full one starts from the key of its last row.
     auto page = [this](const std::string& uri, const Ordering& ordering, int blockSize) {
         std::vector<std::vector<Value>> rows;
@@ -188,7 +186,8 @@ TEST_F(ContentStoreTest, PagingOnInFramesEqualsThePlainScanAndFollowsChanges)
             std::string error;
             auto result = protocol::decodeResultFrame(frame.bytes, error);
             EXPECT_TRUE(result) << error;
-            if (!result || result->rows.empty()) return rows;
+            if (!result || result->rows.empty())
+                return rows;
             EXPECT_EQ(result->rows.size(), frame.rows);
             rows.insert(rows.end(), result->rows.begin(), result->rows.end());
         }
@@ -211,8 +210,7 @@ class WorkerClient {
 public:
     WorkerClient(QueryWorker& worker, const void* self) : worker(worker), self(self) {}
 
-    QueryAnswer ask(protocol::Query q)
-    {
+    QueryAnswer ask(protocol::Query q) {
         std::promise<QueryAnswer> answer;
         worker.submit(self, std::move(q), true, std::make_shared<std::atomic<bool>>(false),
                       [&answer](QueryAnswer a) { answer.set_value(std::move(a)); });
@@ -224,8 +222,7 @@ private:
     const void* self;
 };
 
-TEST_F(ContentStoreTest, BlocksReadAheadAreSentOnlyWhileTheDataAreUnchanged)
-{
+TEST_F(ContentStoreTest, BlocksReadAheadAreSentOnlyWhileTheDataAreUnchanged) {
     std::vector<std::unique_ptr<ContentStore>> stores;
     stores.push_back(std::make_unique<ContentStore>(database.string(), defaultAuthority));
     QueryWorker::ReadAhead readAhead;
@@ -259,14 +256,15 @@ TEST_F(ContentStoreTest, BlocksReadAheadAreSentOnlyWhileTheDataAreUnchanged)
     EXPECT_EQ(firstId(client.ask(q)), std::make_pair(RequestId(99), Value(std::int64_t{311})));
 }
 
-TEST(QueryAnswerTest, AResultTooLargeForAFrameIsRefusedWithItsReason)
-{
+TEST(QueryAnswerTest, AResultTooLargeForAFrameIsRefusedWithItsReason) {
     TemporaryDirectory directory;
     const std::string database = directory.file("big.db");
     // A control character takes six bytes in a frame: 12 MB of them pass
     // the store's estimate of the size, but not the frame's limit.
-    executeSql(database, "CREATE TABLE big(t TEXT);"
-                         "INSERT INTO big SELECT replace(hex(zeroblob(3000000)), '0', char(1)) FROM (SELECT 1 UNION ALL SELECT 2);");
+    executeSql(
+        database,
+        "CREATE TABLE big(t TEXT);"
+        "INSERT INTO big SELECT replace(hex(zeroblob(3000000)), '0', char(1)) FROM (SELECT 1 UNION ALL SELECT 2);");
     ContentStore store(database, defaultAuthority);
     const QueryAnswer answer = answerQuery(store, query("content://com.tavelorix.content/big", {"t"}));
     EXPECT_EQ(answer.rows, 0u);

@@ -8,8 +8,7 @@
 namespace tethrix::service {
 namespace {
 
-TEST(OptionsTest, ReadsEveryOptionAndDefaultsServeTheLocalHostOnAFreePort)
-{
+TEST(OptionsTest, ReadsEveryOptionAndDefaultsServeTheLocalHostOnAFreePort) {
     zarvo::testkit::TemporaryDirectory directory;
     auto line = parseCommandLine({"--db", "media.db", "--port=8080", "--bind", "0.0.0.0", "--files",
                                   directory.path().string(), "--authority=org.example", "--log-queries"});
@@ -29,8 +28,7 @@ TEST(OptionsTest, ReadsEveryOptionAndDefaultsServeTheLocalHostOnAFreePort)
     EXPECT_TRUE(parseCommandLine({"--help"}).help);
 }
 
-TEST(OptionsTest, BadCommandLinesSayWhatIsWrong)
-{
+TEST(OptionsTest, BadCommandLinesSayWhatIsWrong) {
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{}, "--db FILE is required"},
         {{"--db"}, "--db needs a value"},

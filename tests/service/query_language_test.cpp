@@ -1,19 +1,17 @@
 // The filter and sort languages: what compiles to which SQL, and which
 // errors name which position.
+#include <zarvo/testkit/thrown.h>
 #include "filter_compiler.h"
 #include "query_error.h"
 #include "sort_compiler.h"
 #include "table_schema.h"
-#include <zarvo/testkit/thrown.h>
 
 #include <gtest/gtest.h>
-
 
 namespace tethrix::service {
 namespace {
 
-TableSchema sampleTable()
-{
+TableSchema sampleTable() {
     TableSchema table;
     table.name = "tracks";
     auto add = [&](const char* name, const char* declared) {
@@ -40,8 +38,7 @@ struct ValidFilter {
     std::vector<SqlValue> parameters;
 };
 
-TEST(FilterCompilerTest, CompilesToParameterizedSql)
-{
+TEST(FilterCompilerTest, CompilesToParameterizedSql) {
     using I = std::int64_t;
     using S = std::string;
     const std::vector<ValidFilter> cases = {
@@ -90,16 +87,14 @@ struct BadText {
 };
 
 template <typename Compile>
-void expectRefused(Compile compile, const BadText& bad)
-{
+void expectRefused(Compile compile, const BadText& bad) {
     const auto error = zarvo::testkit::thrown<QueryError>(compile);
     ASSERT_TRUE(error) << "compiled";
     EXPECT_NE(std::string(error->what()).find(bad.reasonPart), std::string::npos) << error->what();
     EXPECT_EQ(error->getPosition(), std::optional<std::size_t>(bad.position));
 }
 
-TEST(FilterCompilerTest, ErrorsNameWhatAndWhere)
-{
+TEST(FilterCompilerTest, ErrorsNameWhatAndWhere) {
     const std::vector<BadText> cases = {
         {"nme=1", "filter: unknown column \"nme\" in table \"tracks\"", 0},
         {"id=1 AND nme=1", "unknown column \"nme\"", 9},
@@ -126,17 +121,18 @@ TEST(FilterCompilerTest, ErrorsNameWhatAndWhere)
     }
 }
 
-TEST(FilterCompilerTest, HostileSizesAreRefusedNotRecursedInto)
-{
+TEST(FilterCompilerTest, HostileSizesAreRefusedNotRecursedInto) {
     TableSchema table = sampleTable();
     std::string deep = std::string(maxFilterNesting + 1, '(') + "id=1" + std::string(maxFilterNesting + 1, ')');
     expectRefused([&] { compileFilter(deep, table); }, {deep, "filter: nested too deeply", maxFilterNesting});
     std::string manyNots;
-    for (int i = 0; i < 100000; ++i) manyNots += "NOT ";
+    for (int i = 0; i < 100000; ++i)
+        manyNots += "NOT ";
     EXPECT_THROW(compileFilter(manyNots + "id=1", table), QueryError);
 
     std::string wide = "id=0";
-    for (std::size_t i = 1; i < maxFilterConditions; ++i) wide += " OR id=" + std::to_string(i);
+    for (std::size_t i = 1; i < maxFilterConditions; ++i)
+        wide += " OR id=" + std::to_string(i);
     EXPECT_EQ(compileFilter(wide, table).parameters.size(), maxFilterConditions);
     EXPECT_THROW(compileFilter(wide + " OR id=1", table), QueryError);
 }
@@ -146,8 +142,7 @@ struct ValidSort {
     std::vector<std::pair<std::string, bool>> keys;  ///< column, descending
 };
 
-TEST(SortCompilerTest, ReadsColumnsAndDirections)
-{
+TEST(SortCompilerTest, ReadsColumnsAndDirections) {
     const std::vector<ValidSort> cases = {
         {"", {}},
         {"name", {{"name", false}}},
@@ -166,8 +161,7 @@ TEST(SortCompilerTest, ReadsColumnsAndDirections)
     }
 }
 
-TEST(SortCompilerTest, ErrorsNameWhatAndWhere)
-{
+TEST(SortCompilerTest, ErrorsNameWhatAndWhere) {
     const std::vector<BadText> cases = {
         {"titel", "sort: unknown column \"titel\" in table \"tracks\"", 0},
         {"name, titel DESC", "unknown column \"titel\"", 6},
@@ -182,17 +176,17 @@ TEST(SortCompilerTest, ErrorsNameWhatAndWhere)
         expectRefused([&] { compileSort(c.text, table); }, c);
     }
     std::string keys = "id";
-    for (std::size_t i = 1; i < maxSortKeys; ++i) keys += ",id";
+    for (std::size_t i = 1; i < maxSortKeys; ++i)
+        keys += ",id";
     EXPECT_EQ(compileSort(keys, table).size(), maxSortKeys);
     expectRefused([&] { compileSort(keys + ",id", table); }, {keys, "sort: too many keys", keys.size() + 1});
 }
 
-TEST(ColumnTypesTest, DeclaredTypesMapToClientTypes)
-{
+TEST(ColumnTypesTest, DeclaredTypesMapToClientTypes) {
     using T = protocol::ColumnType;
     const std::vector<std::pair<const char*, T>> cases = {
-        {"INTEGER", T::integer}, {"bigint", T::integer},  {"REAL", T::real},       {"DOUBLE PRECISION", T::real},
-        {"float", T::real},      {"BOOL", T::boolean},    {"Boolean", T::boolean}, {"TEXT", T::text},
+        {"INTEGER", T::integer},  {"bigint", T::integer}, {"REAL", T::real},       {"DOUBLE PRECISION", T::real},
+        {"float", T::real},       {"BOOL", T::boolean},   {"Boolean", T::boolean}, {"TEXT", T::text},
         {"VARCHAR(20)", T::text}, {"", T::text},          {"BLOB", T::text},       {"NUMERIC", T::text},
         {"DATETIME", T::text},
     };

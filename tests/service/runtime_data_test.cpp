@@ -2,10 +2,10 @@
 // subscriber gets, updates passed on to every subscriber, and updates that
 // are refused whole; and the simulated player, whose every update fits the
 // tree of examples/player.xml.
+#include <zarvo/testkit/thrown.h>
 #include "player_simulator.h"
 #include "runtime_data_hub.h"
 #include "runtime_file.h"
-#include <zarvo/testkit/thrown.h>
 
 #include <tethrix/protocol/runtime_state.h>
 #include <tethrix/protocol/runtime_update.h>
@@ -38,22 +38,19 @@ const char* const playerXml = R"(<sources service="player">
   <tracks uri="content://com.tavelorix.content/tracks"><field name="title" type="string"/></tracks>
 </sources>)";
 
-std::vector<NamedRuntimeTree> readTrees(const std::string& xml)
-{
+std::vector<NamedRuntimeTree> readTrees(const std::string& xml) {
     tinyxml2::XMLDocument document;
     EXPECT_EQ(document.Parse(xml.c_str()), tinyxml2::XML_SUCCESS) << xml;
     return readRuntimeTrees(document, "test.xml");
 }
 
-RuntimeNode::Ptr readTree(const std::string& xml)
-{
+RuntimeNode::Ptr readTree(const std::string& xml) {
     auto trees = readTrees(xml);
     EXPECT_EQ(trees.size(), 1u);
     return trees.empty() ? nullptr : trees.front().root;
 }
 
-std::string stateOf(const RuntimeNode& root)
-{
+std::string stateOf(const RuntimeNode& root) {
     return protocol::writeRuntimeState<RuntimeTreeModel>(root);
 }
 
@@ -61,16 +58,14 @@ using Delivery = std::pair<protocol::RequestId, std::string>;
 
 class RecordingSubscriber : public RuntimeDataSubscriber {
 public:
-    void deliverUpdate(protocol::RequestId id, const std::string& address, const std::string& data) override
-    {
+    void deliverUpdate(protocol::RequestId id, const std::string& address, const std::string& data) override {
         EXPECT_EQ(address, "");
         deliveries.push_back({id, data});
     }
     std::vector<Delivery> deliveries;
 };
 
-TEST(RuntimeFileTest, TreesAreDeclaredAsInAConfiguration)
-{
+TEST(RuntimeFileTest, TreesAreDeclaredAsInAConfiguration) {
     auto trees = readTrees(R"(<sources service="player">
         <integer name="volume"/>
         <radio uri="servicedata://radio"><string name="station" value="FM 4"/></radio>
@@ -83,8 +78,7 @@ TEST(RuntimeFileTest, TreesAreDeclaredAsInAConfiguration)
     EXPECT_EQ(stateOf(*trees[1].root), R"({"values":{"station":"FM 4"}})");
 }
 
-TEST(RuntimeFileTest, FaultsNameTheFileTheTreeAndThePlace)
-{
+TEST(RuntimeFileTest, FaultsNameTheFileTheTreeAndThePlace) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"<sources><tracks uri='content://x/tracks'/></sources>",
          "test.xml: no runtime data: give the root a service attribute or a source a uri servicedata://<name>"},
@@ -102,8 +96,7 @@ TEST(RuntimeFileTest, FaultsNameTheFileTheTreeAndThePlace)
                 HasSubstr("/nonexistent/player.xml: "));
 }
 
-TEST(RuntimeStateTest, AStateAppliedToAFreshTreeMakesItEqual)
-{
+TEST(RuntimeStateTest, AStateAppliedToAFreshTreeMakesItEqual) {
     // Reals without fraction, NaN and infinities, nested lists and rows
     // without a template must all come back as they were.
     const std::string xml = R"(<r service="t">
@@ -125,8 +118,8 @@ TEST(RuntimeStateTest, AStateAppliedToAFreshTreeMakesItEqual)
     EXPECT_THAT(state, HasSubstr(R"("whole":187.0,"nan":"nan","inf":"-inf")"));
     EXPECT_EQ(protocol::applyRuntimeUpdate<RuntimeTreeModel>(state, *copy), std::nullopt);
     EXPECT_EQ(stateOf(*copy), state);
-    EXPECT_TRUE(protocol::runtime_update::sameTree<RuntimeTreeModel>(*copy->findChild("loose"),
-                                                                     *original->findChild("loose")));
+    EXPECT_TRUE(
+        protocol::runtime_update::sameTree<RuntimeTreeModel>(*copy->findChild("loose"), *original->findChild("loose")));
 }
 
 class RuntimeDataHubTest : public ::testing::Test {
@@ -140,8 +133,7 @@ protected:
     RecordingSubscriber second;
 };
 
-TEST_F(RuntimeDataHubTest, ASubscriberGetsTheWholeStateAtOnceAndThenEveryUpdateUntilItUnsubscribes)
-{
+TEST_F(RuntimeDataHubTest, ASubscriberGetsTheWholeStateAtOnceAndThenEveryUpdateUntilItUnsubscribes) {
     EXPECT_EQ(hub.subscribe(first, 1, "servicedata://player"), std::nullopt);
     EXPECT_THAT(first.deliveries,
                 ElementsAre(Delivery{1, R"({"values":{"volume":3,"gain":-1.5,"muted":false,)"
@@ -169,8 +161,7 @@ TEST_F(RuntimeDataHubTest, ASubscriberGetsTheWholeStateAtOnceAndThenEveryUpdateU
     EXPECT_EQ(hub.publish("player", "{}").message, "published to servicedata://player (1 subscriber)");
 }
 
-TEST_F(RuntimeDataHubTest, ARefusedUpdateChangesNothingAndReachesNobody)
-{
+TEST_F(RuntimeDataHubTest, ARefusedUpdateChangesNothingAndReachesNobody) {
     hub.subscribe(first, 1, "servicedata://player");
     first.deliveries.clear();
     const std::string before = state();
@@ -189,40 +180,35 @@ TEST_F(RuntimeDataHubTest, ARefusedUpdateChangesNothingAndReachesNobody)
     EXPECT_TRUE(first.deliveries.empty());
 }
 
-TEST_F(RuntimeDataHubTest, UnknownTreesAreNamedWithThoseThereAre)
-{
+TEST_F(RuntimeDataHubTest, UnknownTreesAreNamedWithThoseThereAre) {
     hub.add("radio", readTree("<r service='radio'><string name='station'/></r>"));
-    EXPECT_EQ(hub.subscribe(first, 1, "servicedata://tv"),
-              std::optional<std::string>(
-                  "no runtime data \"servicedata://tv\"; this service has \"player\", \"radio\""));
+    EXPECT_EQ(
+        hub.subscribe(first, 1, "servicedata://tv"),
+        std::optional<std::string>("no runtime data \"servicedata://tv\"; this service has \"player\", \"radio\""));
     EXPECT_EQ(hub.subscribe(first, 1, "content://com.tavelorix.content/tracks"),
               std::optional<std::string>(
                   "\"content://com.tavelorix.content/tracks\" is not a runtime data URI (servicedata://<name>)"));
     EXPECT_EQ(hub.publish("tv", "{}").status, PublishOutcome::Status::unknownName);
     EXPECT_EQ(hub.state("tv"), std::nullopt);
     EXPECT_TRUE(first.deliveries.empty());
-    EXPECT_THROW(hub.add("radio", readTree("<r service='radio'><string name='station'/></r>")),
-                 std::invalid_argument);
+    EXPECT_THROW(hub.add("radio", readTree("<r service='radio'><string name='station'/></r>")), std::invalid_argument);
 }
 
-
-
-const RuntimeNode& at(const RuntimeNode& root, const std::string& name)
-{
+const RuntimeNode& at(const RuntimeNode& root, const std::string& name) {
     auto child = root.findChild(name);
-    if (!child) throw std::runtime_error("no node " + name);
+    if (!child)
+        throw std::runtime_error("no node " + name);
     return *child;
 }
 
-std::vector<SimulatedTrack> library()
-{
+std::vector<SimulatedTrack> library() {
     std::vector<SimulatedTrack> tracks;
-    for (int i = 1; i <= 12; ++i) tracks.push_back({i, "T" + std::to_string(i), "A", 100 + i % 3, 30.0 + i});
+    for (int i = 1; i <= 12; ++i)
+        tracks.push_back({i, "T" + std::to_string(i), "A", 100 + i % 3, 30.0 + i});
     return tracks;
 }
 
-TEST(PlayerSimulatorTest, PlaysThroughTheQueueWithUpdatesThatFitTheExampleTree)
-{
+TEST(PlayerSimulatorTest, PlaysThroughTheQueueWithUpdatesThatFitTheExampleTree) {
     const char* source = std::getenv("ZARVO_SOURCE_DIR");
     ASSERT_NE(source, nullptr);
     auto trees = loadRuntimeFile(std::string(source) + "/examples/player.xml");
@@ -260,8 +246,7 @@ TEST(PlayerSimulatorTest, PlaysThroughTheQueueWithUpdatesThatFitTheExampleTree)
     EXPECT_EQ(states, (std::set<std::string>{"paused", "playing"}));
 }
 
-TEST(PlayerSimulatorTest, AfterAResyncTheNextTickIsTheFullState)
-{
+TEST(PlayerSimulatorTest, AfterAResyncTheNextTickIsTheFullState) {
     PlayerSimulator player(library());
     player.tick();
     player.resync();

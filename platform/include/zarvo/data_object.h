@@ -63,7 +63,9 @@ template <typename T, DataObject::Type type>
 class DataObjectTyped : public DataObject {
 public:
     DataObjectTyped(Domain* domain, string_view name) : DataObject(domain, name), value() {}
-    DataObjectTyped(Domain* domain, string_view name, T initial) : DataObject(domain, name), value(std::move(initial)) {}
+    DataObjectTyped(Domain* domain, string_view name, T initial)
+        : DataObject(domain, name),
+          value(std::move(initial)) {}
 
     Type getType() const override { return type; }
     const T& getValue() const { return value; }

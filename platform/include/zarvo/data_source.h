@@ -19,8 +19,7 @@ public:
     /// root's always means the root itself. Null while there is no data.
     std::shared_ptr<DataObject> lookupDataContext(string_view path) override;
     /// The second way of reading a resource; the base marks it loaded.
-    virtual void loadFromZVB(Domain* domain, ZvbFile& file, ReadOnlyMemoryFile& memoryFile,
-                             ZvbMemoryParser& parser);
+    virtual void loadFromZVB(Domain* domain, ZvbFile& file, ReadOnlyMemoryFile& memoryFile, ZvbMemoryParser& parser);
 
     static MetaclassEditorInfo makeEditorInfo();
     static const Metaclass* getStaticMetaclass();

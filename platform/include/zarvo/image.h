@@ -18,7 +18,9 @@ class ZvcMemoryManager {};
 /// caller keeps alive until zvcInputStreamDelete.
 class ZvcInputStream {
 public:
-    ZvcInputStream(const void* data, std::uint32_t length) : data(static_cast<const std::uint8_t*>(data)), length(length) {}
+    ZvcInputStream(const void* data, std::uint32_t length)
+        : data(static_cast<const std::uint8_t*>(data)),
+          length(length) {}
     const std::uint8_t* data;
     std::uint32_t length;
     std::uint32_t position = 0;

@@ -30,16 +30,16 @@ const char* logLevelName(LogLevel level);
 class Logger {
 public:
     virtual ~Logger();
-    virtual void writeOverride(LogLevel level, string_view levelName, string_view category,
-                               string_view file, unsigned int line, string_view message) = 0;
+    virtual void writeOverride(LogLevel level, string_view levelName, string_view category, string_view file,
+                               unsigned int line, string_view message) = 0;
 };
 
 /// Writes one line per record to standard error:
 ///     <level name> <category> <file>:<line>: <message>
 class DefaultLogger : public Logger {
 public:
-    void writeOverride(LogLevel level, string_view levelName, string_view category,
-                       string_view file, unsigned int line, string_view message) override;
+    void writeOverride(LogLevel level, string_view levelName, string_view category, string_view file, unsigned int line,
+                       string_view message) override;
 
     /// The logger every record goes to. Null means the process-wide
     /// DefaultLogger. Swap it only while no other thread logs.
@@ -59,8 +59,8 @@ namespace detail {
 class LogArgumentTypeEraser {
 public:
     template <typename T>
-    explicit LogArgumentTypeEraser(const T& value)
-        : value(&value), render(&renderValue<T>) {}
+    explicit LogArgumentTypeEraser(const T& value) : value(&value),
+                                                     render(&renderValue<T>) {}
 
     void appendTo(std::string& out) const { render(out, value); }
 
@@ -104,8 +104,7 @@ public:
     LogRecord(LogLevel level, const char* category, const char* file, unsigned int line);
 
     /// Appends `format` with its placeholders filled from `arguments`.
-    void appendFormattedMessage(string_view format, const LogArgumentTypeEraser* arguments,
-                                std::size_t count);
+    void appendFormattedMessage(string_view format, const LogArgumentTypeEraser* arguments, std::size_t count);
 
     /// Hands the record to DefaultLogger::current().
     void write() const;
@@ -121,19 +120,18 @@ public:
 
 /// Formats and writes one record.
 template <typename... Args>
-void logMessage(LogLevel level, const char* category, const char* file, unsigned int line,
-                string_view format, const Args&... args) {
+void logMessage(LogLevel level, const char* category, const char* file, unsigned int line, string_view format,
+                const Args&... args) {
     detail::LogRecord record(level, category, file, line);
-    const detail::LogArgumentTypeEraser erased[sizeof...(Args) + 1] = {
-        detail::LogArgumentTypeEraser(args)..., detail::LogArgumentTypeEraser(0)};
+    const detail::LogArgumentTypeEraser erased[sizeof...(Args) + 1] = {detail::LogArgumentTypeEraser(args)...,
+                                                                       detail::LogArgumentTypeEraser(0)};
     record.appendFormattedMessage(format, erased, sizeof...(Args));
     record.write();
 }
 
 }  // namespace zarvo
 
-#define ZARVO_LOG(level, category, ...) \
-    ::zarvo::logMessage((level), (category), __FILE__, __LINE__, __VA_ARGS__)
+#define ZARVO_LOG(level, category, ...) ::zarvo::logMessage((level), (category), __FILE__, __LINE__, __VA_ARGS__)
 #define ZARVO_LOG_ERROR(category, ...) ZARVO_LOG(::zarvo::LogLevel::Error, category, __VA_ARGS__)
 #define ZARVO_LOG_WARNING(category, ...) ZARVO_LOG(::zarvo::LogLevel::Warning, category, __VA_ARGS__)
 #define ZARVO_LOG_INFO(category, ...) ZARVO_LOG(::zarvo::LogLevel::Info, category, __VA_ARGS__)

@@ -90,8 +90,7 @@ protected:
     /// sealed already) each own property type in order, the editor
     /// information, and the seal. `makeEditorInfo` may be null.
     void define(FixedString className, const Metaclass* baseClass, bool isAbstractClass,
-                std::initializer_list<const AbstractPropertyType*> ownPropertyTypes,
-                EditorInfoFunction makeEditorInfo);
+                std::initializer_list<const AbstractPropertyType*> ownPropertyTypes, EditorInfoFunction makeEditorInfo);
 
     FixedString name = "";
     const Metaclass* base = nullptr;
@@ -129,9 +128,7 @@ public:
     }
 
     using Metaclass::isMetaclassOf;
-    bool isMetaclassOf(const MetaObject& object) const override {
-        return dynamic_cast<const T*>(&object) != nullptr;
-    }
+    bool isMetaclassOf(const MetaObject& object) const override { return dynamic_cast<const T*>(&object) != nullptr; }
     std::shared_ptr<Object> create(Domain* domain, string_view objectName) const override {
         return T::create(domain, objectName);
     }
@@ -148,9 +145,7 @@ public:
     }
 
     using Metaclass::isMetaclassOf;
-    bool isMetaclassOf(const MetaObject& object) const override {
-        return dynamic_cast<const T*>(&object) != nullptr;
-    }
+    bool isMetaclassOf(const MetaObject& object) const override { return dynamic_cast<const T*>(&object) != nullptr; }
 };
 
 /// The metaclass of a class T known by its properties only.

@@ -65,7 +65,8 @@ public:
     };
 
     PropertyTypeDescriptor(FixedString name, T defaultValue)
-        : AbstractPropertyTypeDescriptor(name), defaultValue(std::move(defaultValue)) {}
+        : AbstractPropertyTypeDescriptor(name),
+          defaultValue(std::move(defaultValue)) {}
 
     const T& getDefaultValue() const { return defaultValue; }
     const void* getDefaultValueSource() const override { return &defaultValue; }
@@ -77,7 +78,9 @@ private:
 class AbstractPropertyType {
 public:
     AbstractPropertyType(unsigned int changeFlags, bool inherited, PropertyTypeEditorInfo* editorInfo)
-        : changeFlags(changeFlags), inherited(inherited), editorInfo(editorInfo) {}
+        : changeFlags(changeFlags),
+          inherited(inherited),
+          editorInfo(editorInfo) {}
     virtual ~AbstractPropertyType();
     AbstractPropertyType(const AbstractPropertyType&) = delete;
     AbstractPropertyType& operator=(const AbstractPropertyType&) = delete;
@@ -99,7 +102,8 @@ class PropertyType : public AbstractPropertyType {
 public:
     PropertyType(FixedString name, T defaultValue, unsigned int changeFlags, bool inherited,
                  PropertyTypeEditorInfo* editorInfo)
-        : AbstractPropertyType(changeFlags, inherited, editorInfo), descriptor(name, std::move(defaultValue)) {}
+        : AbstractPropertyType(changeFlags, inherited, editorInfo),
+          descriptor(name, std::move(defaultValue)) {}
 
     PropertyTypeDescriptor<T>& getDescriptor() const override { return descriptor; }
     const T& getDefaultValue() const { return descriptor.getDefaultValue(); }

@@ -60,9 +60,8 @@ public:
                                              void* userData, std::shared_ptr<Resource>& resource,
                                              std::shared_ptr<LoadTask>& task);
     /// Optional follow-up of a handler, given the task it made.
-    using ProtocolHandlerFunction =
-        std::function<std::int32_t(ResourceManager*, string_view, string_view, string_view, std::uint32_t,
-                                   string_view, void*, LoadTask*)>;
+    using ProtocolHandlerFunction = std::function<std::int32_t(ResourceManager*, string_view, string_view, string_view,
+                                                               std::uint32_t, string_view, void*, LoadTask*)>;
 
     /// Host side: the bounds of loading and of the cache.
     struct Limits {

@@ -91,7 +91,8 @@ template <typename T, RuntimeDataObject::Type type>
 class RuntimeDataObjectTyped : public RuntimeDataObject {
 public:
     RuntimeDataObjectTyped(TethrixDomain* domain, const std::string& name, T initial = T())
-        : RuntimeDataObject(domain, name, std::string()), value(std::move(initial)) {}
+        : RuntimeDataObject(domain, name, std::string()),
+          value(std::move(initial)) {}
 
     Type getType() const override { return type; }
     std::string getValueAsString() const override;

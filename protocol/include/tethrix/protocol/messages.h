@@ -126,8 +126,7 @@ bool operator==(const Ping& a, const Ping& b);
 bool operator==(const Pong& a, const Pong& b);
 
 template <typename T>
-bool operator!=(const T& a, const T& b)
-{
+bool operator!=(const T& a, const T& b) {
     return !(a == b);
 }
 

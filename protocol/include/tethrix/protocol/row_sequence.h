@@ -21,15 +21,14 @@ namespace tethrix::protocol {
 template <typename List, typename RowPtr>
 class RowSequence {
 public:
-    explicit RowSequence(const List& list) : list(list)
-    {
-        if (list.itemCount() != 0) root = makePiece(0, list.itemCount(), RowPtr());
+    explicit RowSequence(const List& list) : list(list) {
+        if (list.itemCount() != 0)
+            root = makePiece(0, list.itemCount(), RowPtr());
     }
 
     std::size_t size() const { return totalOf(root); }
 
-    RowPtr at(std::size_t index) const
-    {
+    RowPtr at(std::size_t index) const {
         int node = root;
         for (;;) {
             const Piece& piece = pieces[static_cast<std::size_t>(node)];
@@ -46,15 +45,13 @@ public:
     }
 
     /// `index` at most size().
-    void insert(std::size_t index, RowPtr row)
-    {
+    void insert(std::size_t index, RowPtr row) {
         auto [left, right] = split(root, index);
         root = merge(merge(left, makePiece(0, 1, std::move(row))), right);
     }
 
     /// Removes the row at `index`, below size(), and gives it.
-    RowPtr remove(std::size_t index)
-    {
+    RowPtr remove(std::size_t index) {
         auto [left, rest] = split(root, index);
         auto [middle, right] = split(rest, 1);
         RowPtr row = rowOf(pieces[static_cast<std::size_t>(middle)], 0);
@@ -63,8 +60,7 @@ public:
     }
 
     /// Replaces the row at `index`, below size().
-    void replace(std::size_t index, RowPtr row)
-    {
+    void replace(std::size_t index, RowPtr row) {
         auto [left, rest] = split(root, index);
         auto [middle, right] = split(rest, 1);
         (void)middle;
@@ -72,15 +68,14 @@ public:
     }
 
     /// Sets every row at once.
-    void assign(std::vector<RowPtr> rows)
-    {
+    void assign(std::vector<RowPtr> rows) {
         pieces.clear();
         root = none;
-        for (RowPtr& row : rows) root = merge(root, makePiece(0, 1, std::move(row)));
+        for (RowPtr& row : rows)
+            root = merge(root, makePiece(0, 1, std::move(row)));
     }
 
-    std::vector<RowPtr> rows() const
-    {
+    std::vector<RowPtr> rows() const {
         std::vector<RowPtr> result;
         result.reserve(size());
         appendRows(root, result);
@@ -103,13 +98,11 @@ private:
 
     std::size_t totalOf(int node) const { return node == none ? 0 : pieces[static_cast<std::size_t>(node)].total; }
 
-    RowPtr rowOf(const Piece& piece, std::size_t offset) const
-    {
+    RowPtr rowOf(const Piece& piece, std::size_t offset) const {
         return piece.row ? piece.row : list.getItem(piece.first + offset);
     }
 
-    int makePiece(std::size_t first, std::size_t count, RowPtr row)
-    {
+    int makePiece(std::size_t first, std::size_t count, RowPtr row) {
         // xorshift: balance needs random-looking priorities, not good ones.
         seed ^= seed << 13;
         seed ^= seed >> 17;
@@ -118,17 +111,16 @@ private:
         return static_cast<int>(pieces.size() - 1);
     }
 
-    void update(int node)
-    {
+    void update(int node) {
         Piece& piece = pieces[static_cast<std::size_t>(node)];
         piece.total = totalOf(piece.left) + piece.count + totalOf(piece.right);
     }
 
     /// The first `count` rows and the rest. A run that straddles the cut
     /// becomes two pieces.
-    std::pair<int, int> split(int node, std::size_t count)
-    {
-        if (node == none) return {none, none};
+    std::pair<int, int> split(int node, std::size_t count) {
+        if (node == none)
+            return {none, none};
         const std::size_t index = static_cast<std::size_t>(node);
         const std::size_t before = totalOf(pieces[index].left);
         if (count <= before) {
@@ -154,10 +146,11 @@ private:
         return {node, right};
     }
 
-    int merge(int left, int right)
-    {
-        if (left == none) return right;
-        if (right == none) return left;
+    int merge(int left, int right) {
+        if (left == none)
+            return right;
+        if (right == none)
+            return left;
         if (pieces[static_cast<std::size_t>(left)].priority > pieces[static_cast<std::size_t>(right)].priority) {
             const int merged = merge(pieces[static_cast<std::size_t>(left)].right, right);
             pieces[static_cast<std::size_t>(left)].right = merged;
@@ -170,8 +163,7 @@ private:
         return right;
     }
 
-    void appendRows(int node, std::vector<RowPtr>& result) const
-    {
+    void appendRows(int node, std::vector<RowPtr>& result) const {
         // Iterative in-order walk: a treap is shallow on average, but a
         // walk need not count on it.
         std::vector<int> stack;
@@ -183,7 +175,8 @@ private:
             node = stack.back();
             stack.pop_back();
             const Piece& piece = pieces[static_cast<std::size_t>(node)];
-            for (std::size_t i = 0; i < piece.count; ++i) result.push_back(rowOf(piece, i));
+            for (std::size_t i = 0; i < piece.count; ++i)
+                result.push_back(rowOf(piece, i));
             node = piece.right;
         }
     }

@@ -27,21 +27,22 @@ template <typename Model>
 void writeObject(JsonWriter& writer, const typename Model::Node& node);
 
 template <typename Model>
-void writeNode(JsonWriter& writer, const typename Model::Node& node)
-{
-    if (typeOf(node) == runtimeObject) return writeObject<Model>(writer, node);
+void writeNode(JsonWriter& writer, const typename Model::Node& node) {
+    if (typeOf(node) == runtimeObject)
+        return writeObject<Model>(writer, node);
     const auto* list = typeOf(node) == runtimeList ? Model::asList(node) : nullptr;
-    if (!list) return writeValue(writer, typeOf(node), node.getValueAsString());
+    if (!list)
+        return writeValue(writer, typeOf(node), node.getValueAsString());
     writer.beginArray();
     for (std::size_t i = 0; i < list->itemCount(); ++i) {
-        if (const auto row = list->getItem(i)) writeObject<Model>(writer, *row);
+        if (const auto row = list->getItem(i))
+            writeObject<Model>(writer, *row);
     }
     writer.endArray();
 }
 
 template <typename Model>
-void writeObject(JsonWriter& writer, const typename Model::Node& node)
-{
+void writeObject(JsonWriter& writer, const typename Model::Node& node) {
     writer.beginObject();
     for (auto child = node.beginChildren(); child != node.endChildren(); ++child) {
         writer.key((*child)->getNameOverride());
@@ -55,8 +56,7 @@ void writeObject(JsonWriter& writer, const typename Model::Node& node)
 /// {"values": {...}} with every value and every list of the tree below
 /// `root`, a node of type object.
 template <typename Model>
-std::string writeRuntimeState(const typename Model::Node& root)
-{
+std::string writeRuntimeState(const typename Model::Node& root) {
     JsonWriter writer;
     writer.beginObject();
     writer.key("values");

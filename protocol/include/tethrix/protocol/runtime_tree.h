@@ -51,20 +51,17 @@ inline constexpr const char* defaultRowName = "row";
 
 /// Names are joined with '.' in binding paths and update paths, so a name
 /// with a '.' could never be reached; an empty one could not be told apart.
-inline bool isReachableName(std::string_view name)
-{
+inline bool isReachableName(std::string_view name) {
     return !name.empty() && name.find('.') == std::string_view::npos;
 }
 
 /// A node's type as a number, whatever enumeration its class uses.
 template <typename Node>
-int typeOf(const Node& node)
-{
+int typeOf(const Node& node) {
     return static_cast<int>(node.getType());
 }
 
-inline std::string quoted(const std::string& text)
-{
+inline std::string quoted(const std::string& text) {
     return "\"" + text + "\"";
 }
 

@@ -52,16 +52,17 @@ struct RuntimeTreeSize {
 /// values, which are short. Rows count, templates do not. The count is one
 /// that an update's changes can follow exactly, node by node.
 template <typename Model>
-std::size_t stateWeight(const typename Model::Node& node)
-{
+std::size_t stateWeight(const typename Model::Node& node) {
     std::size_t weight = 16 + node.getNameOverride().size();
-    if (typeOf(node) == runtimeString) weight += node.getValueAsString().size();
+    if (typeOf(node) == runtimeString)
+        weight += node.getValueAsString().size();
     for (auto child = node.beginChildren(); child != node.endChildren(); ++child) {
         weight += stateWeight<Model>(**child);
     }
     if (const auto* list = typeOf(node) == runtimeList ? Model::asList(node) : nullptr) {
         for (std::size_t i = 0; i < list->itemCount(); ++i) {
-            if (const auto row = list->getItem(i)) weight += stateWeight<Model>(*row);
+            if (const auto row = list->getItem(i))
+                weight += stateWeight<Model>(*row);
         }
     }
     return weight;
@@ -108,8 +109,7 @@ std::string shown(const boost::json::value& value);
 /// A real given as text, or a refusal.
 double readRealText(const boost::json::value& value, const Path& path);
 
-inline int readInteger(const boost::json::value& value, const Path& path)
-{
+inline int readInteger(const boost::json::value& value, const Path& path) {
     if (value.is_int64() && value.get_int64() >= INT_MIN && value.get_int64() <= INT_MAX) {
         return static_cast<int>(value.get_int64());
     }
@@ -121,23 +121,25 @@ inline int readInteger(const boost::json::value& value, const Path& path)
 
 /// JSON has no infinities and no NaN, so these travel as the strings "inf",
 /// "-inf" and "nan"; any other text of a number is taken as well.
-inline double readReal(const boost::json::value& value, const Path& path)
-{
-    if (value.is_double()) return value.get_double();
-    if (value.is_int64()) return static_cast<double>(value.get_int64());
-    if (value.is_uint64()) return static_cast<double>(value.get_uint64());
+inline double readReal(const boost::json::value& value, const Path& path) {
+    if (value.is_double())
+        return value.get_double();
+    if (value.is_int64())
+        return static_cast<double>(value.get_int64());
+    if (value.is_uint64())
+        return static_cast<double>(value.get_uint64());
     return readRealText(value, path);
 }
 
-inline bool readBoolean(const boost::json::value& value, const Path& path)
-{
-    if (!value.is_bool()) refuseBoolean(value, path);
+inline bool readBoolean(const boost::json::value& value, const Path& path) {
+    if (!value.is_bool())
+        refuseBoolean(value, path);
     return value.get_bool();
 }
 
-inline std::string readString(const boost::json::value& value, const Path& path)
-{
-    if (!value.is_string()) refuseString(value, path);
+inline std::string readString(const boost::json::value& value, const Path& path) {
+    if (!value.is_string())
+        refuseString(value, path);
     return std::string(value.get_string());
 }
 
@@ -159,16 +161,18 @@ void checkOperationKeys(const boost::json::object& members, const Path& path);
 /// lookup per child, cannot afford.
 class KeyIndex {
 public:
-    explicit KeyIndex(const boost::json::object& members) : members(members)
-    {
-        if (members.size() <= linearLimit) return;
+    explicit KeyIndex(const boost::json::object& members) : members(members) {
+        if (members.size() <= linearLimit)
+            return;
         std::size_t size = 4;
-        while (size < 4 * members.size()) size *= 2;
+        while (size < 4 * members.size())
+            size *= 2;
         slots.assign(size, Slot{0, 0});
         for (std::size_t i = 0; i < members.size(); ++i) {
             const std::uint64_t keyHash = hash(keyAt(i));
             std::size_t slot = keyHash & (size - 1);
-            while (slots[slot].position != 0) slot = (slot + 1) & (size - 1);
+            while (slots[slot].position != 0)
+                slot = (slot + 1) & (size - 1);
             slots[slot] = Slot{keyHash, i + 1};
         }
     }
@@ -176,11 +180,11 @@ public:
 
     /// The position of `name` among the keys, or npos. Inline: it runs once
     /// for each child of every object an update names.
-    std::size_t find(std::string_view name) const
-    {
+    std::size_t find(std::string_view name) const {
         if (slots.empty()) {
             for (std::size_t i = 0; i < members.size(); ++i) {
-                if (keyAt(i) == name) return i;
+                if (keyAt(i) == name)
+                    return i;
             }
             return npos;
         }
@@ -202,17 +206,16 @@ private:
         std::size_t position;  // position + 1; 0 is free
     };
 
-    std::string_view keyAt(std::size_t i) const
-    {
+    std::string_view keyAt(std::size_t i) const {
         const boost::json::string_view key = members.begin()[i].key();
         return std::string_view(key.data(), key.size());
     }
 
     /// FNV-1a: names are short, and this beats a general hash on them.
-    static std::uint64_t hash(std::string_view text)
-    {
+    static std::uint64_t hash(std::string_view text) {
         std::uint64_t value = 14695981039346656037ull;
-        for (const char c : text) value = (value ^ static_cast<unsigned char>(c)) * 1099511628211ull;
+        for (const char c : text)
+            value = (value ^ static_cast<unsigned char>(c)) * 1099511628211ull;
         return value;
     }
 
@@ -244,25 +247,29 @@ private:
 /// and rows. A row replaced by an equal one keeps its object, and with it
 /// its binding, and is no change.
 template <typename Model>
-bool sameTree(const typename Model::Node& a, const typename Model::Node& b)
-{
-    if (&a == &b) return true;
+bool sameTree(const typename Model::Node& a, const typename Model::Node& b) {
+    if (&a == &b)
+        return true;
     if (typeOf(a) != typeOf(b) || a.getNameOverride() != b.getNameOverride() ||
         a.getChildCount() != b.getChildCount() || a.getValueAsString() != b.getValueAsString() ||
         a.getProperties() != b.getProperties()) {
         return false;
     }
     for (auto ia = a.beginChildren(), ib = b.beginChildren(); ia != a.endChildren(); ++ia, ++ib) {
-        if (!sameTree<Model>(**ia, **ib)) return false;
+        if (!sameTree<Model>(**ia, **ib))
+            return false;
     }
     const auto* listA = Model::asList(a);
     const auto* listB = Model::asList(b);
-    if (!listA || !listB) return !listA && !listB;
-    if (listA->itemCount() != listB->itemCount()) return false;
+    if (!listA || !listB)
+        return !listA && !listB;
+    if (listA->itemCount() != listB->itemCount())
+        return false;
     for (std::size_t i = 0; i < listA->itemCount(); ++i) {
         const auto rowA = listA->getItem(i);
         const auto rowB = listB->getItem(i);
-        if (!rowA || !rowB ? rowA.get() != rowB.get() : !sameTree<Model>(*rowA, *rowB)) return false;
+        if (!rowA || !rowB ? rowA.get() != rowB.get() : !sameTree<Model>(*rowA, *rowB))
+            return false;
     }
     return true;
 }
@@ -282,39 +289,43 @@ public:
     void measure() { measuring = true; }
     std::int64_t growth() const { return grown; }
 
-    void planUpdate(Node& target, const boost::json::value& update)
-    {
+    void planUpdate(Node& target, const boost::json::value& update) {
         const Path top;
-        if (!update.is_object()) refuse(top, "an update is a JSON object, not " + shown(update));
+        if (!update.is_object())
+            refuse(top, "an update is a JSON object, not " + shown(update));
         const boost::json::object& members = update.get_object();
         checkTopKeys(members, top);
         // Values first, whatever the order of the keys: row operations count
         // on the rows that the values set.
-        if (const boost::json::value* values = members.if_contains("values")) planNode(target, *values, top);
+        if (const boost::json::value* values = members.if_contains("values"))
+            planNode(target, *values, top);
         if (const boost::json::value* operations = members.if_contains("rows")) {
             const Path rowsPath(top, rowsKey());
             if (!operations->is_array()) {
                 refuse(rowsPath, "row operations are a JSON array, not " + shown(*operations));
             }
             const boost::json::array& list = operations->get_array();
-            for (std::size_t i = 0; i < list.size(); ++i) planRowOperation(target, list[i], Path(rowsPath, i));
+            for (std::size_t i = 0; i < list.size(); ++i)
+                planRowOperation(target, list[i], Path(rowsPath, i));
         }
     }
 
     /// Makes the changes. Each value that differs fires what its node fires
     /// on a change, once; each list whose rows differ, once.
-    void apply()
-    {
-        for (ValueChange& change : values) applyValue(change);
-        for (RowsChange& change : lists) change.list->assignItems(change.rows.rows());
+    void apply() {
+        for (ValueChange& change : values)
+            applyValue(change);
+        for (RowsChange& change : lists)
+            change.list->assignItems(change.rows.rows());
     }
 
     /// A new row for `list` from `value`: the list's template with the
     /// values given, or, without a template, a tree of the JSON's shape.
-    static NodePtr makeRow(const List& list, const boost::json::value& value, const Path& path)
-    {
-        if (!value.is_object()) refuse(path, "a row is a JSON object, not " + shown(value));
-        if (!list.runtimeItemTemplate) return inferObject(defaultRowName, value.get_object(), path);
+    static NodePtr makeRow(const List& list, const boost::json::value& value, const Path& path) {
+        if (!value.is_object())
+            refuse(path, "a row is a JSON object, not " + shown(value));
+        if (!list.runtimeItemTemplate)
+            return inferObject(defaultRowName, value.get_object(), path);
         NodePtr row = list.runtimeItemTemplate->clone();
         // The row is in no tree yet: nothing can see it being filled.
         Plan fill;
@@ -338,15 +349,13 @@ private:
     void grow(const Node& added) { grown += static_cast<std::int64_t>(stateWeight<Model>(added)); }
     void shrink(const Node& removed) { grown -= static_cast<std::int64_t>(stateWeight<Model>(removed)); }
 
-    static void checkClass(const Node& node, int type, const Path& path)
-    {
+    static void checkClass(const Node& node, int type, const Path& path) {
         if (!Model::hasClassOfType(node, type)) {
             refuse(path, "the node's class does not match its type " + std::to_string(type));
         }
     }
 
-    void planNode(Node& node, const boost::json::value& value, const Path& path)
-    {
+    void planNode(Node& node, const boost::json::value& value, const Path& path) {
         const int type = typeOf(node);
         switch (type) {
         case runtimeInteger:
@@ -376,9 +385,11 @@ private:
             planObject(node, value.get_object(), path);
             return;
         case runtimeList: {
-            if (!value.is_array()) refuse(path, "a list takes a JSON array of all its rows, not " + shown(value));
+            if (!value.is_array())
+                refuse(path, "a list takes a JSON array of all its rows, not " + shown(value));
             List* list = Model::asList(node);
-            if (!list) refuse(path, "the node's class does not match its type " + std::to_string(type));
+            if (!list)
+                refuse(path, "the node's class does not match its type " + std::to_string(type));
             planRows(*list, value.get_array(), path);
             return;
         }
@@ -389,8 +400,7 @@ private:
     /// One pass over the children, each looked up among the keys, rather
     /// than one pass per key: an update of many values of one large object
     /// costs a walk of it once.
-    void planObject(Node& node, const boost::json::object& members, const Path& path)
-    {
+    void planObject(Node& node, const boost::json::object& members, const Path& path) {
         const KeyIndex keys(members);
         std::vector<bool> matched(members.size(), false);
         std::size_t unmatched = members.size();
@@ -405,44 +415,51 @@ private:
             planNode(**child, members.begin()[position].value(), Path(path, name));
         }
         for (std::size_t i = 0; i < members.size() && unmatched != 0; ++i) {
-            if (!matched[i]) refuse(path, "no node called " + quoted(std::string(members.begin()[i].key())));
+            if (!matched[i])
+                refuse(path, "no node called " + quoted(std::string(members.begin()[i].key())));
         }
     }
 
-    void planRows(List& list, const boost::json::array& given, const Path& path)
-    {
+    void planRows(List& list, const boost::json::array& given, const Path& path) {
         Rows next;
         next.reserve(given.size());
-        for (std::size_t i = 0; i < given.size(); ++i) next.push_back(makeRow(list, given[i], Path(path, i)));
+        for (std::size_t i = 0; i < given.size(); ++i)
+            next.push_back(makeRow(list, given[i], Path(path, i)));
         RowSequence<List, NodePtr>& pending = pendingRows(list);
         const Rows rows = pending.rows();
         for (std::size_t i = 0; i < next.size() && i < rows.size(); ++i) {
-            if (rows[i] && sameTree<Model>(*rows[i], *next[i])) next[i] = rows[i];
+            if (rows[i] && sameTree<Model>(*rows[i], *next[i]))
+                next[i] = rows[i];
         }
         if (measuring) {
             for (const NodePtr& row : rows) {
-                if (row) shrink(*row);
+                if (row)
+                    shrink(*row);
             }
-            for (const NodePtr& row : next) grow(*row);
+            for (const NodePtr& row : next)
+                grow(*row);
         }
         pending.assign(std::move(next));
     }
 
-    void planRowOperation(Node& target, const boost::json::value& operation, const Path& path)
-    {
-        if (!operation.is_object()) refuse(path, "a row operation is a JSON object, not " + shown(operation));
+    void planRowOperation(Node& target, const boost::json::value& operation, const Path& path) {
+        if (!operation.is_object())
+            refuse(path, "a row operation is a JSON object, not " + shown(operation));
         const boost::json::object& members = operation.get_object();
         checkOperationKeys(members, path);
         const boost::json::value* listPath = members.if_contains("list");
-        if (!listPath || !listPath->is_string()) refuse(path, "a row operation names its list in \"list\"");
+        if (!listPath || !listPath->is_string())
+            refuse(path, "a row operation names its list in \"list\"");
         List& list = findList(target, std::string(listPath->get_string()), path);
         const boost::json::value* row = members.if_contains("row");
         if (const boost::json::value* index = members.if_contains("remove")) {
-            if (row) refuse(path, "a removal takes no row");
+            if (row)
+                refuse(path, "a removal takes no row");
             removeRow(list, readIndex(*index, path), path);
             return;
         }
-        if (!row) refuse(path, "an insertion or a replacement takes a row");
+        if (!row)
+            refuse(path, "an insertion or a replacement takes a row");
         const Path rowPath(path, rowKey());
         NodePtr newRow = makeRow(list, *row, rowPath);
         if (const boost::json::value* index = members.if_contains("insert")) {
@@ -452,90 +469,93 @@ private:
         }
     }
 
-    void insertRow(List& list, std::size_t index, NodePtr row, const Path& path)
-    {
+    void insertRow(List& list, std::size_t index, NodePtr row, const Path& path) {
         RowSequence<List, NodePtr>& rows = pendingRows(list);
         if (index > rows.size()) {
             refuse(path,
                    outside(list, index, rows.size()) + "; an insertion takes 0 to " + std::to_string(rows.size()));
         }
-        if (measuring) grow(*row);
+        if (measuring)
+            grow(*row);
         rows.insert(index, std::move(row));
     }
 
-    void replaceRow(List& list, std::size_t index, NodePtr row, const Path& path)
-    {
+    void replaceRow(List& list, std::size_t index, NodePtr row, const Path& path) {
         RowSequence<List, NodePtr>& rows = pendingRows(list);
-        if (index >= rows.size()) refuse(path, outside(list, index, rows.size()));
+        if (index >= rows.size())
+            refuse(path, outside(list, index, rows.size()));
         const NodePtr present = rows.at(index);
-        if (present && sameTree<Model>(*present, *row)) return;
+        if (present && sameTree<Model>(*present, *row))
+            return;
         if (measuring) {
-            if (present) shrink(*present);
+            if (present)
+                shrink(*present);
             grow(*row);
         }
         rows.replace(index, std::move(row));
     }
 
-    void removeRow(List& list, std::size_t index, const Path& path)
-    {
+    void removeRow(List& list, std::size_t index, const Path& path) {
         RowSequence<List, NodePtr>& rows = pendingRows(list);
-        if (index >= rows.size()) refuse(path, outside(list, index, rows.size()));
+        if (index >= rows.size())
+            refuse(path, outside(list, index, rows.size()));
         const NodePtr removed = rows.remove(index);
-        if (measuring && removed) shrink(*removed);
+        if (measuring && removed)
+            shrink(*removed);
     }
 
-    static std::string outside(const List& list, std::size_t index, std::size_t count)
-    {
+    static std::string outside(const List& list, std::size_t index, std::size_t count) {
         return "row " + std::to_string(index) + " is outside the list " + quoted(list.getNameOverride()) + " of " +
                std::to_string(count) + " rows";
     }
 
     /// The list at a '.'-separated path of names below `target`, the same
     /// for every operation of the update, so looked up once.
-    List& findList(Node& target, const std::string& listPath, const Path& path)
-    {
+    List& findList(Node& target, const std::string& listPath, const Path& path) {
         auto known = listsByPath.find(listPath);
-        if (known != listsByPath.end()) return *known->second;
+        if (known != listsByPath.end())
+            return *known->second;
         List& list = lookUpList(target, listPath, path);
         listsByPath.emplace(listPath, &list);
         return list;
     }
 
-    static List& lookUpList(Node& target, const std::string& listPath, const Path& path)
-    {
+    static List& lookUpList(Node& target, const std::string& listPath, const Path& path) {
         Node* node = &target;
         std::size_t begin = 0;
         while (begin <= listPath.size() && !listPath.empty()) {
             std::size_t end = listPath.find('.', begin);
-            if (end == std::string::npos) end = listPath.size();
+            if (end == std::string::npos)
+                end = listPath.size();
             const std::string name = listPath.substr(begin, end - begin);
             if (typeOf(*node) != runtimeObject) {
                 refuse(path,
                        "no list " + quoted(listPath) + ": " + quoted(node->getNameOverride()) + " is not an object");
             }
             const NodePtr child = node->findChild(name);
-            if (!child) refuse(path, "no list " + quoted(listPath) + ": no node called " + quoted(name));
+            if (!child)
+                refuse(path, "no list " + quoted(listPath) + ": no node called " + quoted(name));
             node = child.get();
             begin = end + 1;
         }
         List* list = typeOf(*node) == runtimeList ? Model::asList(*node) : nullptr;
-        if (!list) refuse(path, quoted(listPath) + " is not a list");
+        if (!list)
+            refuse(path, quoted(listPath) + " is not a list");
         return *list;
     }
 
     /// The rows that `list` will have, as far as the plan has got; its
     /// present rows the first time.
-    RowSequence<List, NodePtr>& pendingRows(List& list)
-    {
+    RowSequence<List, NodePtr>& pendingRows(List& list) {
         auto known = changeOf.find(&list);
-        if (known != changeOf.end()) return known->second->rows;
+        if (known != changeOf.end())
+            return known->second->rows;
         lists.emplace_back(list);
         changeOf.emplace(&list, &lists.back());
         return lists.back().rows;
     }
 
-    static void applyValue(ValueChange& change)
-    {
+    static void applyValue(ValueChange& change) {
         // planNode checked each node's class against the kind of value.
         switch (change.value.index()) {
         case 0:
@@ -549,8 +569,7 @@ private:
         }
     }
 
-    static NodePtr inferNode(const std::string& name, const boost::json::value& value, const Path& path)
-    {
+    static NodePtr inferNode(const std::string& name, const boost::json::value& value, const Path& path) {
         switch (value.kind()) {
         case boost::json::kind::bool_:
             return Model::makeValue(name, value.get_bool());
@@ -567,7 +586,8 @@ private:
             auto list = Model::makeList(name);
             Rows rows;
             const boost::json::array& given = value.get_array();
-            for (std::size_t i = 0; i < given.size(); ++i) rows.push_back(makeRow(*list, given[i], Path(path, i)));
+            for (std::size_t i = 0; i < given.size(); ++i)
+                rows.push_back(makeRow(*list, given[i], Path(path, i)));
             list->assignItems(std::move(rows));
             return list;
         }
@@ -577,13 +597,13 @@ private:
         refuse(path, "null is no value");
     }
 
-    static NodePtr inferObject(const std::string& name, const boost::json::object& members, const Path& path)
-    {
+    static NodePtr inferObject(const std::string& name, const boost::json::object& members, const Path& path) {
         NodePtr node = Model::makeObject(name);
         for (const auto& member : members) {
             const std::string childName(member.key());
             const Path childPath(path, childName);
-            if (!isReachableName(childName)) refuse(childPath, "a name is not empty and holds no '.'");
+            if (!isReachableName(childName))
+                refuse(childPath, "a name is not empty and holds no '.'");
             node->addChild(inferNode(childName, member.value(), childPath));
         }
         return node;
@@ -605,12 +625,13 @@ private:
 /// grow the tree past size->limit, and keeps size->bytes current.
 template <typename Model>
 std::optional<RuntimeUpdateFault> applyRuntimeUpdate(std::string_view text, typename Model::Node& target,
-                                                     RuntimeTreeSize* size = nullptr)
-{
+                                                     RuntimeTreeSize* size = nullptr) {
     const runtime_update::UpdateText update(text);
-    if (!update.error().empty()) return RuntimeUpdateFault{std::string(), "not JSON (" + update.error() + ")"};
+    if (!update.error().empty())
+        return RuntimeUpdateFault{std::string(), "not JSON (" + update.error() + ")"};
     runtime_update::Plan<Model> plan;
-    if (size) plan.measure();
+    if (size)
+        plan.measure();
     try {
         plan.planUpdate(target, update.value());
     } catch (const runtime_update::Misfit& misfit) {
@@ -619,7 +640,8 @@ std::optional<RuntimeUpdateFault> applyRuntimeUpdate(std::string_view text, type
     if (size) {
         const std::int64_t after = static_cast<std::int64_t>(size->bytes) + plan.growth();
         const std::size_t bytes = after < 0 ? 0 : static_cast<std::size_t>(after);
-        if (bytes > size->limit) return runtime_update::tooLarge(bytes, size->limit);
+        if (bytes > size->limit)
+            return runtime_update::tooLarge(bytes, size->limit);
         size->bytes = bytes;
     }
     plan.apply();

@@ -12,7 +12,9 @@ namespace tethrix::protocol {
 
 std::string formatInteger(long long value);
 std::string formatReal(double value);
-inline std::string formatBoolean(bool value) { return value ? "1" : "0"; }
+inline std::string formatBoolean(bool value) {
+    return value ? "1" : "0";
+}
 
 /// Each parser takes the whole of `text` or nothing: on failure it returns
 /// false and leaves `out` alone. No blanks are skipped.

@@ -15,7 +15,9 @@ std::string formatInteger(long long value);
 std::string formatReal(double value);
 /// Shortest for a float, so 0.1f gives "0.1" and not "0.10000000149011612".
 std::string formatReal(float value);
-inline std::string formatBoolean(bool value) { return value ? "1" : "0"; }
+inline std::string formatBoolean(bool value) {
+    return value ? "1" : "0";
+}
 
 /// The text of a value of one of the result types (int, float, bool,
 /// std::string), also double and the other integer types; empty for an empty

@@ -29,8 +29,8 @@ public:
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    void writeOverride(LogLevel level, string_view levelName, string_view category, string_view file,
-                       unsigned int line, string_view message) override;
+    void writeOverride(LogLevel level, string_view levelName, string_view category, string_view file, unsigned int line,
+                       string_view message) override;
 
     std::vector<LogEntry> entries() const;
     /// The messages alone, in order.

@@ -28,8 +28,7 @@ ProgramResult runProgram(const std::string& program, const std::vector<std::stri
 /// pipe and its standard error appended to a file. Killed at the end.
 class ChildProcess {
 public:
-    ChildProcess(const std::string& program, const std::vector<std::string>& arguments,
-                 const std::string& errorFile);
+    ChildProcess(const std::string& program, const std::vector<std::string>& arguments, const std::string& errorFile);
     ~ChildProcess();
     ChildProcess(const ChildProcess&) = delete;
     ChildProcess& operator=(const ChildProcess&) = delete;

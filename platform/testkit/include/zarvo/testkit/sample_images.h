@@ -5,9 +5,9 @@
 
 #include <png.h>
 // jpeglib.h needs size_t and FILE declared before it.
+#include <jpeglib.h>
 #include <cstddef>
 #include <cstdio>
-#include <jpeglib.h>
 
 #include <csetjmp>
 #include <cstdint>
@@ -52,8 +52,7 @@ inline bool writePng(png_structp png, png_infop info, std::string* out, std::uin
         png_set_PLTE(png, info, options.palette.data(), static_cast<int>(options.palette.size()));
     }
     if (!options.paletteAlpha.empty()) {
-        png_set_tRNS(png, info, options.paletteAlpha.data(), static_cast<int>(options.paletteAlpha.size()),
-                     nullptr);
+        png_set_tRNS(png, info, options.paletteAlpha.data(), static_cast<int>(options.paletteAlpha.size()), nullptr);
     }
     png_write_info(png, info);
     png_write_image(png, rows);
