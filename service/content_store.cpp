@@ -238,17 +238,22 @@ bool ContentStore::mayHoldNull(const TableSchema& table, const TableColumn& colu
     return present;
 }
 
-ContentStore::Plan& ContentStore::planFor(const protocol::Query& query) {
-    std::string key = query.uri;
-    key += '\0';
+std::string queryShape(const protocol::Query& query) {
+    std::string shape = query.uri;
+    shape += '\0';
     for (const auto& column : query.columns) {
-        key += column;
-        key += '\1';
+        shape += column;
+        shape += '\1';
     }
-    key += '\0';
-    key += query.filter;
-    key += '\0';
-    key += query.sort;
+    shape += '\0';
+    shape += query.filter;
+    shape += '\0';
+    shape += query.sort;
+    return shape;
+}
+
+ContentStore::Plan& ContentStore::planFor(const protocol::Query& query) {
+    const std::string key = queryShape(query);
     if (Plan* known = plans.find(key))
         return *known;
 

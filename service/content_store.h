@@ -28,6 +28,10 @@ namespace tethrix::service {
 
 constexpr const char* defaultAuthority = "com.tavelorix.content";
 
+/// Equal for queries that differ at most in id, index and count: the same
+/// content, columns, filter and sort, and so the same plan.
+std::string queryShape(const protocol::Query& query);
+
 class ContentStore {
 public:
     /// Throws SqliteError if the file is missing or not a database.

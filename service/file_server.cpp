@@ -1,5 +1,7 @@
 #include "file_server.h"
 
+#include <tethrix/protocol/value_text.h>
+
 #include <algorithm>
 #include <cctype>
 #include <map>
@@ -12,16 +14,6 @@ namespace {
 
 constexpr const char* serverName = "tethrix-service";
 
-int hexDigit(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 std::optional<std::string> percentDecode(std::string_view text) {
     std::string decoded;
     decoded.reserve(text.size());
@@ -32,8 +24,8 @@ std::optional<std::string> percentDecode(std::string_view text) {
         }
         if (i + 2 >= text.size())
             return std::nullopt;
-        int high = hexDigit(text[i + 1]);
-        int low = hexDigit(text[i + 2]);
+        int high = protocol::hexDigitValue(text[i + 1]);
+        int low = protocol::hexDigitValue(text[i + 2]);
         if (high < 0 || low < 0)
             return std::nullopt;
         decoded += static_cast<char>(high * 16 + low);

@@ -29,16 +29,7 @@ QueryAnswer errorAnswer(protocol::RequestId id, const QueryError& error) {
 /// Equal for queries that differ at most in id and index: blocks of one
 /// content, of one size.
 std::string shapeOf(const protocol::Query& query) {
-    std::string shape = query.uri;
-    shape += '\0';
-    for (const auto& column : query.columns) {
-        shape += column;
-        shape += '\1';
-    }
-    shape += '\0';
-    shape += query.filter;
-    shape += '\0';
-    shape += query.sort;
+    std::string shape = queryShape(query);
     shape += '\0';
     shape += std::to_string(query.count);
     return shape;

@@ -1,5 +1,7 @@
 #include "inspector_server.h"
 
+#include <tethrix/protocol/value_text.h>
+
 #include <zarvo/log.h>
 
 #include <boost/asio/executor_work_guard.hpp>
@@ -73,16 +75,6 @@ std::string programDirectory() {
     return path.substr(0, path.find_last_of('/'));
 }
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 /// The value of `name` in the query of `target`, percent-decoded.
 std::string queryParameter(beast::string_view target, const std::string& name) {
     const std::size_t question = target.find('?');
@@ -98,8 +90,10 @@ std::string queryParameter(beast::string_view target, const std::string& name) {
         }
         std::string value;
         for (std::size_t i = name.size() + 1; i < pair.size(); ++i) {
-            if (pair[i] == '%' && i + 2 < pair.size() && hexValue(pair[i + 1]) >= 0 && hexValue(pair[i + 2]) >= 0) {
-                value += static_cast<char>(hexValue(pair[i + 1]) * 16 + hexValue(pair[i + 2]));
+            if (pair[i] == '%' && i + 2 < pair.size() && tethrix::protocol::hexDigitValue(pair[i + 1]) >= 0 &&
+                tethrix::protocol::hexDigitValue(pair[i + 2]) >= 0) {
+                value += static_cast<char>(tethrix::protocol::hexDigitValue(pair[i + 1]) * 16 +
+                                           tethrix::protocol::hexDigitValue(pair[i + 2]));
                 i += 2;
             } else {
                 value += pair[i] == '+' ? ' ' : pair[i];

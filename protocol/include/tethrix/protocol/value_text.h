@@ -25,6 +25,18 @@ bool parseReal(std::string_view text, double& out);
 /// "1", "0", "true", "false".
 bool parseBoolean(std::string_view text, bool& out);
 
+/// The value of a hexadecimal digit of either case, as in a percent-encoded
+/// URL; -1 for any other character.
+inline int hexDigitValue(char c) {
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
 }  // namespace tethrix::protocol
 
 #endif
