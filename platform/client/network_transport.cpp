@@ -85,7 +85,7 @@ public:
 
     void integer(std::size_t column, std::int64_t value) {
         bool clamped = false;
-        result.cells.emplace_back(narrowInteger(value, clamped));
+        result.cells.pushInteger(narrowInteger(value, clamped));
         if (clamped) {
             tell(column, std::to_string(value), "32-bit int");
         }
@@ -93,14 +93,14 @@ public:
 
     void real(std::size_t column, double value) {
         bool clamped = false;
-        result.cells.emplace_back(narrowReal(value, clamped));
+        result.cells.pushFloat(narrowReal(value, clamped));
         if (clamped) {
             tell(column, shownNumber(value), "float");
         }
     }
 
-    void boolean(bool value) { result.cells.emplace_back(value); }
-    void text(std::string value) { result.cells.emplace_back(std::move(value)); }
+    void boolean(bool value) { result.cells.pushBool(value); }
+    void text(std::string_view value) { result.cells.pushString(value.data(), value.size()); }
 
 private:
     void tell(std::size_t column, const std::string& given, const char* type) {
@@ -143,7 +143,7 @@ QueryResult toQueryResult(protocol::Result&& result) {
             } else if (auto* b = std::get_if<bool>(&cell)) {
                 cells.boolean(*b);
             } else {
-                cells.text(std::move(std::get<std::string>(cell)));
+                cells.text(std::get<std::string>(cell));
             }
         }
     }
@@ -156,7 +156,7 @@ bool readResultFrame(protocol::ResultFrameReader& reader, QueryResult& converted
     converted.startIndex = static_cast<std::size_t>(reader.startIndex());
     const auto& columns = reader.columns();
     copyColumns(converted, columns);
-    converted.cells.reserve(std::size_t{reader.rowCount()} * columns.size());
+    converted.cells.reserve(std::size_t{reader.rowCount()} * columns.size(), reader.remaining());
     CellConverter cells(converted, columns, reader.id());
     for (std::uint32_t r = 0; r < reader.rowCount(); ++r) {
         for (std::size_t c = 0; c < columns.size(); ++c) {
@@ -190,7 +190,7 @@ bool readResultFrame(protocol::ResultFrameReader& reader, QueryResult& converted
                 std::string_view chars;
                 read = reader.text(chars);
                 if (read) {
-                    cells.text(std::string(chars));
+                    cells.text(chars);
                 }
                 break;
             }

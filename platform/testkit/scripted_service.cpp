@@ -77,9 +77,9 @@ struct ScriptedService::State : client::Transport {
         for (std::size_t row = first; row < end; ++row) {
             for (std::size_t position : positions) {
                 if (position < table.columns.size()) {
-                    result.cells.push_back(table.value(row, position));
+                    result.cells.push(table.value(row, position));
                 } else {
-                    result.cells.push_back(std::string());
+                    result.cells.pushString("", 0);
                 }
             }
         }
@@ -141,7 +141,9 @@ void ScriptedService::reply(const RecordedQuery& query, std::vector<ContentResul
             throw std::invalid_argument("ScriptedService::reply: a row has " + std::to_string(row.size()) +
                                         " values for " + std::to_string(columns.size()) + " columns");
         }
-        std::move(row.begin(), row.end(), std::back_inserter(result.cells));
+        for (auto& value : row) {
+            result.cells.push(std::move(value));
+        }
     }
     result.columns = std::move(columns);
     state->answer(query.queryId, std::move(result));

@@ -172,7 +172,7 @@ TEST(ContentResultTest, CellsAreReadRowMajorAtTheCurrentRowAndOutOfRangeGivesEmp
     EXPECT_THROW(ContentResult(0, {{"a", ContentDataTypeInteger}, {"b", ContentDataTypeInteger}}, {boost::any(1)}),
                  std::invalid_argument);
     EXPECT_THROW(ContentResult(0, {}, {boost::any(1)}), std::invalid_argument);
-    EXPECT_EQ(ContentResult(0, {}, {}).getRowCount(), 0u);
+    EXPECT_EQ(ContentResult(0, {}, std::vector<boost::any>{}).getRowCount(), 0u);
 }
 
 TEST(ContentResultTest, ColumnValueRendersEachTypeAsText) {

@@ -5,6 +5,7 @@
 #include <boost/any.hpp>
 
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,51 @@ private:
     std::string sort;
 };
 
+/// The values of a result, one after another. A value of one of the four
+/// result types is held in place, strings back to back in one buffer, so a
+/// block of thousands of values is a few allocations and not one or two a
+/// value; it is boxed only when a reader asks for it. A value of any other
+/// type is kept boxed as it came.
+class ContentCells {
+public:
+    ContentCells() = default;
+    /// Boxes and all: what ContentResult's constructor from boxed cells takes.
+    explicit ContentCells(std::vector<boost::any> boxed);
+
+    std::size_t size() const { return cells.size(); }
+    bool empty() const { return cells.empty(); }
+    /// Room for `count` values and `textBytes` bytes of strings.
+    void reserve(std::size_t count, std::size_t textBytes = 0);
+
+    void pushInteger(int value);
+    void pushFloat(float value);
+    void pushBool(bool value);
+    void pushString(const char* data, std::size_t length);
+    /// Holds an int, float, bool or std::string in place, anything else boxed.
+    void push(boost::any value);
+
+    /// The value at `index` as a boost::any of the type it was given as;
+    /// empty past the end.
+    boost::any get(std::size_t index) const;
+
+private:
+    enum class Kind : unsigned char { Integer, Float, Bool, String, Boxed };
+    struct Cell {
+        Kind kind;
+        std::uint32_t length;  ///< of a string
+        union {
+            int integer;
+            float real;
+            bool boolean;
+            std::size_t offset;  ///< of a string in `text`, of a box in `boxes`
+        };
+    };
+
+    std::vector<Cell> cells;
+    std::string text;
+    std::vector<boost::any> boxes;
+};
+
 /// The answer to a query: a table of rows and a current row.
 class ContentResult {
 public:
@@ -55,6 +101,7 @@ public:
     /// column, of the type that the column's type names. Cells that do not
     /// make whole rows throw std::invalid_argument.
     ContentResult(std::size_t startIndex, std::vector<Column> columns, std::vector<boost::any> cells);
+    ContentResult(std::size_t startIndex, std::vector<Column> columns, ContentCells cells);
 
     std::size_t getRowCount() const { return rowCount; }
     /// Index of the first row within the whole content.
@@ -76,7 +123,7 @@ public:
 private:
     std::size_t startIndex;
     std::vector<Column> columns;
-    std::vector<boost::any> cells;
+    ContentCells cells;
     std::size_t rowCount;
     std::size_t currentRow = 0;
 };

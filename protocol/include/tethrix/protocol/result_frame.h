@@ -77,6 +77,8 @@ public:
     std::uint64_t startIndex() const { return start; }
     const std::vector<Column>& columns() const { return resultColumns; }
     std::uint32_t rowCount() const { return rows; }
+    /// Bytes not yet read: a bound on the bytes of the texts still to come.
+    std::size_t remaining() const { return rest.size(); }
 
     /// The next cell, which must be of the type called for.
     bool integer(std::int64_t& value);

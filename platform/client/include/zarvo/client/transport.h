@@ -44,7 +44,7 @@ struct QueryResult {
     std::vector<ContentResult::Column> columns;
     /// The rows one after another, one value per column, each of the type
     /// that its column names (see ContentResult).
-    std::vector<boost::any> cells;
+    ContentCells cells;
 };
 
 /// Where a transport reports to. Every operation may be called from any
