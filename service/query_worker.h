@@ -79,7 +79,8 @@ public:
     QueryWorker& operator=(const QueryWorker&) = delete;
 
     /// Queues `query` behind the other queries of `client`. `done` runs on a
-    /// worker thread, and not at all if `cancel` was set before the answer
+    /// worker thread, or within this call when a block read ahead answers the
+    /// query at once, and not at all if `cancel` was set before the answer
     /// was ready. `binary`: a result is answered with a binary result frame.
     void submit(Client client, protocol::Query query, bool binary, CancelFlag cancel, Done done);
     /// The client is gone: what was read ahead for it is dropped.

@@ -3,7 +3,7 @@
 #include <tethrix/protocol/codec.h>
 #include <tethrix/protocol/result_frame.h>
 
-#include <boost/asio/post.hpp>
+#include <boost/asio/dispatch.hpp>
 
 #include <cstdio>
 
@@ -180,12 +180,13 @@ void WebSocketSession::onQuery(protocol::Query query) {
         return;
     auto flag = std::make_shared<std::atomic<bool>>(false);
     openQueries.emplace(query.id, flag);
-    // The answer comes back on the worker thread and is carried over to the
-    // network thread; by then the session may be gone.
+    // The answer comes back on a query thread and is carried over to the
+    // network thread, by then the session may be gone; or, read ahead, it
+    // comes at once on the network thread and goes out before submit returns.
     auto& io = context.io;
     std::weak_ptr<WebSocketSession> weak = shared_from_this();
     context.worker.submit(this, std::move(query), binaryResults, flag, [&io, weak, flag](QueryAnswer answer) {
-        boost::asio::post(io, [weak, flag, answer = std::move(answer)]() mutable {
+        boost::asio::dispatch(io, [weak, flag, answer = std::move(answer)]() mutable {
             if (auto self = weak.lock())
                 self->onAnswer(std::move(answer), flag);
         });
