@@ -83,6 +83,9 @@ void RuntimeDataObject::addModifiedNotificationHandler(std::function<void(Runtim
 }
 
 void RuntimeDataObject::notifyModified() {
+    // A handler may drop the last owner of this node (a binding that rebuilds
+    // its tree, say): the node stays until the round is over.
+    const std::shared_ptr<RuntimeDataObject> keep = weak_from_this().lock();
     // A handler may add handlers; those wait for the next change. Each runs
     // from a copy, since adding may move the vector under a running one.
     const std::size_t count = handlers.size();

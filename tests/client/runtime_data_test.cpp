@@ -35,6 +35,13 @@ TEST(RuntimeDataTest, HandlersFireOnlyWhenTheValueChanges) {
     EXPECT_FALSE(volume->setValueFromString("four"));
     EXPECT_TRUE(volume->setValueFromString("-5"));
     EXPECT_THAT(seen, ElementsAre(4, -5));
+
+    // A handler that drops the node's last owner: the round still ends.
+    volume->addModifiedNotificationHandler([&](RuntimeDataObject*) { volume.reset(); });
+    volume->addModifiedNotificationHandler([&](RuntimeDataObject*) { seen.push_back(0); });
+    volume->setValue(6);
+    EXPECT_EQ(volume, nullptr);
+    EXPECT_THAT(seen, ElementsAre(4, -5, 6, 0));
 }
 
 TEST(RuntimeDataTest, TextIsParsedWholeOrTheValueIsLeft) {
