@@ -1,5 +1,7 @@
 #include <zarvo/data_context.h>
 
+#include <zarvo/data_object.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -35,6 +37,10 @@ void DataContext::notifyModified() {
         }
         return;
     }
+    // A handler may drop the last owner of this object: it stays until the
+    // round is over.
+    auto* object = dynamic_cast<DataObject*>(this);
+    const std::shared_ptr<DataObject> keep = object != nullptr ? object->weak_from_this().lock() : nullptr;
     // Handlers may add or remove subscriptions, so the round goes over a copy;
     // one that an earlier handler removed is skipped.
     const auto snapshot = subscriptions;

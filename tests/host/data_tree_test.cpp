@@ -103,6 +103,14 @@ TEST(DataContextTest, NotificationsReachSubscribersInOrderUntilRemovedAndChanges
     calls.clear();
     context->notifyModified();
     EXPECT_THAT(calls, ElementsAre("remover", "added"));
+
+    // A subscriber that drops the object's last owner: the round still ends.
+    calls.clear();
+    context->addModifiedSubscription([&](DataContext&) { context.reset(); });
+    context->addModifiedSubscription([&](DataContext&) { calls.push_back("after"); });
+    context->notifyModified();
+    EXPECT_EQ(context, nullptr);
+    EXPECT_EQ(calls.back(), "after");
 }
 
 // Each thread counts its own objects; only the sum, with what ended threads
