@@ -81,6 +81,7 @@ int runInspect(const CommandLine& line) {
                                     InspectorOptions{line.source.name, line.source.serviceUrl, line.source.configFile});
     std::shared_ptr<QueryMonitor> monitor;
     if (serviceOptions) {
+        serviceOptions->loop = &session.loop();
         Inspector* target = inspector.get();
         monitor =
             std::make_shared<QueryMonitor>(std::make_shared<client::NetworkTransport>(*serviceOptions), session.loop(),

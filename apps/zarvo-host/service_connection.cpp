@@ -32,10 +32,13 @@ bool isConnected(Domain& domain) {
 }  // namespace
 
 void connectToService(Domain& domain, const std::string& url) {
-    const std::optional<client::NetworkTransportOptions> options = client::parseServiceUrl(url);
+    std::optional<client::NetworkTransportOptions> options = client::parseServiceUrl(url);
     if (!options) {
         throw UsageError("not a service URL: \"" + url + "\"; expected ws://HOST:PORT[/PATH] or HOST:PORT");
     }
+    // The connection runs on the loop itself: no thread to wake between a
+    // list's query and its answer.
+    options->loop = domain.getMessageDispatcher();
     client::installTransport(*Context::instance(domain, nullptr), std::make_shared<client::NetworkTransport>(*options));
 }
 

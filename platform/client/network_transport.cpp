@@ -251,20 +251,39 @@ public:
 
     void start(std::shared_ptr<TransportReceiver> newReceiver) {
         receiver = std::move(newReceiver);
-        thread = std::thread([this] { io.run(); });
+        // A loop that already waits for another connection leaves this
+        // one to a thread of its own.
+        if (options.loop == nullptr || !joinLoop()) {
+            thread = std::thread([this] { io.run(); });
+        }
         post([](Link& link) { link.connect(); });
     }
 
-    /// Ends every operation so that the thread runs out of work and ends.
+    /// Ends every operation so that the thread runs out of work and ends;
+    /// on the loop, runs them to their end here.
     void stop() {
+        if (joined) {
+            options.loop->clearExternalWait(joined.get());
+            joined.reset();
+            shutDown();
+            io.restart();
+            io.run();
+            return;
+        }
         post([](Link& link) { link.shutDown(); });
         if (thread.joinable()) {
             thread.join();
         }
     }
 
+    /// Work from the transport's operations. On the loop they are called on
+    /// the loop's thread, which is this connection's own.
     template <typename Work>
     void post(Work work) {
+        if (joined) {
+            work(*this);
+            return;
+        }
         asio::post(io, [self = shared_from_this(), work = std::move(work)]() mutable { work(*self); });
     }
 
@@ -574,6 +593,35 @@ private:
         current.reset();
     }
 
+    /// Has the loop wait in this connection's io_context: its socket and
+    /// timers then wake the loop, and work posted to the loop interrupts the
+    /// wait. False if the loop already waits for another. The functions
+    /// reach the io_context through a weak pointer to this connection, as
+    /// interrupt() may come from another thread while the connection goes.
+    bool joinLoop() {
+        auto external = std::make_shared<ZvuMessageDispatcher::ExternalWait>();
+        std::weak_ptr<Link> weak = shared_from_this();
+        external->wait = [weak](std::chrono::steady_clock::time_point until) {
+            if (auto self = weak.lock()) {
+                self->io.run_one_until(until);
+            }
+        };
+        external->poll = [weak]() {
+            auto self = weak.lock();
+            return self && self->io.poll_one() != 0;
+        };
+        external->interrupt = [weak]() {
+            if (auto self = weak.lock()) {
+                asio::post(self->io, [] {});
+            }
+        };
+        if (!options.loop->setExternalWait(external)) {
+            return false;
+        }
+        joined = std::move(external);
+        return true;
+    }
+
     void shutDown() {
         stopping = true;
         retryTimer.cancel();
@@ -610,6 +658,8 @@ private:
     asio::steady_timer helloTimer;
     asio::steady_timer backlogTimer;
     std::thread thread;
+    /// The loop's wait this connection runs in, if it runs on the loop.
+    std::shared_ptr<const ZvuMessageDispatcher::ExternalWait> joined;
     std::shared_ptr<TransportReceiver> receiver;
 
     std::shared_ptr<Attempt> current;

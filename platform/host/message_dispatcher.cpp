@@ -39,11 +39,32 @@ void ZvuMessageDispatcher::post(std::function<void()> task) {
     if (!task) {
         return;
     }
+    std::shared_ptr<const ExternalWait> external;
     {
         std::lock_guard<std::mutex> lock(mutex);
         posted.push_back(std::move(task));
+        external = externalWait;
     }
     wake.notify_all();
+    if (external) {
+        external->interrupt();
+    }
+}
+
+bool ZvuMessageDispatcher::setExternalWait(std::shared_ptr<const ExternalWait> external) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (externalWait) {
+        return false;
+    }
+    externalWait = std::move(external);
+    return true;
+}
+
+void ZvuMessageDispatcher::clearExternalWait(const ExternalWait* external) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (externalWait.get() == external) {
+        externalWait.reset();
+    }
 }
 
 std::shared_ptr<void> ZvuMessageDispatcher::addTimer(milliseconds interval, ZvuTimerMessageMode mode,
@@ -134,16 +155,28 @@ void ZvuMessageDispatcher::fire(const std::shared_ptr<Timer>& timer) {
 
 bool ZvuMessageDispatcher::runOneReady() {
     std::function<void()> task;
+    std::shared_ptr<const ExternalWait> external;
     {
         std::lock_guard<std::mutex> lock(mutex);
         if (!posted.empty()) {
             task = std::move(posted.front());
             posted.pop_front();
+        } else {
+            external = externalWait;
         }
     }
     if (task) {
         invoke(task);
         return true;
+    }
+    // Input of the external wait comes next, as work posted by an I/O
+    // thread would: a timer that is always due must not shut it out.
+    bool ran = false;
+    if (external) {
+        invoke([&] { ran = external->poll(); });
+        if (ran) {
+            return true;
+        }
     }
     auto timer = nextDueTimer(now());
     if (!timer) {
@@ -215,17 +248,33 @@ bool ZvuMessageDispatcher::runUntil(const std::function<bool()>& done, milliseco
             lock.unlock();
             return done();
         }
+        if (externalWait) {
+            // Work posted meanwhile has interrupted the wait already, or
+            // will: interrupt() is called after the work is queued.
+            const auto external = externalWait;
+            if (!posted.empty() || quitRequested) {
+                continue;
+            }
+            lock.unlock();
+            invoke([&] { external->wait(wakeAt); });
+            continue;
+        }
         wake.wait_until(lock, wakeAt, [this] { return !posted.empty() || quitRequested; });
     }
     return done();
 }
 
 void ZvuMessageDispatcher::quit() {
+    std::shared_ptr<const ExternalWait> external;
     {
         std::lock_guard<std::mutex> lock(mutex);
         quitRequested = true;
+        external = externalWait;
     }
     wake.notify_all();
+    if (external) {
+        external->interrupt();
+    }
 }
 
 std::shared_ptr<void> addTimerHandler(ZvuMessageDispatcher* dispatcher, std::chrono::milliseconds interval,

@@ -102,13 +102,19 @@ protected:
     std::vector<int> states;
 };
 
-TEST_F(NetworkTransportTest, AMissingOrLostServiceIsToldOnceAndReconnectedToAndAnswersArriveOnTheLoop) {
+// The connection on an I/O thread of its own, and on the loop itself.
+class NetworkTransportModeTest : public NetworkTransportTest, public ::testing::WithParamInterface<bool> {};
+INSTANTIATE_TEST_SUITE_P(OwnThreadOrLoop, NetworkTransportModeTest, ::testing::Bool());
+
+TEST_P(NetworkTransportModeTest, AMissingOrLostServiceIsToldOnceAndReconnectedToAndAnswersArriveOnTheLoop) {
     unsigned short port = 0;
     {
         RunningService probe(database());  // a port that is free again once it stops
         port = probe.port();
     }
-    connectTo(port);
+    client::NetworkTransportOptions options;
+    options.loop = GetParam() ? host.domain().getMessageDispatcher() : nullptr;
+    connectTo(port, options);
     ASSERT_TRUE(reachesState(Connection::StateLost));
     {
         RunningService running(database(), port);

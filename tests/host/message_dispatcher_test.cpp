@@ -4,8 +4,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <condition_variable>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zarvo {
@@ -77,6 +80,44 @@ TEST_F(ManualLoopTest, RunUntilIdleRunsChainsOfPostedWorkAndCallbackExceptionsAr
     const auto error = testing::StartsWith("error host: ");
     EXPECT_THAT(log.lines(), ElementsAre(testing::AllOf(error, HasSubstr("disk on fire")), error, HasSubstr("bad tick"),
                                          HasSubstr("bad tick")));
+}
+
+// A wait of the program's own: the loop polls it between callbacks and sleeps
+// in it when idle; work posted from another thread and quit() end that sleep.
+TEST(ExternalWaitTest, TheLoopPollsAndSleepsInItAndPostsAndQuitEndTheSleep) {
+    ZvuMessageDispatcher loop;
+    std::mutex mutex;
+    std::condition_variable woken;
+    bool interrupted = false;
+    int ready = 2;
+    auto external = std::make_shared<ZvuMessageDispatcher::ExternalWait>();
+    external->wait = [&](std::chrono::steady_clock::time_point until) {
+        std::unique_lock<std::mutex> lock(mutex);
+        woken.wait_until(lock, until, [&] { return interrupted; });
+        interrupted = false;
+    };
+    external->poll = [&] { return ready > 0 && ready-- > 0; };
+    external->interrupt = [&] {
+        std::lock_guard<std::mutex> lock(mutex);
+        interrupted = true;
+        woken.notify_all();
+    };
+    ASSERT_TRUE(loop.setExternalWait(external));
+    EXPECT_FALSE(loop.setExternalWait(std::make_shared<ZvuMessageDispatcher::ExternalWait>()));
+    EXPECT_EQ(loop.runUntilIdle(), 2u);
+
+    // The other thread waits a little, so that the loop is asleep in the wait.
+    bool ran = false;
+    std::thread poster([&] {
+        std::this_thread::sleep_for(milliseconds(20));
+        loop.post([&] { ran = true; });
+        std::this_thread::sleep_for(milliseconds(20));
+        loop.quit();
+    });
+    EXPECT_TRUE(loop.runUntil([&] { return ran; }, std::chrono::hours(1)));
+    loop.run();
+    poster.join();
+    loop.clearExternalWait(external.get());
 }
 
 }  // namespace

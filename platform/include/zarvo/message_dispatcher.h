@@ -77,6 +77,25 @@ public:
     /// The dispatcher's clock, from an arbitrary start.
     std::chrono::milliseconds now() const;
 
+    /// Host side: a wait of the program's own for the loop to use, so that
+    /// the loop's thread can also wait for input of its own (a network
+    /// connection's socket, say) instead of handing it over from another
+    /// thread. While nothing is ready the loop calls wait(until), which
+    /// returns once it has run something or at `until`; between its own
+    /// callbacks it calls poll(), which runs one thing that is ready without
+    /// waiting and says whether it did; interrupt() ends a wait and is called
+    /// from any thread. Set on the loop's thread. One at a time: false, and nothing changes, while another
+    /// is set.
+    struct ExternalWait {
+        std::function<void(std::chrono::steady_clock::time_point until)> wait;
+        std::function<bool()> poll;
+        std::function<void()> interrupt;
+    };
+    bool setExternalWait(std::shared_ptr<const ExternalWait> external);
+    /// Ends `external` if it is the wait set; the loop then sleeps on its
+    /// own again.
+    void clearExternalWait(const ExternalWait* external);
+
     /// Number of timers registered.
     std::size_t timerCount() const;
 
@@ -95,6 +114,7 @@ private:
     std::condition_variable wake;
     std::deque<std::function<void()>> posted;
     bool quitRequested = false;
+    std::shared_ptr<const ExternalWait> externalWait;  ///< under `mutex`
 
     // Timers belong to the loop's thread; only posted work crosses threads.
     std::multimap<std::chrono::milliseconds, std::shared_ptr<Timer>> timers;

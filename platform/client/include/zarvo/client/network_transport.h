@@ -1,5 +1,6 @@
 // The transport to a real tethrix-service: one WebSocket connection, kept on
-// an I/O thread of its own and speaking the protocol of docs/protocol.md.
+// an I/O thread of its own or on the loop (NetworkTransportOptions::loop), and
+// speaking the protocol of docs/protocol.md.
 //
 //     auto context = zarvo::Context::instance(domain, nullptr);
 //     auto options = zarvo::client::parseServiceUrl("ws://127.0.0.1:8080/tethrix");
@@ -18,6 +19,7 @@
 #define ZARVO_CLIENT_NETWORK_TRANSPORT_H
 
 #include <zarvo/client/transport.h>
+#include <zarvo/message_dispatcher.h>
 
 #include <chrono>
 #include <memory>
@@ -51,6 +53,12 @@ struct NetworkTransportOptions {
     /// Answers and updates read and not yet delivered on the loop; past
     /// it no further frame is read until the loop has caught up.
     std::size_t maxPendingReports = 1000;
+    /// The loop to run the connection on, in its waits, instead of an I/O
+    /// thread of its own: a query then goes out from the loop's thread, and
+    /// an answer wakes the loop itself, with no thread to wake on the way.
+    /// The transport must then be attached, used and detached on that loop's
+    /// thread, and detached before the loop goes.
+    ZvuMessageDispatcher* loop = nullptr;
 };
 
 /// Reads "ws://HOST:PORT[/PATH]" or "HOST:PORT"; empty if it is neither.
@@ -64,9 +72,10 @@ public:
     NetworkTransport(const NetworkTransport&) = delete;
     NetworkTransport& operator=(const NetworkTransport&) = delete;
 
-    /// Starts the I/O thread and the first connection attempt.
+    /// Starts the I/O thread (or joins the loop) and the first connection
+    /// attempt.
     void attach(std::shared_ptr<TransportReceiver> receiver) override;
-    /// Closes the connection and joins the I/O thread.
+    /// Closes the connection and joins the I/O thread (or leaves the loop).
     void detach() override;
 
     void sendQuery(std::uint64_t loaderId, std::uint64_t queryId, const ContentQueryArguments& arguments) override;
